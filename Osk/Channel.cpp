@@ -1,0 +1,70 @@
+#include "Osk/Channel.h"
+
+#include <cstdio>
+#include <mutex>
+
+namespace Osk {
+
+namespace {
+
+std::mutex& _reporterLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+Reporter& _defaultReporter() {
+    static Reporter reporter;
+    return reporter;
+}
+
+const char* _severityName(const Tamlog::severity_mask& sev) {
+    if (sev.equal(Tamlog::sev::critical)) return "critical";
+    if (sev.equal(Tamlog::sev::alert)) return "alert";
+    if (sev.equal(Tamlog::sev::error)) return "error";
+    if (sev.equal(Tamlog::sev::warning)) return "warning";
+    if (sev.equal(Tamlog::sev::notice)) return "notice";
+    if (sev.equal(Tamlog::sev::info)) return "info";
+    if (Tamlog::debug_mask(sev) != 0) return "debug";
+    return "other";
+}
+
+}  // namespace
+
+Channel::Channel(const std::string& name) : name_(name), hostState_(false) {}
+
+Channel::~Channel() {}
+
+void Channel::set_reporter(Reporter reporter) { reporter_ = std::move(reporter); }
+
+void Channel::set_default_reporter(Reporter reporter) {
+    std::lock_guard<std::mutex> guard(_reporterLock());
+    _defaultReporter() = std::move(reporter);
+}
+
+void Channel::report_error(const Tamlog::internal::severity::severity_mask& sev, const char* text) {
+    try {
+        report_error(sev, std::string(text ? text : ""));
+    } catch (...) {
+    }
+}
+
+void Channel::report_error(const Tamlog::internal::severity::severity_mask& sev,
+                           const std::string& text) {
+    (void)hostState_;
+    try {
+        Reporter reporter = reporter_;
+        if (!reporter) {
+            std::lock_guard<std::mutex> guard(_reporterLock());
+            reporter = _defaultReporter();
+        }
+        if (reporter) {
+            reporter(sev, text);
+            return;
+        }
+        std::fprintf(stderr, "%s: %s: %s\n", name_.c_str(), _severityName(sev), text.c_str());
+    } catch (...) {
+        // Reporting must never take the channel down.
+    }
+}
+
+}  // namespace Osk

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <functional>
+#include <string>
+
+#include "LogToolkit/Severity.h"
+#include "Osk/ChannelCfg.h"
+#include "Osk/ChannelEvent.h"
+#include "Osk/Export.h"
+
+namespace Osk {
+
+// Receives every problem a channel reports. The host installs one; without
+// one, reports go to standard error.
+typedef std::function<void(const Tamlog::severity_mask& sev, const std::string& text)> Reporter;
+
+// Base of every channel plug-in. The host creates a channel through the
+// plug-in's `createChannel`, then calls do_configure, do_log/do_flush any
+// number of times, do_shutdown, and releases it; calls on one channel are
+// serialised by the host.
+class OSK_API Channel {
+public:
+    explicit Channel(const std::string& name);
+    virtual ~Channel();
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+
+    virtual bool do_configure(const ChannelCfg& cfg) = 0;
+    virtual void do_log(boost::shared_ptr<ChannelEvent> event) = 0;
+    virtual void do_flush() = 0;
+    virtual void do_shutdown() = 0;
+
+    // Records a problem of the channel; never throws.
+    void report_error(const Tamlog::internal::severity::severity_mask& sev, const char* text);
+    void report_error(const Tamlog::internal::severity::severity_mask& sev, const std::string& text);
+
+    const std::string& name() const { return name_; }
+
+    // This channel's reporter; an empty one falls back to the default.
+    void set_reporter(Reporter reporter);
+    // The process-wide reporter used by channels without their own.
+    static void set_default_reporter(Reporter reporter);
+
+private:
+    std::string name_;
+    bool hostState_;  // the host's own flag; channels never touch it
+    Reporter reporter_;
+};
+
+}  // namespace Osk

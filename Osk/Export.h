@@ -1,0 +1,3 @@
+#pragma once
+
+#define OSK_API __attribute__((visibility("default")))

@@ -1,0 +1,34 @@
+# Project-wide compiler settings and the small helpers every CMakeLists uses.
+
+add_compile_options(-Wall -Wextra)
+
+if(TAMTK_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+if(TAMTK_TSAN)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()
+
+# A loadable module that exports exactly the C symbols named in EXPORTS.
+function(tamtk_plugin target)
+  cmake_parse_arguments(P "" "" "SOURCES;EXPORTS;LIBS" ${ARGN})
+  add_library(${target} MODULE ${P_SOURCES})
+  set(map "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
+  list(JOIN P_EXPORTS "; " syms)
+  file(WRITE "${map}" "{\n  global: ${syms};\n  local: *;\n};\n")
+  target_link_options(${target} PRIVATE "-Wl,--version-script=${map}" "-Wl,--no-undefined")
+  set_target_properties(${target} PROPERTIES PREFIX "lib" LINK_DEPENDS "${map}")
+  target_link_libraries(${target} PRIVATE ${P_LIBS})
+endfunction()
+
+# A GoogleTest executable registered with CTest.
+function(tamtk_gtest target)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${target} ${T_SOURCES})
+  target_link_libraries(${target} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  gtest_discover_tests(${target} DISCOVERY_TIMEOUT 60
+                       PROPERTIES ENVIRONMENT "TAMTK_BUILD_DIR=${PROJECT_BINARY_DIR}")
+endfunction()
