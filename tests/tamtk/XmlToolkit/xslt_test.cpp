@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "XmlTestSupport.h"
+
+using namespace xmltest;
+
+namespace {
+
+const std::string kXsl = "http://www.w3.org/1999/XSL/Transform";
+
+// A channel configuration with the stylesheet inline in a token, its xsl
+// prefix declared on the configuration's root as configurations do.
+std::string configWith(const std::string& stylesheetBody) {
+    return "<Channel xmlns:xsl='" + kXsl +
+           "'><Tokens><Token name='t'>"
+           "<xsl:stylesheet version='1.0'>" +
+           stylesheetBody + "</xsl:stylesheet></Token></Tokens></Channel>";
+}
+
+boost::shared_ptr<Tamxml::Xslt> compileInline(const std::string& stylesheetBody) {
+    auto token =
+        Tamxml::find_first_element(parse(configWith(stylesheetBody))->root(), "Tokens/Token");
+    auto sheet = Tamxml::find_first_element(token, "*[local-name()='stylesheet']");
+    return Tamxml::make_transform(sheet->copyToNewDoc());
+}
+
+std::string run(const boost::shared_ptr<Tamxml::Xslt>& xslt,
+                const boost::shared_ptr<const Tamxml::Document>& doc, const std::string& name = "",
+                const std::string& value = "") {
+    std::ostringstream out;
+    Tamxml::transform(out, xslt, doc, name, value);
+    return out.str();
+}
+
+const char* const kLocaleSheet =
+    "<xsl:output method='text'/>"
+    "<xsl:param name='locale' select=\"'none'\"/>"
+    "<xsl:template match='/'>[<xsl:value-of select='$locale'/>|"
+    "<xsl:value-of select='/Event/Host'/>]</xsl:template>";
+
+}  // namespace
+
+TEST(XmlXslt, InlineStylesheetRunsWithAStringParameter) {
+    auto xslt = compileInline(kLocaleSheet);
+    auto event = parse("<Event><Host>web1</Host></Event>");
+    const struct {
+        const char* name;
+        const char* value;
+        const char* expected;
+    } cases[] = {
+        {"locale", "en_GB", "[en_GB|web1]"},
+        {"locale", "it's \"both\"", "[it's \"both\"|web1]"},
+        {"locale", "concat('x', /Event/Host)", "[concat('x', /Event/Host)|web1]"},  // not XPath
+        {"locale", "", "[|web1]"},
+        {"", "ignored", "[none|web1]"},
+        {"other", "ignored", "[none|web1]"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(run(xslt, event, c.name, c.value), c.expected) << c.value;
+    }
+}
+
+TEST(XmlXslt, OutputFollowsXslOutput) {
+    auto event = parse("<Event><Host>h &amp; co</Host></Event>");
+    auto xml = compileInline(
+        "<xsl:output method='xml' omit-xml-declaration='yes'/>"
+        "<xsl:template match='/'><out><xsl:value-of select='/Event/Host'/></out></xsl:template>");
+    EXPECT_EQ(run(xml, event), "<out>h &amp; co</out>\n");
+    auto text = compileInline(
+        "<xsl:output method='text'/>"
+        "<xsl:template match='/'><xsl:value-of select='/Event/Host'/></xsl:template>");
+    EXPECT_EQ(run(text, event), "h & co");
+    auto nothing = compileInline("<xsl:output method='text'/><xsl:template match='/'/>");
+    EXPECT_EQ(run(nothing, event), "");
+}
+
+TEST(XmlXslt, StrippingSpaceLeavesTheSourceDocumentAlone) {
+    auto xslt = compileInline(
+        "<xsl:output method='text'/><xsl:strip-space elements='*'/>"
+        "<xsl:template match='/'><xsl:value-of select='count(/Event/node())'/></xsl:template>");
+    auto event = parse("<Event> <Host>h</Host> </Event>");
+    EXPECT_EQ(run(xslt, event), "1");
+    EXPECT_EQ(run(xslt, event), "1");
+    EXPECT_EQ(str(Tamxml::find_first_value(event, "count(/Event/node())")), "3");
+}
+
+TEST(XmlXslt, CompileErrorsCarryLibxsltReport) {
+    std::string message = xmlFailure([] {
+        compileInline("<xsl:template match='/'><xsl:value-of select='/Event/['/></xsl:template>");
+    });
+    EXPECT_NE(message.find("Could not compile stylesheet"), std::string::npos) << message;
+    EXPECT_NE(message.find("could not compile select expression '/Event/['"), std::string::npos)
+        << message;
+
+    message = xmlFailure([] { Tamxml::make_transform(parse("<notxsl/>")); });
+    EXPECT_NE(message.find("not a stylesheet"), std::string::npos) << message;
+}
+
+TEST(XmlXslt, RuntimeErrorsCarryLibxsltReportAndPrintNothing) {
+    auto xslt = compileInline(
+        "<xsl:template match='/'><xsl:message terminate='yes'>stop: <xsl:value-of "
+        "select='/Event/Host'/></xsl:message></xsl:template>");
+    std::ostringstream out;
+    testing::internal::CaptureStderr();
+    const std::string message = xmlFailure(
+        [&] { Tamxml::transform(out, xslt, parse("<Event><Host>h1</Host></Event>"), "", ""); });
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_NE(message.find("Could not apply stylesheet"), std::string::npos) << message;
+    EXPECT_NE(message.find("stop: h1"), std::string::npos) << message;
+    EXPECT_EQ(out.str(), "");
+}
+
+TEST(XmlXslt, OneStylesheetFromManyThreads) {
+    auto xslt = compileInline(kLocaleSheet);
+    std::vector<int> good(4, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                const std::string host = std::to_string(t) + "-" + std::to_string(i);
+                auto event = parse("<Event><Host>" + host + "</Host></Event>");
+                if (run(xslt, event, "locale", "l" + host) == "[l" + host + "|" + host + "]") {
+                    ++good[t];
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(good, std::vector<int>(4, 50));
+}
