@@ -67,7 +67,7 @@ class Handler:
             "M %d %d %d %s %s %s"
             % (
                 server.connection_number,
-                1 if session.ssl is not None else 0,
+                1 if session.ssl is not None or server.implicit_tls else 0,
                 1 if session.authenticated else 0,
                 envelope.mail_from or "-",
                 ",".join(envelope.rcpt_tos),
@@ -84,11 +84,13 @@ class RecordingSMTP(SMTP):
         super().__init__(*args, **kwargs)
         self.recorder = recorder
         self.connection_number = 0
+        self.implicit_tls = False
 
     def connection_made(self, transport):
         fresh = self.transport is None
         super().connection_made(transport)
         if fresh:
+            self.implicit_tls = transport.get_extra_info("ssl_object") is not None
             self.recorder.connections += 1
             self.connection_number = self.recorder.connections
             self.recorder.write("C %d" % self.connection_number)
@@ -128,7 +130,7 @@ def main():
         def authenticator(server, session, envelope, mechanism, auth_data):
             ok = (mechanism == "PLAIN" and auth_data.login == user.encode()
                   and auth_data.password == password.encode())
-            return AuthResult(success=ok)
+            return AuthResult(success=ok, handled=False)
 
         options.update(
             authenticator=authenticator,
