@@ -297,7 +297,7 @@ Attempt SmtpSession::judge(int rc, const std::vector<std::string>& to,
     if (accepted.empty()) {
         return attempt;
     }
-    auto accepted_get = [&](Fate fate, const std::string& reason) {
+    auto acceptedGet = [&](Fate fate, const std::string& reason) {
         for (std::size_t i : accepted) {
             attempt.recipients[i].fate = fate;
             attempt.recipients[i].reason = fate == Fate::Delivered ? "" : reason;
@@ -308,12 +308,12 @@ Attempt SmtpSession::judge(int rc, const std::vector<std::string>& to,
         return attempt;  // delivered to the accepted ones
     }
     if (end >= 400) {
-        accepted_get(fateOf(end), redact(t.endOfData().text));
+        acceptedGet(fateOf(end), redact(t.endOfData().text));
         attempt.connectionFailure = _isConnectionLoss(end);
         return attempt;
     }
     if (t.data().code >= 400) {
-        accepted_get(fateOf(t.data().code), redact(t.data().text));
+        acceptedGet(fateOf(t.data().code), redact(t.data().text));
         attempt.connectionFailure = _isConnectionLoss(t.data().code);
         return attempt;
     }
@@ -321,9 +321,12 @@ Attempt SmtpSession::judge(int rc, const std::vector<std::string>& to,
         return attempt;
     }
     // The link broke somewhere between the recipients and the final answer.
-    accepted_get(Fate::Temporary, linkBroke());
-    attempt.connectionFailure = true;
     attempt.possiblyDelivered = t.messageSent();
+    acceptedGet(Fate::Temporary,
+                 linkBroke() + (attempt.possiblyDelivered
+                                    ? "; the server may have taken the message already"
+                                    : ""));
+    attempt.connectionFailure = true;
     return attempt;
 }
 

@@ -184,9 +184,12 @@ std::string SmtpTestServer::url() const {
 }
 
 void SmtpTestServer::start() {
-    if (running()) {
-        return;
+    int status = 0;
+    if (running() && waitpid(pid_, &status, WNOHANG) == 0) {
+        return;  // still up
     }
+    pid_ = -1;
+    kill();  // closes the pipes of one that ended by itself
     std::vector<std::string> args = {"/usr/bin/python3", AGENTS_TEST_SERVER,
                                      "--port", std::to_string(port_),
                                      "--idle-timeout", std::to_string(options_.idleTimeout)};
@@ -195,6 +198,9 @@ void SmtpTestServer::start() {
     }
     if (options_.starttls || options_.implicitTls) {
         args.insert(args.end(), {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
+    }
+    if (!options_.dieOnce.empty()) {
+        args.insert(args.end(), {"--die-once", options_.dieOnce});
     }
     if (options_.implicitTls) {
         args.push_back("--implicit-tls");

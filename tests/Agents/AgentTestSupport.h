@@ -53,6 +53,7 @@ public:
         std::string auth;              // "user:password": AUTH PLAIN required
         double idleTimeout = 300;      // seconds before an idle client is dropped
         bool record = true;            // write what arrives to a file
+        std::string dieOnce;           // marker file: crash on the first "X-Test-Die: yes"
     };
     struct Message {
         int connection;

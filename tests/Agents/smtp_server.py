@@ -17,7 +17,10 @@ Scripted refusals:
   * a recipient whose local part starts with "r450." or "r550." (any
     three-digit code) is refused with that code;
   * a message holding a header line "X-Test-Reply: 451 text" gets that reply
-    to its data instead of being accepted.
+    to its data instead of being accepted;
+  * with --die-once FILE, a message holding a line "X-Test-Die: yes" is
+    recorded and then the server exits without answering, as if it crashed
+    at that moment; FILE is created so that a restarted server does not.
 """
 
 import argparse
@@ -32,6 +35,7 @@ from aiosmtpd.smtp import SMTP, AuthResult
 
 _RCPT_CODE = re.compile(r"^r([2-5]\d\d)\.")
 _DATA_REPLY = re.compile(rb"^X-Test-Reply: (\d{3}[^\r\n]*)", re.M)
+_DIE = re.compile(rb"^X-Test-Die: yes", re.M)
 
 
 class Recorder:
@@ -46,8 +50,9 @@ class Recorder:
 
 
 class Handler:
-    def __init__(self, recorder):
+    def __init__(self, recorder, die_once):
         self.recorder = recorder
+        self.die_once = die_once
 
     async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
         m = _RCPT_CODE.match(address)
@@ -74,6 +79,9 @@ class Handler:
                 data.hex(),
             )
         )
+        if self.die_once and _DIE.search(data) and not os.path.exists(self.die_once):
+            open(self.die_once, "w").close()
+            os._exit(0)
         return "250 OK queued"
 
 
@@ -105,6 +113,7 @@ def main():
     parser.add_argument("--implicit-tls", action="store_true", help="TLS from the start (smtps)")
     parser.add_argument("--require-starttls", action="store_true")
     parser.add_argument("--auth", help="USER:PASSWORD; AUTH PLAIN is then required")
+    parser.add_argument("--die-once", help="marker file; see X-Test-Die above")
     parser.add_argument("--idle-timeout", type=float, default=300.0,
                         help="seconds before an idle client is dropped")
     args = parser.parse_args()
@@ -115,7 +124,7 @@ def main():
         context.load_cert_chain(args.cert, args.key)
 
     recorder = Recorder(args.record)
-    handler = Handler(recorder)
+    handler = Handler(recorder, args.die_once)
     options = dict(
         hostname="test.invalid",
         timeout=args.idle_timeout,

@@ -235,6 +235,21 @@ TEST(SmtpAgent, ASpoolLeftByAnEarlierRunIsDeliveredOnStart) {
     EXPECT_EQ(server.messages()[0].to, (std::vector<std::string>{"c@d", "e@f"}));
 }
 
+TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
+    TempDir dir;
+    SmtpTestServer::Options options;
+    options.dieOnce = dir / "died";
+    SmtpTestServer server(options);
+    SmtpAgent agent(settingsFor(server.url(), {{"spool", dir / "spool"}}));
+    const std::string text = sendFailure(agent, "a@b", {"c@d"}, "X-Test-Die: yes\n\nbody\n");
+    EXPECT_TRUE(contains(text, "may have taken the message already")) << text;
+    EXPECT_TRUE(contains(text, "kept in the spool")) << text;
+    server.start();
+    ASSERT_TRUE(waitFor([&] { return agent.waiting() == 0; }, 10));
+    // Taken twice: once by the server that died, once after the restart.
+    EXPECT_EQ(server.messages().size(), 2u);
+}
+
 TEST(SmtpAgent, AddressesAndRecipientListAreChecked) {
     SmtpTestServer server;
     SmtpAgent agent(settingsFor(server.url()));
