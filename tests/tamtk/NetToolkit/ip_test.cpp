@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+
+#include <string>
+
+#include "NetToolkit/IP.h"
+
+using namespace Tamnet;
+
+namespace {
+
+std::string failure(void (*f)()) {
+    try {
+        f();
+    } catch (const NetAddrInvalid& e) {
+        return e.what();
+    }
+    return "no exception";
+}
+
+TEST(IPv4Addr, DottedTextRoundTrips) {
+    for (const char* text : {"1.2.3.4", "0.0.0.0", "255.255.255.255", "10.0.0.1"}) {
+        EXPECT_EQ(IPv4Addr(text).str(), text);
+    }
+    EXPECT_EQ(IPv4Addr("1.2.3.4").value(), 0x01020304u) << "held in host order";
+    EXPECT_EQ(IPv4Addr(0xC0A80001u).str(), "192.168.0.1");
+    EXPECT_LT(IPv4Addr("9.0.0.0"), IPv4Addr("10.0.0.0")) << "numeric, not textual order";
+}
+
+TEST(IPv4Addr, BadTextIsRefused) {
+    EXPECT_EQ(failure([] { IPv4Addr("1.2.3"); }), "Bad IPv4 address string [[ 1.2.3 ]]");
+    for (const char* text : {"1.2.3", "1.2.3.256", "1.2.3.4 ", "a.b.c.d", "", "::1", "1.2.3.4.5"}) {
+        EXPECT_FALSE(IPv4Addr::is_valid(text)) << text;
+        EXPECT_THROW(IPv4Addr{std::string(text)}, NetAddrInvalid) << text;
+    }
+    IPv4Addr kept("1.1.1.1");
+    EXPECT_THROW(kept.assign(std::string("x")), NetAddrInvalid);
+    EXPECT_EQ(kept.str(), "1.1.1.1");
+}
+
+TEST(IPv4Mask, NetworksAndTheirWrittenForms) {
+    IPv4Mask net;
+    EXPECT_EQ(net.str(), "0/0");
+    net.set_netmask("10.0.0.0", "255.0.0.0");
+    EXPECT_EQ(net.str(), "10.0.0.0/255.0.0.0");
+    EXPECT_TRUE(net.contains(IPv4Addr("10.200.1.1")));
+    EXPECT_FALSE(net.contains(IPv4Addr("11.0.0.1")));
+    EXPECT_EQ(netaddr_traits<IPv4Mask>::string_to_addr(net.str()), net);
+    EXPECT_TRUE(netaddr_traits<IPv4Mask>::string_to_addr("0/0").is_null());
+
+    EXPECT_EQ(failure([] { IPv4Mask().set_netmask("10.0.0.1", "255.0.0.0"); }),
+              "Bad IPv4 network, it has bits outside its mask [[ 10.0.0.1 (network) 255.0.0.0 "
+              "(mask) ]]");
+    EXPECT_EQ(failure([] { IPv4Mask().set_netmask("10.0.0.0", "255.0.255.0"); }),
+              "Bad IPv4 netmask, its bits are not contiguous [[ 10.0.0.0 (network) 255.0.255.0 "
+              "(mask) ]]");
+    EXPECT_EQ(failure([] { IPv4Mask().set_netmask("10.0.0", "255.0.0.0"); }),
+              "Bad IPv4 network string [[ 10.0.0 (network) 255.0.0.0 (mask) ]]");
+    EXPECT_THROW(netaddr_traits<IPv4Mask>::string_to_addr("10.0.0.0"), NetAddrInvalid);
+}
+
+TEST(IPAddr, KindFollowsTheText) {
+    const IPAddr v4("192.0.2.1");
+    EXPECT_TRUE(v4.is_ipv4());
+    EXPECT_FALSE(v4.is_ipv6());
+    EXPECT_EQ(v4.ipv4(), IPv4Addr("192.0.2.1"));
+    const IPAddr v6("::1");
+    EXPECT_TRUE(v6.is_ipv6());
+    EXPECT_EQ(v6.str(), "::1");
+    EXPECT_THROW(v6.ipv4(), NetAddrInvalid);
+    EXPECT_EQ(IPAddr("2001:DB8::0:1").str(), "2001:db8::1") << "printed in canonical form";
+    EXPECT_EQ(failure([] { IPAddr("1.2.3"); }), "Bad IP address string [[ 1.2.3 ]]");
+
+    const IPAddr empty;
+    EXPECT_FALSE(static_cast<bool>(empty));
+    EXPECT_TRUE(static_cast<bool>(v4));
+    EXPECT_EQ(empty.str(), "0:0");
+    EXPECT_EQ(IPAddr(IPv4Addr("192.0.2.1")), v4);
+    EXPECT_EQ(IPAddr(0xC0000201u), v4);
+}
+
+TEST(IPAddr, OrderIsEmptyThenIPv4ThenIPv6) {
+    const IPAddr ordered[] = {IPAddr(),     IPAddr("9.9.9.9"), IPAddr("10.0.0.0"),
+                              IPAddr("::"), IPAddr("::1"),     IPAddr("fe80::1")};
+    const std::size_t n = sizeof ordered / sizeof ordered[0];
+    for (std::size_t i = 0; i < n; ++i) {
+        for (std::size_t j = 0; j < n; ++j) {
+            EXPECT_EQ(ordered[i] < ordered[j], i < j) << i << " " << j;
+            EXPECT_EQ(ordered[i] == ordered[j], i == j) << i << " " << j;
+        }
+    }
+}
+
+TEST(NetaddrTraits, NativeAndTextConversionsRoundTrip) {
+    typedef netaddr_traits<IPv4Addr> v4;
+    const in_addr native = v4::addr_to_native(IPv4Addr("1.2.3.4"));
+    char text[INET_ADDRSTRLEN];
+    ASSERT_NE(inet_ntop(AF_INET, &native, text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "1.2.3.4") << "native form is in network order";
+    EXPECT_EQ(v4::native_to_addr(native), IPv4Addr("1.2.3.4"));
+    EXPECT_TRUE(v4::equal(v4::string_to_addr("1.2.3.4"), IPv4Addr(0x01020304u)));
+    EXPECT_EQ(v4::addr_to_string(v4::null()), "0.0.0.0");
+
+    typedef netaddr_traits<IPAddr> ip;
+    for (const char* t : {"1.2.3.4", "fe80::1", "0:0"}) {
+        const IPAddr addr = ip::string_to_addr(t);
+        EXPECT_EQ(ip::addr_to_string(addr), t);
+        EXPECT_TRUE(ip::equal(ip::native_to_addr(ip::addr_to_native(addr)), addr)) << t;
+    }
+    EXPECT_EQ(ip::addr_to_native(ip::null()).ss_family, AF_UNSPEC);
+    EXPECT_FALSE(static_cast<bool>(ip::null()));
+}
+
+}  // namespace
