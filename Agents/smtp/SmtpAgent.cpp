@@ -15,8 +15,9 @@ const char* const _source = "Agents/smtp";
 typedef std::chrono::steady_clock _Clock;
 const _Clock::time_point _idle = _Clock::time_point::max();
 
+// The sender may be empty (the null sender, "MAIL FROM:<>"); a recipient not.
 void _checkAddress(const std::string& address, const char* role) {
-    if (address.empty()) {
+    if (address.empty() && std::string(role) != "sender") {
         TAMTK_THROW(DeliveryException, _source, "SMTP agent: empty " << role << " address");
     }
     for (char c : address) {
