@@ -56,7 +56,9 @@ void ParamReader::fail(const char* name, const std::string& problem) const {
                 agent_ << ": parameter \"" << name << "\" " << problem);
 }
 
-bool ParamReader::has(const char* name) const { return params_.count(name) != 0; }
+bool ParamReader::has(const char* name) const {
+    return params_.count(name) != 0;
+}
 
 std::string ParamReader::text(const char* name, const std::string& fallback) const {
     auto it = params_.find(name);
@@ -103,8 +105,7 @@ std::string ParamReader::choice(const char* name, std::initializer_list<const ch
     fail(name, "has the value \"" + it->second + "\"; expected one of " + _list(allowed));
 }
 
-long ParamReader::milliseconds(const char* name, double fallbackSeconds,
-                               double maxSeconds) const {
+long ParamReader::milliseconds(const char* name, double fallbackSeconds, double maxSeconds) const {
     auto it = params_.find(name);
     double seconds = fallbackSeconds;
     if (it != params_.end()) {

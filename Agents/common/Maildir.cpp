@@ -185,8 +185,8 @@ std::string Maildir::deliver(const std::vector<Piece>& pieces) const {
             const int err = errno;
             unlink(tmp.c_str());
             TAMTK_THROW(DeliveryException, _source,
-                        "Maildir \"" << path_ << "\": cannot move \"" << tmp << "\" into new/: "
-                                     << std::strerror(err));
+                        "Maildir \"" << path_ << "\": cannot move \"" << tmp
+                                     << "\" into new/: " << std::strerror(err));
         }
         if (sync_) {
             syncDirectory(path_ + "/new");

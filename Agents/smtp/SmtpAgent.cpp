@@ -105,7 +105,9 @@ SmtpAgent::~SmtpAgent() {
     }
 }
 
-std::size_t SmtpAgent::waiting() const { return spool_ ? spool_->pending().size() : 0; }
+std::size_t SmtpAgent::waiting() const {
+    return spool_ ? spool_->pending().size() : 0;
+}
 
 Attempt SmtpAgent::attempt(const std::string& from, const std::vector<std::string>& to,
                            const std::string& wire) {
@@ -239,8 +241,7 @@ std::string SmtpAgent::describe(const Settled& s, std::size_t recipients) const 
         }
     }
     if (!whole) {
-        out << "; delivered to the other " << s.delivered << " of " << recipients
-            << " recipients";
+        out << "; delivered to the other " << s.delivered << " of " << recipients << " recipients";
     }
     return out.str();
 }
@@ -337,8 +338,8 @@ SmtpAgent::Pass SmtpAgent::retryPass() {
                 ++pass.done;
                 continue;
             }
-            const Attempt result = attempt(message.from, message.to,
-                                           toWireFormat(message.message.c_str()));
+            const Attempt result =
+                attempt(message.from, message.to, toWireFormat(message.message.c_str()));
             const Settled settled = settle(message, result, &names[i]);
             if (settled.temporary.empty() && settled.spoolError.empty() &&
                 settled.failedError.empty()) {
@@ -365,7 +366,7 @@ namespace {
 
 // One agent per parameter set, alive until the process ends.
 class _Registry {
-public:
+  public:
     SmtpAgent& get(const Params& params) {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = agents_.find(params);
@@ -376,7 +377,7 @@ public:
         return *it->second;
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::map<Params, std::unique_ptr<SmtpAgent>> agents_;
 };

@@ -23,7 +23,7 @@ namespace Osk {
 namespace EmailAgents {
 
 class SmtpAgent {
-public:
+  public:
     // Starts the retry thread; a spool left by an earlier run is retried at once.
     explicit SmtpAgent(const SmtpSettings& settings);
     // Stops the retry thread (a transfer under way is cut off).
@@ -41,7 +41,7 @@ public:
     // Messages waiting in the spool (0 without a spool).
     std::size_t waiting() const;
 
-private:
+  private:
     struct Settled;
     struct Pass {
         std::size_t remaining = 0;

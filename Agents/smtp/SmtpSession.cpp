@@ -139,10 +139,10 @@ SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* 
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl_, CURLOPT_READFUNCTION, _read);
-    curl_easy_setopt(curl_, CURLOPT_USE_SSL, settings_.starttls == StartTls::No ? CURLUSESSL_NONE
-                                             : settings_.starttls == StartTls::Try
-                                                 ? CURLUSESSL_TRY
-                                                 : CURLUSESSL_ALL);
+    curl_easy_setopt(curl_, CURLOPT_USE_SSL,
+                     settings_.starttls == StartTls::No    ? CURLUSESSL_NONE
+                     : settings_.starttls == StartTls::Try ? CURLUSESSL_TRY
+                                                           : CURLUSESSL_ALL);
     curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, settings_.verifyPeer ? 1L : 0L);
     curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, settings_.verifyPeer ? 2L : 0L);
     if (!settings_.caFile.empty()) {
@@ -174,7 +174,9 @@ SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* 
     curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, settings_.reuseConnection ? 0L : 1L);
 }
 
-SmtpSession::~SmtpSession() { curl_easy_cleanup(curl_); }
+SmtpSession::~SmtpSession() {
+    curl_easy_cleanup(curl_);
+}
 
 std::string SmtpSession::redact(std::string text) const {
     // The longer secret first, so that a user name inside the password does
@@ -195,8 +197,8 @@ Attempt SmtpSession::send(const std::string& from, const std::vector<std::string
     // A connection kept from an earlier message may have been closed by the
     // server meanwhile; if it broke before the server answered MAIL FROM,
     // nothing was sent and one try on a new connection is safe.
-    if (attempt.connectionFailure && attempt.connections == 0 &&
-        transcript_.mail().code == 0 && !(abort_ && abort_->load())) {
+    if (attempt.connectionFailure && attempt.connections == 0 && transcript_.mail().code == 0 &&
+        !(abort_ && abort_->load())) {
         attempt = perform(from, to, wire, true);
     }
     return attempt;
@@ -287,8 +289,7 @@ Attempt SmtpSession::judge(int rc, const std::vector<std::string>& to,
         const Reply* reply = i < t.recipients().size() ? &t.recipients()[i].second : nullptr;
         if (reply && reply->code >= 400) {
             attempt.recipients.push_back({to[i], fateOf(reply->code), redact(reply->text)});
-            attempt.connectionFailure =
-                attempt.connectionFailure || _isConnectionLoss(reply->code);
+            attempt.connectionFailure = attempt.connectionFailure || _isConnectionLoss(reply->code);
         } else {
             attempt.recipients.push_back({to[i], Fate::Delivered, ""});
             accepted.push_back(i);
@@ -322,10 +323,10 @@ Attempt SmtpSession::judge(int rc, const std::vector<std::string>& to,
     }
     // The link broke somewhere between the recipients and the final answer.
     attempt.possiblyDelivered = t.messageSent();
-    acceptedGet(Fate::Temporary,
-                 linkBroke() + (attempt.possiblyDelivered
-                                    ? "; the server may have taken the message already"
-                                    : ""));
+    acceptedGet(
+        Fate::Temporary,
+        linkBroke() +
+            (attempt.possiblyDelivered ? "; the server may have taken the message already" : ""));
     attempt.connectionFailure = true;
     return attempt;
 }

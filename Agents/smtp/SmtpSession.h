@@ -43,7 +43,7 @@ struct Attempt {
 std::string toWireFormat(const char* message);
 
 class SmtpSession {
-public:
+  public:
     // `abort`, when set, stops a transfer under way (used at shutdown).
     SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* abort);
     ~SmtpSession();
@@ -62,7 +62,7 @@ public:
     // Removes the user name and the password from a text meant for a message.
     std::string redact(std::string text) const;
 
-private:
+  private:
     Attempt perform(const std::string& from, const std::vector<std::string>& to,
                     const std::string& wire, bool freshConnection);
     Attempt judge(int code, const std::vector<std::string>& to, const std::string& curlText) const;

@@ -19,14 +19,15 @@ void _checkUrl(const ParamReader& reader, const std::string& url) {
     } else if (url.compare(0, 8, "smtps://") == 0) {
         rest = url.substr(8);
     } else {
-        reader.fail("url", "has the value \"" + url +
-                               "\"; expected smtp://host:port or smtps://host:port");
+        reader.fail(
+            "url", "has the value \"" + url + "\"; expected smtp://host:port or smtps://host:port");
     }
     const std::string authority = rest.substr(0, rest.find('/'));
     if (authority.find('@') != std::string::npos) {
         // The value itself is not repeated: it holds a secret.
-        reader.fail("url", "must not contain a user name or password; use the parameters "
-                           "username and password");
+        reader.fail("url",
+                    "must not contain a user name or password; use the parameters "
+                    "username and password");
     }
     for (char c : url) {
         if (static_cast<unsigned char>(c) <= 0x20 || c == 0x7f) {
@@ -42,8 +43,8 @@ std::string _readPasswordFile(const ParamReader& reader, const std::string& path
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         const int err = errno;
-        reader.fail("password_file", "names \"" + path + "\", which cannot be read: " +
-                                         std::strerror(err));
+        reader.fail("password_file",
+                    "names \"" + path + "\", which cannot be read: " + std::strerror(err));
     }
     std::ostringstream content;
     content << in.rdbuf();
@@ -72,7 +73,7 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     _checkUrl(reader, s.url);
 
     const std::string starttls = reader.choice("starttls", {"no", "try", "required"}, "try");
-    s.starttls = starttls == "no" ? StartTls::No
+    s.starttls = starttls == "no"    ? StartTls::No
                  : starttls == "try" ? StartTls::Try
                                      : StartTls::Required;
     s.verifyPeer = reader.flag("verify_peer", true);

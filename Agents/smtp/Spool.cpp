@@ -45,12 +45,15 @@ bool _take(const std::string& line, const char* prefix, std::string& value) {
 
 }  // namespace
 
-Spool::Spool(const std::string& dir) : pending_(dir, true), failed_(dir + "/failed", true), lockFd_(-1) {
+Spool::Spool(const std::string& dir)
+    : pending_(dir, true), failed_(dir + "/failed", true), lockFd_(-1) {
     pending_.create();
     failed_.create();
 }
 
-Spool::~Spool() { unlock(); }
+Spool::~Spool() {
+    unlock();
+}
 
 std::string Spool::format(const SpooledMessage& message, const std::string& failure) {
     std::ostringstream out;

@@ -38,7 +38,9 @@ bool _isCode(const std::string& line) {
 
 }  // namespace
 
-void Transcript::reset() { *this = Transcript(); }
+void Transcript::reset() {
+    *this = Transcript();
+}
 
 void Transcript::sent(const char* data, std::size_t size) {
     // Only the command verb and a recipient's address are kept: other lines

@@ -52,8 +52,12 @@ void smtp(benchmark::State& state, bool reuse) {
     state.SetItemsProcessed(state.iterations());
 }
 
-void BM_SmtpReusedConnection(benchmark::State& state) { smtp(state, true); }
-void BM_SmtpNewConnectionPerMessage(benchmark::State& state) { smtp(state, false); }
+void BM_SmtpReusedConnection(benchmark::State& state) {
+    smtp(state, true);
+}
+void BM_SmtpNewConnectionPerMessage(benchmark::State& state) {
+    smtp(state, false);
+}
 
 void BM_Maildir(benchmark::State& state) {
     AgentTest::TempDir dir;
@@ -69,6 +73,11 @@ void BM_Maildir(benchmark::State& state) {
 
 BENCHMARK(BM_SmtpReusedConnection)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SmtpNewConnectionPerMessage)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Maildir)->ArgName("fsync")->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Maildir)
+    ->ArgName("fsync")
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 BENCHMARK_MAIN();

@@ -78,7 +78,9 @@ TempDir::TempDir() {
     chmod(path_.c_str(), 0755);  // the unprivileged child must reach inside
 }
 
-TempDir::~TempDir() { _removeTree(path_); }
+TempDir::~TempDir() {
+    _removeTree(path_);
+}
 
 std::vector<std::string> listDir(const std::string& dir) {
     std::vector<std::string> names;
@@ -130,7 +132,8 @@ const Certificate& Certificate::get() {
         Certificate c{dir / "cert.pem", dir / "key.pem"};
         run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
             " -subj /CN=localhost -addext subjectAltName=IP:127.0.0.1,DNS:localhost"
-            " -keyout " + c.key + " -out " + c.cert + " 2>/dev/null");
+            " -keyout " +
+            c.key + " -out " + c.cert + " 2>/dev/null");
         return c;
     }();
     return certificate;
@@ -174,13 +177,17 @@ std::string runUnprivileged(const std::function<std::string()>& body) {
     return result;
 }
 
-SmtpTestServer::SmtpTestServer(const Options& options) : options_(options) { start(); }
+SmtpTestServer::SmtpTestServer(const Options& options) : options_(options) {
+    start();
+}
 
-SmtpTestServer::~SmtpTestServer() { kill(); }
+SmtpTestServer::~SmtpTestServer() {
+    kill();
+}
 
 std::string SmtpTestServer::url() const {
-    return std::string(options_.implicitTls ? "smtps" : "smtp") + "://127.0.0.1:" +
-           std::to_string(port_);
+    return std::string(options_.implicitTls ? "smtps" : "smtp") +
+           "://127.0.0.1:" + std::to_string(port_);
 }
 
 void SmtpTestServer::start() {
@@ -191,13 +198,14 @@ void SmtpTestServer::start() {
     pid_ = -1;
     kill();  // closes the pipes of one that ended by itself
     std::vector<std::string> args = {"/usr/bin/python3", AGENTS_TEST_SERVER,
-                                     "--port", std::to_string(port_),
-                                     "--idle-timeout", std::to_string(options_.idleTimeout)};
+                                     "--port",           std::to_string(port_),
+                                     "--idle-timeout",   std::to_string(options_.idleTimeout)};
     if (options_.record) {
         args.insert(args.end(), {"--record", dir_ / "record"});
     }
     if (options_.starttls || options_.implicitTls) {
-        args.insert(args.end(), {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
+        args.insert(args.end(),
+                    {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
     }
     if (!options_.dieOnce.empty()) {
         args.insert(args.end(), {"--die-once", options_.dieOnce});

@@ -14,7 +14,7 @@ namespace AgentTest {
 
 // A fresh directory under $TMPDIR, removed with everything in it.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -22,7 +22,7 @@ public:
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -45,7 +45,7 @@ struct Certificate {
 std::string runUnprivileged(const std::function<std::string()>& body);
 
 class SmtpTestServer {
-public:
+  public:
     struct Options {
         bool starttls = false;         // offer STARTTLS with Certificate::get()
         bool requireStarttls = false;  // refuse mail before STARTTLS
@@ -82,7 +82,7 @@ public:
     std::vector<Message> messages() const;
     int connections() const;
 
-private:
+  private:
     Options options_;
     TempDir dir_;
     pid_t pid_ = -1;

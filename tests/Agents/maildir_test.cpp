@@ -73,9 +73,8 @@ TEST(MaildirAgent, CreatesTheMaildirAndStoresTheMessageUnchangedInNew) {
     const std::string path = dir / "deep/er/Maildir";
     const std::string message = "To: <a@b.example>\nSubject: =?UTF-8?B?w6k=?=\n\n.\nFrom x\n\xff\n";
     for (const char* fsync : {"yes", "no"}) {
-        const std::string file =
-            deliverToMaildir(MaildirSettings::fromParams({{"path", path}, {"fsync", fsync}}),
-                             message.c_str());
+        const std::string file = deliverToMaildir(
+            MaildirSettings::fromParams({{"path", path}, {"fsync", fsync}}), message.c_str());
         EXPECT_EQ(readFile(file), message);
         EXPECT_EQ(file.substr(0, path.size() + 5), path + "/new/");
     }

@@ -16,7 +16,7 @@ typedef std::map<std::string, std::string> Params;
 namespace {
 
 class Plugin {
-public:
+  public:
     explicit Plugin(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
         if (!handle_) {
             throw std::runtime_error(dlerror());
@@ -45,7 +45,7 @@ public:
     }
     bool bound() const { return send_ != nullptr; }
 
-private:
+  private:
     void* handle_;
     Osk::EmailChannel::SendEmailFn* send_ = nullptr;
     bool close_ = true;
@@ -95,8 +95,7 @@ TEST(AgentPlugins, SmtpPluginSendsToThePlainAddressesAndItsErrorsReachTheHost) {
 
     Params bad = params;
     bad["starttls"] = "sometimes";
-    const std::string text =
-        plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "x\n", bad);
+    const std::string text = plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "x\n", bad);
     EXPECT_TRUE(contains(text, "SMTP agent: parameter \"starttls\"")) << text;
 }
 

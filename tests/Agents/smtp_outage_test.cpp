@@ -30,9 +30,10 @@ TEST(SmtpAgentOutage, EveryMessageArrivesAcrossAServerStop) {
     });
     int spooled = 0;
     for (int i = 0; i < total; ++i) {
-        const std::string message =
-            "Message-Id: <" + std::to_string(i) + "@outage.test>\n\nalert " + std::to_string(i) + "\n";
-        const std::string text = sendFailure(agent, "alerts@outage.test", {"ops@outage.test"}, message);
+        const std::string message = "Message-Id: <" + std::to_string(i) +
+                                    "@outage.test>\n\nalert " + std::to_string(i) + "\n";
+        const std::string text =
+            sendFailure(agent, "alerts@outage.test", {"ops@outage.test"}, message);
         if (!text.empty()) {
             EXPECT_NE(text.find("kept in the spool"), std::string::npos) << text;
             ++spooled;

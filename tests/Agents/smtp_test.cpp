@@ -26,7 +26,8 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
         std::string arrives;  // as the server stores it
     };
     const std::vector<Case> cases = {
-        {"To: <b@x.example>\nSubject: s\n\nbody\n", "To: <b@x.example>\r\nSubject: s\r\n\r\nbody\r\n"},
+        {"To: <b@x.example>\nSubject: s\n\nbody\n",
+         "To: <b@x.example>\r\nSubject: s\r\n\r\nbody\r\n"},
         {"To: <b@x.example>\n\n.\n..two\n.three\nend\n",
          "To: <b@x.example>\r\n\r\n.\r\n..two\r\n.three\r\nend\r\n"},
         {".first line is a dot line\n", ".first line is a dot line\r\n"},
@@ -35,9 +36,9 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
         {"\xc3\xa9\xff bytes\n", "\xc3\xa9\xff bytes\r\n"},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(sendFailure(agent, "alerts@src.example", {"b@x.example", "c@y.example"},
-                              c.message),
-                  "");
+        EXPECT_EQ(
+            sendFailure(agent, "alerts@src.example", {"b@x.example", "c@y.example"}, c.message),
+            "");
     }
     const auto got = server.messages();
     ASSERT_EQ(got.size(), cases.size());
@@ -86,16 +87,22 @@ TEST(SmtpAgent, TemporaryAndPermanentRefusalsOfTheMessage) {
         std::vector<std::string> expected;
     };
     const std::vector<Case> cases = {
-        {"451 4.3.0 queue full", true, "new", {"451 4.3.0 queue full", "kept in the spool", "retried"}},
+        {"451 4.3.0 queue full",
+         true,
+         "new",
+         {"451 4.3.0 queue full", "kept in the spool", "retried"}},
         {"451 4.3.0 queue full", false, "", {"451 4.3.0 queue full", "lost", "no spool"}},
-        {"554 5.6.0 content refused", true, "failed", {"refused the message: 554 5.6.0 content refused", "/failed"}},
+        {"554 5.6.0 content refused",
+         true,
+         "failed",
+         {"refused the message: 554 5.6.0 content refused", "/failed"}},
         {"554 5.6.0 content refused", false, "", {"554 5.6.0 content refused", "lost", "no spool"}},
     };
     for (const Case& c : cases) {
         SmtpTestServer server;
         TempDir dir;
-        SmtpAgent agent(settingsFor(server.url(), c.spool ? Params{{"spool", dir / "spool"}}
-                                                          : Params{}));
+        SmtpAgent agent(
+            settingsFor(server.url(), c.spool ? Params{{"spool", dir / "spool"}} : Params{}));
         const std::string message = std::string("X-Test-Reply: ") + c.reply + "\n\nbody\n";
         const std::string text = sendFailure(agent, "a@b", {"c@d", "e@f"}, message);
         for (const std::string& part : c.expected) {
@@ -136,7 +143,8 @@ TEST(SmtpAgent, PartlyRefusedRecipientsGetTheMessageFiledSeparately) {
     ASSERT_TRUE(Spool::parse(readFile(dir / ("spool/new/" + spoolFiles(dir, "new")[0])), later));
     EXPECT_EQ(later.to, std::vector<std::string>{"r450.busy@x"});
     ASSERT_EQ(spoolFiles(dir, "failed/new").size(), 1u);
-    const std::string failedText = readFile(dir / ("spool/failed/new/" + spoolFiles(dir, "failed/new")[0]));
+    const std::string failedText =
+        readFile(dir / ("spool/failed/new/" + spoolFiles(dir, "failed/new")[0]));
     ASSERT_TRUE(Spool::parse(failedText, failed));
     EXPECT_EQ(failed.to, std::vector<std::string>{"r550.gone@x"});
     EXPECT_TRUE(contains(failedText, "X-Spool-Failure: r550.gone@x: 550 5.1.1")) << failedText;
@@ -174,8 +182,8 @@ TEST(SmtpAgent, StartTlsWithAuthPlain) {
     EXPECT_FALSE(contains(text, "alerter")) << text;
 
     // Without the certificate's issuer the server is not trusted.
-    Params untrusted = {{"starttls", "required"}, {"username", "alerter"},
-                        {"password", "s3cret-Pa55"}};
+    Params untrusted = {
+        {"starttls", "required"}, {"username", "alerter"}, {"password", "s3cret-Pa55"}};
     SmtpAgent unverified(settingsFor(server.url(), untrusted));
     const std::string tlsText = sendFailure(unverified, "a@b", {"c@d"}, "x\n");
     EXPECT_TRUE(contains(tlsText, "certificate")) << tlsText;
@@ -254,8 +262,8 @@ TEST(SmtpAgent, AddressesAndRecipientListAreChecked) {
     SmtpTestServer server;
     SmtpAgent agent(settingsFor(server.url()));
     EXPECT_TRUE(contains(sendFailure(agent, "a@b", {}, "x"), "no recipients"));
-    EXPECT_TRUE(contains(sendFailure(agent, "a@b", {"c@d\r\nRCPT TO:<e@f>"}, "x"),
-                         "control character"));
+    EXPECT_TRUE(
+        contains(sendFailure(agent, "a@b", {"c@d\r\nRCPT TO:<e@f>"}, "x"), "control character"));
     EXPECT_TRUE(server.messages().empty());
 }
 
@@ -276,9 +284,13 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         {{{"url", "smtp://h"}, {"timeout", "0"}}, {"\"timeout\"", "above 0"}},
         {{{"url", "smtp://h"}, {"timeout", "5s"}}, {"\"timeout\"", "\"5s\""}},
         {{{"url", "smtp://h"}, {"ca_file", dir / "none"}}, {"\"ca_file\"", "cannot be read"}},
-        {{{"url", "smtp://h"}, {"password", "Hidden-Pa55"}}, {"\"password\" is given without \"username\""}},
+        {{{"url", "smtp://h"}, {"password", "Hidden-Pa55"}},
+         {"\"password\" is given without \"username\""}},
         {{{"url", "smtp://h"}, {"username", "u"}}, {"\"username\" is given without"}},
-        {{{"url", "smtp://h"}, {"username", "u"}, {"password", "Hidden-Pa55"}, {"password_file", dir / "pw"}},
+        {{{"url", "smtp://h"},
+          {"username", "u"},
+          {"password", "Hidden-Pa55"},
+          {"password_file", dir / "pw"}},
          {"both given"}},
         {{{"url", "smtp://h"}, {"username", "u"}, {"password_file", dir / "none"}},
          {"\"password_file\"", "cannot be read"}},
@@ -302,15 +314,18 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
     EXPECT_TRUE(defaults.verifyPeer);
     EXPECT_EQ(defaults.timeoutMs, 30000);
     EXPECT_EQ(defaults.spool, "");
-    const SmtpSettings fromFile = SmtpSettings::fromParams(
-        {{"url", "smtps://h"}, {"username", "u"}, {"password_file", dir / "pw"}, {"timeout", "2.5"}});
+    const SmtpSettings fromFile = SmtpSettings::fromParams({{"url", "smtps://h"},
+                                                            {"username", "u"},
+                                                            {"password_file", dir / "pw"},
+                                                            {"timeout", "2.5"}});
     EXPECT_EQ(fromFile.password, "from-file-Pa55");
     EXPECT_EQ(fromFile.timeoutMs, 2500);
 }
 
 TEST(SmtpWireFormat, EveryLineEndsInCrLf) {
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""}, {"a\nb", "a\r\nb"}, {"a\r\nb\n", "a\r\nb\r\n"}, {"a\rb", "a\r\nb"}, {"\n\n", "\r\n\r\n"},
+        {"", ""},           {"a\nb", "a\r\nb"},   {"a\r\nb\n", "a\r\nb\r\n"},
+        {"a\rb", "a\r\nb"}, {"\n\n", "\r\n\r\n"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(toWireFormat(c.first.c_str()), c.second);
@@ -318,7 +333,8 @@ TEST(SmtpWireFormat, EveryLineEndsInCrLf) {
 }
 
 TEST(SmtpSpool, FilesKeepTheEnvelopeAndRejectGarbage) {
-    SpooledMessage m{"", {"a@b", "\"odd > name\"@c"}, "X-Spool-To: not envelope\n\nbody", 1700000000};
+    SpooledMessage m{
+        "", {"a@b", "\"odd > name\"@c"}, "X-Spool-To: not envelope\n\nbody", 1700000000};
     SpooledMessage back;
     ASSERT_TRUE(Spool::parse(Spool::format(m, "550 no\r\nsecond line"), back));
     EXPECT_EQ(back.from, "");
