@@ -284,6 +284,12 @@ void SmtpTestServer::kill() {
     }
 }
 
+void SmtpTestServer::freeze(bool frozen) {
+    if (pid_ > 0) {
+        ::kill(pid_, frozen ? SIGSTOP : SIGCONT);
+    }
+}
+
 std::vector<SmtpTestServer::Message> SmtpTestServer::messages() const {
     std::vector<Message> out;
     std::istringstream in(readFile(dir_ / "record"));

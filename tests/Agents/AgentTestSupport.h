@@ -74,6 +74,8 @@ class SmtpTestServer {
     void start();
     // SIGKILL: the server stops wherever it is, as in a crash.
     void kill();
+    // SIGSTOP / SIGCONT: the server hangs, connections stay open.
+    void freeze(bool frozen);
     bool running() const { return pid_ > 0; }
 
     int port() const { return port_; }

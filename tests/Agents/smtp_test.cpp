@@ -79,6 +79,20 @@ TEST(SmtpAgent, AConnectionClosedByTheServerIsReopened) {
     EXPECT_EQ(server.connections(), 3);
 }
 
+TEST(SmtpAgent, AHungServerDoesNotHoldUpShutdown) {
+    SmtpTestServer server;
+    const auto start = std::chrono::steady_clock::now();
+    {
+        SmtpAgent agent(settingsFor(server.url(), {{"timeout", "60"}}));
+        EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "x\n"), "");
+        server.freeze(true);  // the open connection now gets no answer to QUIT
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
+        std::chrono::steady_clock::now() - start);
+    server.freeze(false);
+    EXPECT_LT(seconds.count(), 30) << "closing waited for the 60 s timeout";
+}
+
 TEST(SmtpAgent, TemporaryAndPermanentRefusalsOfTheMessage) {
     struct Case {
         const char* reply;
