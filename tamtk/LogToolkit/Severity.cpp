@@ -1,5 +1,7 @@
 #include "LogToolkit/Severity.h"
 
+#include <cstdio>
+
 namespace Tamlog {
 namespace internal {
 namespace severity {
@@ -82,6 +84,49 @@ bool loggable(const SeverityBag& accepted, std::uint64_t debugMask, const Severi
         }
     }
     return false;
+}
+
+std::string severityName(const severity_mask& s) {
+    static const struct {
+        const severity_mask* sev;
+        const char* name;
+    } named[] = {
+        {&sev::critical, "critical"},
+        {&sev::alert, "alert"},
+        {&sev::error, "error"},
+        {&sev::warning, "warning"},
+        {&sev::notice, "notice"},
+        {&sev::info, "info"},
+        {&sev::audit_success, "audit_success"},
+        {&sev::audit_fail, "audit_fail"},
+        {&sev::no_sev, "none"},
+    };
+    for (const auto& n : named) {
+        if (n.sev->equal(s)) {
+            return n.name;
+        }
+    }
+    if (dynamic_cast<const internal::severity::debug_severity*>(&s) != nullptr) {
+        const std::uint64_t bits = debug_mask(s);
+        if (bits == 0) {
+            return "debug";
+        }
+        char text[32];
+        std::snprintf(text, sizeof text, "debug(0x%llx)", static_cast<unsigned long long>(bits));
+        return text;
+    }
+    return "unknown";
+}
+
+std::string severityNames(const SeverityBag& c) {
+    std::string out;
+    for (const SeverityBag::pointer& p : c) {
+        if (!out.empty()) {
+            out += '|';
+        }
+        out += severityName(*p);
+    }
+    return out;
 }
 
 }  // namespace Tamlog

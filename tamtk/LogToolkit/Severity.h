@@ -2,6 +2,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "Toolkit/Exceptions.h"
@@ -146,5 +147,13 @@ TAMTK_API bool isSeverityIgnored(const SeverityBag& accepted, std::uint64_t debu
 // A record is loggable when at least one of its severities is accepted.
 TAMTK_API bool loggable(const SeverityBag& accepted, std::uint64_t debugMask,
                         const SeverityBag& record);
+
+// The name a person reads in a log record: "critical", "alert", "error",
+// "warning", "notice", "info", "audit_success", "audit_fail", "none" for
+// no_sev, "debug" for a debug severity without bits and "debug(0x...)" with
+// its bits otherwise; "unknown" for a class without a name.
+TAMTK_API std::string severityName(const severity_mask& s);
+// The names of all members joined by '|', in insertion order.
+TAMTK_API std::string severityNames(const SeverityBag& c);
 
 }  // namespace Tamlog

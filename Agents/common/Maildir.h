@@ -1,0 +1,48 @@
+#pragma once
+
+// Delivery into a Maildir: a directory with tmp/, new/ and cur/. A message is
+// written under a unique name into tmp/, flushed to disk, and renamed into
+// new/, so a reader sees in new/ only complete files. The SMTP agent's spool
+// uses the same protocol.
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace Osk {
+namespace EmailAgents {
+
+// A run of bytes of a file being written; a file may be several pieces.
+struct Piece {
+    const char* data;
+    std::size_t size;
+};
+
+class Maildir {
+  public:
+    // `sync`: flush each file and new/ to disk before deliver() returns.
+    Maildir(std::string path, bool sync);
+
+    // Creates the directory and its tmp/, new/ and cur/ when missing.
+    void create() const;
+    // Writes the pieces as one new message; returns its file name in new/.
+    // Creates the Maildir first if it does not exist yet.
+    std::string deliver(const std::vector<Piece>& pieces) const;
+
+    const std::string& path() const { return path_; }
+    std::string newDir() const { return path_ + "/new"; }
+
+  private:
+    std::string path_;
+    bool sync_;
+};
+
+// "<seconds>.M<microseconds>P<pid>Q<count>.<host>": unique within the host,
+// and the names of one directory sort by the time they were made.
+std::string uniqueMaildirName();
+
+// Flushes a directory's entries (after a rename or unlink in it).
+void syncDirectory(const std::string& dir);
+
+}  // namespace EmailAgents
+}  // namespace Osk

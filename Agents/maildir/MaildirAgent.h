@@ -1,0 +1,26 @@
+#pragma once
+
+// The Maildir agent: every message becomes one file in a Maildir that mail
+// clients (mutt, for one) read directly, so alerts can be seen without any
+// mail server.
+
+#include <string>
+
+#include "Agents/common/AgentParams.h"
+
+namespace Osk {
+namespace EmailAgents {
+
+struct MaildirSettings {
+    std::string path;   // parameter "path", required
+    bool fsync = true;  // parameter "fsync"
+
+    // Throws AgentParamException for unknown names and bad values.
+    static MaildirSettings fromParams(const Params& params);
+};
+
+// Stores `message` unchanged; returns the path of the new file.
+std::string deliverToMaildir(const MaildirSettings& settings, const char* message);
+
+}  // namespace EmailAgents
+}  // namespace Osk

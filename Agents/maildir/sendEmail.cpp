@@ -1,0 +1,12 @@
+// The Maildir agent's plug-in entry: the message already carries its
+// recipients in its header, so the envelope is not needed.
+
+#include "Agents/maildir/MaildirAgent.h"
+#include "Channels/email/EmailAgent.h"
+
+OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
+                                const Osk::EmailChannel::ToList& /*to*/, const char* message,
+                                const std::map<std::string, std::string>& params) {
+    using namespace Osk::EmailAgents;
+    deliverToMaildir(MaildirSettings::fromParams(params), message);
+}

@@ -1,0 +1,345 @@
+#include "Agents/smtp/SmtpSession.h"
+
+#include <curl/curl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "Agents/common/AgentException.h"
+
+namespace Osk {
+namespace EmailAgents {
+
+namespace {
+
+const char* const _source = "Agents/smtp";
+
+struct _Upload {
+    const std::string* data;
+    std::size_t offset;
+};
+
+size_t _read(char* buffer, size_t size, size_t count, void* userdata) {
+    _Upload* up = static_cast<_Upload*>(userdata);
+    const std::size_t left = up->data->size() - up->offset;
+    const std::size_t n = std::min(left, size * count);
+    std::memcpy(buffer, up->data->data() + up->offset, n);
+    up->offset += n;
+    return n;
+}
+
+int _trace(CURL*, curl_infotype type, char* data, size_t size, void* userdata) {
+    Transcript* t = static_cast<Transcript*>(userdata);
+    if (type == CURLINFO_HEADER_OUT) {
+        t->sent(data, size);
+    } else if (type == CURLINFO_HEADER_IN) {
+        t->received(data, size);
+    }
+    return 0;
+}
+
+int _progress(void* userdata, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    const std::atomic<bool>* abort = static_cast<const std::atomic<bool>*>(userdata);
+    return abort && abort->load() ? 1 : 0;
+}
+
+// libcurl greets with the URL's path; without one it would say "localhost",
+// which some servers refuse. This machine's name is what mail servers expect.
+std::string _urlWithEhloName(const std::string& url) {
+    const std::size_t scheme = url.find("://");
+    const std::size_t slash = url.find('/', scheme + 3);
+    if (slash != std::string::npos && slash + 1 < url.size()) {
+        return url;
+    }
+    char host[256] = {0};
+    if (gethostname(host, sizeof host - 1) != 0) {
+        return url;
+    }
+    for (const char* p = host; *p; ++p) {
+        const char c = *p;
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                        (c >= '0' && c <= '9') || c == '-' || c == '.';
+        if (!ok) {
+            return url;
+        }
+    }
+    if (host[0] == '\0') {
+        return url;
+    }
+    return (slash == std::string::npos ? url : url.substr(0, slash)) + "/" + host;
+}
+
+void _replace(std::string& text, const std::string& secret) {
+    if (secret.empty()) {
+        return;
+    }
+    std::size_t pos = 0;
+    while ((pos = text.find(secret, pos)) != std::string::npos) {
+        text.replace(pos, secret.size(), "***");
+        pos += 3;
+    }
+}
+
+bool _isConnectionLoss(int code) {
+    return code == 421;  // the server is closing the connection
+}
+
+}  // namespace
+
+// libcurl's global state is set up once and never torn down: the host may use
+// libcurl itself, and the agent stays loaded until the process ends.
+void SmtpSession::initialise() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+            TAMTK_THROW(AgentException, _source, "SMTP agent: libcurl cannot be initialised");
+        }
+    });
+}
+
+bool Attempt::allDelivered() const {
+    for (const RecipientOutcome& r : recipients) {
+        if (r.fate != Fate::Delivered) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string toWireFormat(const char* message) {
+    std::string out;
+    const std::size_t n = std::strlen(message);
+    out.reserve(n + n / 32 + 2);
+    for (std::size_t i = 0; i < n; ++i) {
+        const char c = message[i];
+        if (c == '\r') {
+            out += "\r\n";
+            if (i + 1 < n && message[i + 1] == '\n') {
+                ++i;
+            }
+        } else if (c == '\n') {
+            out += "\r\n";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* abort)
+    : settings_(settings), abort_(abort), curl_(nullptr) {
+    initialise();
+    curl_ = curl_easy_init();
+    if (!curl_) {
+        TAMTK_THROW(AgentException, _source, "SMTP agent: libcurl cannot create a handle");
+    }
+    const std::string url = _urlWithEhloName(settings_.url);
+    curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(curl_, CURLOPT_READFUNCTION, _read);
+    curl_easy_setopt(curl_, CURLOPT_USE_SSL,
+                     settings_.starttls == StartTls::No    ? CURLUSESSL_NONE
+                     : settings_.starttls == StartTls::Try ? CURLUSESSL_TRY
+                                                           : CURLUSESSL_ALL);
+    curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, settings_.verifyPeer ? 1L : 0L);
+    curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, settings_.verifyPeer ? 2L : 0L);
+    if (!settings_.caFile.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_CAINFO, settings_.caFile.c_str());
+    }
+    if (!settings_.username.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_USERNAME, settings_.username.c_str());
+        curl_easy_setopt(curl_, CURLOPT_PASSWORD, settings_.password.c_str());
+    }
+    // `timeout` bounds every wait: connecting, each reply, and a stalled upload.
+    const long seconds = (settings_.timeoutMs + 999) / 1000;
+    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT_MS, settings_.timeoutMs);
+    curl_easy_setopt(curl_, CURLOPT_SERVER_RESPONSE_TIMEOUT, seconds);
+    curl_easy_setopt(curl_, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl_, CURLOPT_LOW_SPEED_TIME, seconds);
+    // Refused recipients are reported one by one (see judge) instead of
+    // failing the whole message.
+#if LIBCURL_VERSION_NUM >= 0x080200
+    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT_ALLOWFAILS, 1L);
+#else
+    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT_ALLLOWFAILS, 1L);
+#endif
+    curl_easy_setopt(curl_, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(curl_, CURLOPT_DEBUGFUNCTION, _trace);
+    curl_easy_setopt(curl_, CURLOPT_DEBUGDATA, &transcript_);
+    curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl_, CURLOPT_XFERINFOFUNCTION, _progress);
+    curl_easy_setopt(curl_, CURLOPT_XFERINFODATA, abort_);
+    curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, settings_.reuseConnection ? 0L : 1L);
+}
+
+SmtpSession::~SmtpSession() {
+    // libcurl would send QUIT and wait for its answer as long as `timeout`
+    // allows, holding up the end of the process when the server hangs. No
+    // transaction is open between messages, so the connection is simply
+    // dropped: with the socket shut down, QUIT fails at once.
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    if (curl_easy_getinfo(curl_, CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
+        socket != CURL_SOCKET_BAD) {
+        shutdown(socket, SHUT_RDWR);
+    }
+    curl_easy_cleanup(curl_);
+}
+
+std::string SmtpSession::redact(std::string text) const {
+    // The longer secret first, so that a user name inside the password does
+    // not leave the rest of the password readable.
+    if (settings_.password.size() >= settings_.username.size()) {
+        _replace(text, settings_.password);
+        _replace(text, settings_.username);
+    } else {
+        _replace(text, settings_.username);
+        _replace(text, settings_.password);
+    }
+    return text;
+}
+
+Attempt SmtpSession::send(const std::string& from, const std::vector<std::string>& to,
+                          const std::string& wire) {
+    Attempt attempt = perform(from, to, wire, false);
+    // A connection kept from an earlier message may have been closed by the
+    // server meanwhile; if it broke before the server answered MAIL FROM,
+    // nothing was sent and one try on a new connection is safe.
+    if (attempt.connectionFailure && attempt.connections == 0 && transcript_.mail().code == 0 &&
+        !(abort_ && abort_->load())) {
+        attempt = perform(from, to, wire, true);
+    }
+    return attempt;
+}
+
+Attempt SmtpSession::perform(const std::string& from, const std::vector<std::string>& to,
+                             const std::string& wire, bool freshConnection) {
+    transcript_.reset();
+    curl_slist* rcpts = nullptr;
+    for (const std::string& r : to) {
+        curl_slist* next = curl_slist_append(rcpts, ("<" + r + ">").c_str());
+        if (!next) {
+            curl_slist_free_all(rcpts);
+            TAMTK_THROW(AgentException, _source, "SMTP agent: out of memory");
+        }
+        rcpts = next;
+    }
+    const std::string sender = "<" + from + ">";
+    _Upload upload{&wire, 0};
+    char error[CURL_ERROR_SIZE] = {0};
+    curl_easy_setopt(curl_, CURLOPT_MAIL_FROM, sender.c_str());
+    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT, rcpts);
+    curl_easy_setopt(curl_, CURLOPT_READDATA, &upload);
+    curl_easy_setopt(curl_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(wire.size()));
+    curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, error);
+    curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, freshConnection ? 1L : 0L);
+
+    const CURLcode rc = curl_easy_perform(curl_);
+
+    long connections = 0;
+    curl_easy_getinfo(curl_, CURLINFO_NUM_CONNECTS, &connections);
+    curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT, nullptr);
+    curl_easy_setopt(curl_, CURLOPT_READDATA, nullptr);
+    curl_slist_free_all(rcpts);
+
+    std::string curlText;
+    if (rc != CURLE_OK) {
+        curlText = curl_easy_strerror(rc);
+        if (error[0] != '\0') {
+            curlText += std::string(": ") + error;
+        }
+    }
+    Attempt attempt = judge(rc, to, curlText);
+    attempt.connections = connections;
+    return attempt;
+}
+
+Attempt SmtpSession::judge(int rc, const std::vector<std::string>& to,
+                           const std::string& curlText) const {
+    const Transcript& t = transcript_;
+    Attempt attempt;
+    auto all = [&](Fate fate, const std::string& reason) {
+        attempt.recipients.clear();
+        for (const std::string& r : to) {
+            attempt.recipients.push_back({r, fate, fate == Fate::Delivered ? "" : reason});
+        }
+    };
+    auto fateOf = [](int code) { return code >= 500 ? Fate::Permanent : Fate::Temporary; };
+    auto linkBroke = [&]() {
+        std::string reason = curlText.empty() ? "the connection was lost" : curlText;
+        if (t.last().code >= 400) {
+            reason += " (server: " + t.last().text + ")";
+        }
+        return redact(reason);
+    };
+
+    // The server refused the sender, or the dialogue never got that far
+    // (no connection, TLS, authentication): the same for every recipient.
+    if (t.mail().code == 0 || t.mail().code >= 400) {
+        if (rc == CURLE_OK) {  // nothing to learn from the trace: trust libcurl
+            all(Fate::Delivered, "");
+            return attempt;
+        }
+        if (t.mail().code >= 400) {
+            all(fateOf(t.mail().code), redact(t.mail().text));
+            attempt.connectionFailure = _isConnectionLoss(t.mail().code);
+        } else {
+            all(Fate::Temporary, linkBroke());
+            attempt.connectionFailure = true;
+        }
+        return attempt;
+    }
+
+    // Each recipient has its own answer; the message goes to those accepted.
+    std::vector<std::size_t> accepted;
+    for (std::size_t i = 0; i < to.size(); ++i) {
+        const Reply* reply = i < t.recipients().size() ? &t.recipients()[i].second : nullptr;
+        if (reply && reply->code >= 400) {
+            attempt.recipients.push_back({to[i], fateOf(reply->code), redact(reply->text)});
+            attempt.connectionFailure = attempt.connectionFailure || _isConnectionLoss(reply->code);
+        } else {
+            attempt.recipients.push_back({to[i], Fate::Delivered, ""});
+            accepted.push_back(i);
+        }
+    }
+    if (accepted.empty()) {
+        return attempt;
+    }
+    auto acceptedGet = [&](Fate fate, const std::string& reason) {
+        for (std::size_t i : accepted) {
+            attempt.recipients[i].fate = fate;
+            attempt.recipients[i].reason = fate == Fate::Delivered ? "" : reason;
+        }
+    };
+    const int end = t.endOfData().code;
+    if (end >= 200 && end < 300) {
+        return attempt;  // delivered to the accepted ones
+    }
+    if (end >= 400) {
+        acceptedGet(fateOf(end), redact(t.endOfData().text));
+        attempt.connectionFailure = _isConnectionLoss(end);
+        return attempt;
+    }
+    if (t.data().code >= 400) {
+        acceptedGet(fateOf(t.data().code), redact(t.data().text));
+        attempt.connectionFailure = _isConnectionLoss(t.data().code);
+        return attempt;
+    }
+    if (rc == CURLE_OK) {
+        return attempt;
+    }
+    // The link broke somewhere between the recipients and the final answer.
+    attempt.possiblyDelivered = t.messageSent();
+    acceptedGet(
+        Fate::Temporary,
+        linkBroke() +
+            (attempt.possiblyDelivered ? "; the server may have taken the message already" : ""));
+    attempt.connectionFailure = true;
+    return attempt;
+}
+
+}  // namespace EmailAgents
+}  // namespace Osk

@@ -1,0 +1,77 @@
+#pragma once
+
+// One SMTP client over libcurl. The curl handle keeps its connection open
+// between messages, so consecutive messages share one connection while the
+// server allows it; a connection found dead is replaced.
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "Agents/smtp/SmtpSettings.h"
+#include "Agents/smtp/Transcript.h"
+
+typedef void CURL;
+
+namespace Osk {
+namespace EmailAgents {
+
+enum class Fate { Delivered, Temporary, Permanent };
+
+struct RecipientOutcome {
+    std::string address;
+    Fate fate;
+    std::string reason;  // the server's reply or the transport error; empty when delivered
+};
+
+struct Attempt {
+    std::vector<RecipientOutcome> recipients;  // in the order given
+    // The server could not be reached or the link broke: wait before the
+    // next try instead of trying again at once.
+    bool connectionFailure = false;
+    // The link broke after the whole message was sent: the server may have
+    // taken it, so a retry may deliver it twice.
+    bool possiblyDelivered = false;
+    // New connections this attempt opened (0 when an open one was reused).
+    long connections = 0;
+
+    bool allDelivered() const;
+};
+
+// The message with every line ending in CR LF, as SMTP requires. Existing
+// CR LF pairs are kept; a lone CR or LF becomes CR LF.
+std::string toWireFormat(const char* message);
+
+class SmtpSession {
+  public:
+    // `abort`, when set, stops a transfer under way (used at shutdown).
+    SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* abort);
+    ~SmtpSession();
+    SmtpSession(const SmtpSession&) = delete;
+    SmtpSession& operator=(const SmtpSession&) = delete;
+
+    // One transaction: MAIL FROM `from`, RCPT TO each of `to`, then `wire`
+    // (already in wire format; libcurl adds the dot-stuffing). Never throws
+    // for delivery problems: the outcome says what happened to whom.
+    Attempt send(const std::string& from, const std::vector<std::string>& to,
+                 const std::string& wire);
+
+    // Sets up libcurl's global state, once per process.
+    static void initialise();
+
+    // Removes the user name and the password from a text meant for a message.
+    std::string redact(std::string text) const;
+
+  private:
+    Attempt perform(const std::string& from, const std::vector<std::string>& to,
+                    const std::string& wire, bool freshConnection);
+    Attempt judge(int code, const std::vector<std::string>& to, const std::string& curlText) const;
+
+    const SmtpSettings& settings_;
+    const std::atomic<bool>* abort_;
+    CURL* curl_;
+    Transcript transcript_;
+};
+
+}  // namespace EmailAgents
+}  // namespace Osk

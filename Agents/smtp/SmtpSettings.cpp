@@ -1,0 +1,113 @@
+#include "Agents/smtp/SmtpSettings.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace Osk {
+namespace EmailAgents {
+
+namespace {
+
+// Only what libcurl can use as an SMTP address, and no credentials in it:
+// those belong in username/password so that no message ever shows them.
+void _checkUrl(const ParamReader& reader, const std::string& url) {
+    std::string rest;
+    if (url.compare(0, 7, "smtp://") == 0) {
+        rest = url.substr(7);
+    } else if (url.compare(0, 8, "smtps://") == 0) {
+        rest = url.substr(8);
+    } else {
+        reader.fail(
+            "url", "has the value \"" + url + "\"; expected smtp://host:port or smtps://host:port");
+    }
+    const std::string authority = rest.substr(0, rest.find('/'));
+    if (authority.find('@') != std::string::npos) {
+        // The value itself is not repeated: it holds a secret.
+        reader.fail("url",
+                    "must not contain a user name or password; use the parameters "
+                    "username and password");
+    }
+    for (char c : url) {
+        if (static_cast<unsigned char>(c) <= 0x20 || c == 0x7f) {
+            reader.fail("url", "has the value \"" + url + "\" with a blank or control character");
+        }
+    }
+    if (authority.empty() || authority[0] == ':') {
+        reader.fail("url", "has the value \"" + url + "\" without a host");
+    }
+}
+
+std::string _readPasswordFile(const ParamReader& reader, const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        const int err = errno;
+        reader.fail("password_file",
+                    "names \"" + path + "\", which cannot be read: " + std::strerror(err));
+    }
+    std::ostringstream content;
+    content << in.rdbuf();
+    std::string password = content.str();
+    // One line; the editor's final line feed is not part of the password.
+    while (!password.empty() && (password.back() == '\n' || password.back() == '\r')) {
+        password.pop_back();
+    }
+    if (password.empty()) {
+        reader.fail("password_file", "names \"" + path + "\", which is empty");
+    }
+    if (password.find('\n') != std::string::npos) {
+        reader.fail("password_file", "names \"" + path + "\", which holds more than one line");
+    }
+    return password;
+}
+
+}  // namespace
+
+SmtpSettings SmtpSettings::fromParams(const Params& params) {
+    ParamReader reader("SMTP agent", params,
+                       {"url", "starttls", "verify_peer", "ca_file", "username", "password",
+                        "password_file", "timeout", "spool"});
+    SmtpSettings s;
+    s.url = reader.required("url");
+    _checkUrl(reader, s.url);
+
+    const std::string starttls = reader.choice("starttls", {"no", "try", "required"}, "try");
+    s.starttls = starttls == "no"    ? StartTls::No
+                 : starttls == "try" ? StartTls::Try
+                                     : StartTls::Required;
+    s.verifyPeer = reader.flag("verify_peer", true);
+    if (reader.has("ca_file")) {
+        s.caFile = reader.required("ca_file");
+        std::ifstream probe(s.caFile);
+        if (!probe) {
+            reader.fail("ca_file", "names \"" + s.caFile + "\", which cannot be read");
+        }
+    }
+
+    if (reader.has("password") && reader.has("password_file")) {
+        reader.fail("password_file", "and \"password\" are both given; use one of them");
+    }
+    if (reader.has("username")) {
+        s.username = reader.required("username");
+        if (reader.has("password")) {
+            s.password = reader.required("password");
+        } else if (reader.has("password_file")) {
+            s.password = _readPasswordFile(reader, reader.required("password_file"));
+        } else {
+            reader.fail("username", "is given without \"password\" or \"password_file\"");
+        }
+    } else if (reader.has("password") || reader.has("password_file")) {
+        reader.fail(reader.has("password") ? "password" : "password_file",
+                    "is given without \"username\"");
+    }
+
+    s.timeoutMs = reader.milliseconds("timeout", 30, 3600);
+    if (reader.has("spool")) {
+        s.spool = reader.required("spool");
+    }
+    return s;
+}
+
+}  // namespace EmailAgents
+}  // namespace Osk

@@ -1,0 +1,83 @@
+// Messages per second through the email agents: the SMTP agent to a local
+// aiosmtpd server, with one reused connection and with a new connection per
+// message, and the Maildir agent with and without flushing to disk. The
+// server is Python, so the SMTP figures measure the pair, not the agent alone.
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+
+#include "AgentTestSupport.h"
+#include "Agents/maildir/MaildirAgent.h"
+#include "Agents/smtp/SmtpAgent.h"
+
+using namespace Osk::EmailAgents;
+
+namespace {
+
+// A typical alert: a dozen header lines and a short Base64 body.
+const std::string& alert() {
+    static const std::string text = [] {
+        std::string m =
+            "To: <ops@example.org>\nFrom: =?UTF-8?B?QWxlcnRz?=\n <alerts@example.org>\n"
+            "Date: Tue, 01 Oct 2024 12:00:00 +0000\nSubject: =?UTF-8?B?ZGlzayBmdWxs?=\n"
+            "MIME-Version: 1.0\nContent-Disposition: inline\n"
+            "Content-Type: text/plain; charset=\"UTF-8\"\nContent-Transfer-Encoding: base64\n\n";
+        for (int i = 0; i < 10; ++i) {
+            m += std::string(76, 'Q') + "\n";
+        }
+        return m;
+    }();
+    return text;
+}
+
+AgentTest::SmtpTestServer& server() {
+    static AgentTest::SmtpTestServer::Options options = [] {
+        AgentTest::SmtpTestServer::Options o;
+        o.record = false;
+        return o;
+    }();
+    static AgentTest::SmtpTestServer s(options);
+    return s;
+}
+
+void smtp(benchmark::State& state, bool reuse) {
+    SmtpSettings settings = SmtpSettings::fromParams({{"url", server().url()}});
+    settings.reuseConnection = reuse;
+    SmtpAgent agent(settings);
+    const std::vector<std::string> to = {"ops@example.org"};
+    for (auto _ : state) {
+        agent.send("alerts@example.org", to, alert().c_str());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+void BM_SmtpReusedConnection(benchmark::State& state) {
+    smtp(state, true);
+}
+void BM_SmtpNewConnectionPerMessage(benchmark::State& state) {
+    smtp(state, false);
+}
+
+void BM_Maildir(benchmark::State& state) {
+    AgentTest::TempDir dir;
+    const MaildirSettings settings = MaildirSettings::fromParams(
+        {{"path", dir / "Maildir"}, {"fsync", state.range(0) ? "yes" : "no"}});
+    for (auto _ : state) {
+        deliverToMaildir(settings, alert().c_str());
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+}  // namespace
+
+BENCHMARK(BM_SmtpReusedConnection)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SmtpNewConnectionPerMessage)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Maildir)
+    ->ArgName("fsync")
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_MAIN();

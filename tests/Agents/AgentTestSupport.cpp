@@ -1,0 +1,317 @@
+#include "AgentTestSupport.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace AgentTest {
+
+namespace {
+
+void _removeTree(const std::string& path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+        return;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        chmod(path.c_str(), 0700);
+        if (DIR* d = opendir(path.c_str())) {
+            while (dirent* e = readdir(d)) {
+                const std::string name = e->d_name;
+                if (name != "." && name != "..") {
+                    _removeTree(path + "/" + name);
+                }
+            }
+            closedir(d);
+        }
+        rmdir(path.c_str());
+    } else {
+        unlink(path.c_str());
+    }
+}
+
+std::string _unhex(const std::string& hex) {
+    std::string out;
+    out.reserve(hex.size() / 2);
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+        out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    }
+    return out;
+}
+
+std::vector<std::string> _split(const std::string& text, char sep) {
+    std::vector<std::string> out;
+    std::string item;
+    std::istringstream in(text);
+    while (std::getline(in, item, sep)) {
+        out.push_back(item);
+    }
+    return out;
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/agents-test-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    path_ = buf.data();
+    chmod(path_.c_str(), 0755);  // the unprivileged child must reach inside
+}
+
+TempDir::~TempDir() {
+    _removeTree(path_);
+}
+
+std::vector<std::string> listDir(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] != '.') {
+                names.emplace_back(e->d_name);
+            }
+        }
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary);
+    out << content;
+}
+
+std::string run(const std::string& command) {
+    FILE* p = popen(command.c_str(), "r");
+    if (!p) {
+        throw std::runtime_error("cannot run: " + command);
+    }
+    std::string out;
+    char buf[4096];
+    std::size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
+        out.append(buf, n);
+    }
+    const int status = pclose(p);
+    if (status != 0) {
+        throw std::runtime_error("command failed (" + std::to_string(status) + "): " + command);
+    }
+    return out;
+}
+
+const Certificate& Certificate::get() {
+    static TempDir dir;
+    static const Certificate certificate = [] {
+        Certificate c{dir / "cert.pem", dir / "key.pem"};
+        run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+            " -subj /CN=localhost -addext subjectAltName=IP:127.0.0.1,DNS:localhost"
+            " -keyout " +
+            c.key + " -out " + c.cert + " 2>/dev/null");
+        return c;
+    }();
+    return certificate;
+}
+
+std::string runUnprivileged(const std::function<std::string()>& body) {
+    int fds[2];
+    if (pipe(fds) != 0) {
+        throw std::runtime_error("pipe failed");
+    }
+    const pid_t pid = fork();
+    if (pid < 0) {
+        throw std::runtime_error("fork failed");
+    }
+    if (pid == 0) {
+        close(fds[0]);
+        std::string result;
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
+            result = "cannot drop root";
+        } else {
+            try {
+                result = body();
+            } catch (...) {
+                result = "unexpected exception";
+            }
+        }
+        const ssize_t ignored = write(fds[1], result.data(), result.size());
+        (void)ignored;
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string result;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) {
+        result.append(buf, static_cast<std::size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return result;
+}
+
+SmtpTestServer::SmtpTestServer(const Options& options) : options_(options) {
+    start();
+}
+
+SmtpTestServer::~SmtpTestServer() {
+    kill();
+}
+
+std::string SmtpTestServer::url() const {
+    return std::string(options_.implicitTls ? "smtps" : "smtp") +
+           "://127.0.0.1:" + std::to_string(port_);
+}
+
+void SmtpTestServer::start() {
+    int status = 0;
+    if (running() && waitpid(pid_, &status, WNOHANG) == 0) {
+        return;  // still up
+    }
+    pid_ = -1;
+    kill();  // closes the pipes of one that ended by itself
+    std::vector<std::string> args = {"/usr/bin/python3", AGENTS_TEST_SERVER,
+                                     "--port",           std::to_string(port_),
+                                     "--idle-timeout",   std::to_string(options_.idleTimeout)};
+    if (options_.record) {
+        args.insert(args.end(), {"--record", dir_ / "record"});
+    }
+    if (options_.starttls || options_.implicitTls) {
+        args.insert(args.end(),
+                    {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
+    }
+    if (!options_.dieOnce.empty()) {
+        args.insert(args.end(), {"--die-once", options_.dieOnce});
+    }
+    if (options_.implicitTls) {
+        args.push_back("--implicit-tls");
+    }
+    if (options_.requireStarttls) {
+        args.push_back("--require-starttls");
+    }
+    if (!options_.auth.empty()) {
+        args.insert(args.end(), {"--auth", options_.auth});
+    }
+    std::vector<char*> argv;
+    for (std::string& a : args) {
+        argv.push_back(&a[0]);
+    }
+    argv.push_back(nullptr);
+
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
+        throw std::runtime_error("pipe failed");
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    const std::string log = dir_ / "server.log";
+    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(out[1]);
+    stdin_ = in[1];
+    stdout_ = out[0];
+    if (rc != 0) {
+        pid_ = -1;
+        throw std::runtime_error("cannot start " + args[0]);
+    }
+
+    std::string line;
+    pollfd p{stdout_, POLLIN, 0};
+    while (line.find('\n') == std::string::npos) {
+        if (poll(&p, 1, 20000) <= 0) {
+            kill();
+            throw std::runtime_error("the SMTP test server did not start in time");
+        }
+        char buf[256];
+        const ssize_t n = read(stdout_, buf, sizeof buf);
+        if (n <= 0) {
+            const std::string why = readFile(log);
+            kill();
+            throw std::runtime_error("the SMTP test server failed to start: " + why);
+        }
+        line.append(buf, static_cast<std::size_t>(n));
+    }
+    if (line.compare(0, 6, "READY ") != 0) {
+        kill();
+        throw std::runtime_error("unexpected output of the SMTP test server: " + line);
+    }
+    port_ = std::stoi(line.substr(6));
+}
+
+void SmtpTestServer::kill() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+    }
+    for (int* fd : {&stdin_, &stdout_}) {
+        if (*fd >= 0) {
+            close(*fd);
+            *fd = -1;
+        }
+    }
+}
+
+void SmtpTestServer::freeze(bool frozen) {
+    if (pid_ > 0) {
+        ::kill(pid_, frozen ? SIGSTOP : SIGCONT);
+    }
+}
+
+std::vector<SmtpTestServer::Message> SmtpTestServer::messages() const {
+    std::vector<Message> out;
+    std::istringstream in(readFile(dir_ / "record"));
+    std::string line;
+    while (std::getline(in, line)) {
+        const std::vector<std::string> f = _split(line, ' ');
+        if (f.size() == 7 && f[0] == "M") {
+            out.push_back({std::stoi(f[1]), f[2] == "1", f[3] == "1", f[4] == "-" ? "" : f[4],
+                           _split(f[5], ','), _unhex(f[6])});
+        }
+    }
+    return out;
+}
+
+int SmtpTestServer::connections() const {
+    int count = 0;
+    std::istringstream in(readFile(dir_ / "record"));
+    std::string line;
+    while (std::getline(in, line)) {
+        count += line.compare(0, 2, "C ") == 0 ? 1 : 0;
+    }
+    return count;
+}
+
+}  // namespace AgentTest

@@ -1,0 +1,96 @@
+#pragma once
+
+// Helpers for the agents' tests and benchmark: scratch directories, a
+// throw-away TLS certificate, and a real SMTP server (smtp_server.py on
+// Debian's Python with aiosmtpd) running on 127.0.0.1.
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace AgentTest {
+
+// A fresh directory under $TMPDIR, removed with everything in it.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+// Names of the files in a directory (not starting with '.'), sorted.
+std::vector<std::string> listDir(const std::string& dir);
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content);
+// Runs a shell command; returns its standard output, throws on a non-zero exit.
+std::string run(const std::string& command);
+
+// A self-signed certificate for 127.0.0.1 and localhost, made once per process.
+struct Certificate {
+    std::string cert;
+    std::string key;
+    static const Certificate& get();
+};
+
+// Runs `body` in a child process without root's right to write anywhere
+// (as user nobody when the tests run as root). Returns what `body` returned.
+std::string runUnprivileged(const std::function<std::string()>& body);
+
+class SmtpTestServer {
+  public:
+    struct Options {
+        bool starttls = false;         // offer STARTTLS with Certificate::get()
+        bool requireStarttls = false;  // refuse mail before STARTTLS
+        bool implicitTls = false;      // smtps: TLS from the first byte
+        std::string auth;              // "user:password": AUTH PLAIN required
+        double idleTimeout = 300;      // seconds before an idle client is dropped
+        bool record = true;            // write what arrives to a file
+        std::string dieOnce;           // marker file: crash on the first "X-Test-Die: yes"
+    };
+    struct Message {
+        int connection;
+        bool tls;
+        bool auth;
+        std::string from;
+        std::vector<std::string> to;
+        std::string data;
+    };
+
+    explicit SmtpTestServer(const Options& options);
+    SmtpTestServer() : SmtpTestServer(Options()) {}
+    ~SmtpTestServer();
+    SmtpTestServer(const SmtpTestServer&) = delete;
+    SmtpTestServer& operator=(const SmtpTestServer&) = delete;
+
+    // Starts the server; a restart listens on the same port as before.
+    void start();
+    // SIGKILL: the server stops wherever it is, as in a crash.
+    void kill();
+    // SIGSTOP / SIGCONT: the server hangs, connections stay open.
+    void freeze(bool frozen);
+    bool running() const { return pid_ > 0; }
+
+    int port() const { return port_; }
+    std::string url() const;  // smtp:// or smtps://127.0.0.1:<port>
+
+    std::vector<Message> messages() const;
+    int connections() const;
+
+  private:
+    Options options_;
+    TempDir dir_;
+    pid_t pid_ = -1;
+    int stdin_ = -1;
+    int stdout_ = -1;
+    int port_ = 0;
+};
+
+}  // namespace AgentTest

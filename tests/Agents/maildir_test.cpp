@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <sstream>
+#include <thread>
+
+#include "AgentTestSupport.h"
+#include "Agents/common/AgentException.h"
+#include "Agents/maildir/MaildirAgent.h"
+
+using namespace Osk::EmailAgents;
+using AgentTest::listDir;
+using AgentTest::readFile;
+using AgentTest::TempDir;
+
+namespace {
+
+std::string failureOf(const Params& params, const char* message = "To: x\n\nbody\n") {
+    try {
+        deliverToMaildir(MaildirSettings::fromParams(params), message);
+    } catch (const Tamtk::Exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+std::string runUnprivilegedFailure(const std::string& path) {
+    return AgentTest::runUnprivileged([&] { return failureOf({{"path", path}}); });
+}
+
+std::string hex(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : bytes) {
+        out += digits[c >> 4];
+        out += digits[c & 15];
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(MaildirAgent, ParametersAreCheckedAndNamedInTheError) {
+    struct Case {
+        Params params;
+        std::vector<std::string> expected;  // all in the message
+    };
+    const std::vector<Case> cases = {
+        {{}, {"\"path\"", "required"}},
+        {{{"path", ""}}, {"\"path\"", "empty"}},
+        {{{"path", "/tmp/x"}, {"fsync", "sometimes"}}, {"\"fsync\"", "sometimes", "yes or no"}},
+        {{{"path", "/tmp/x"}, {"fsnyc", "no"}}, {"unknown parameter \"fsnyc\"", "path, fsync"}},
+    };
+    for (const Case& c : cases) {
+        std::string text;
+        try {
+            MaildirSettings::fromParams(c.params);
+        } catch (const AgentParamException& e) {
+            text = e.what();
+        }
+        for (const std::string& part : c.expected) {
+            EXPECT_NE(text.find(part), std::string::npos) << "'" << part << "' not in: " << text;
+        }
+    }
+    EXPECT_FALSE(MaildirSettings::fromParams({{"path", "/x"}, {"fsync", "No"}}).fsync);
+    EXPECT_TRUE(MaildirSettings::fromParams({{"path", "/x"}}).fsync);
+}
+
+TEST(MaildirAgent, CreatesTheMaildirAndStoresTheMessageUnchangedInNew) {
+    TempDir dir;
+    const std::string path = dir / "deep/er/Maildir";
+    const std::string message = "To: <a@b.example>\nSubject: =?UTF-8?B?w6k=?=\n\n.\nFrom x\n\xff\n";
+    for (const char* fsync : {"yes", "no"}) {
+        const std::string file = deliverToMaildir(
+            MaildirSettings::fromParams({{"path", path}, {"fsync", fsync}}), message.c_str());
+        EXPECT_EQ(readFile(file), message);
+        EXPECT_EQ(file.substr(0, path.size() + 5), path + "/new/");
+    }
+    EXPECT_EQ(listDir(path + "/new").size(), 2u);
+    EXPECT_TRUE(listDir(path + "/tmp").empty());
+    EXPECT_TRUE(listDir(path + "/cur").empty());
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << "mail folders are private";
+}
+
+TEST(MaildirAgent, ReadersNeverSeeAHalfWrittenFile) {
+    TempDir dir;
+    const std::string path = dir / "Maildir";
+    const std::string message = "To: <a@b>\n\n" + std::string(512 * 1024, 'x') + "\nEND\n";
+    std::atomic<bool> done{false};
+    std::atomic<int> checked{0};
+    std::string bad;
+    std::thread reader([&] {
+        while (!done) {
+            for (const std::string& name : listDir(path + "/new")) {
+                const std::string content = readFile(path + "/new/" + name);
+                if (content != message && bad.empty()) {
+                    bad = name + " had " + std::to_string(content.size()) + " bytes";
+                }
+                ++checked;
+            }
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        deliverToMaildir(MaildirSettings::fromParams({{"path", path}, {"fsync", "no"}}),
+                         message.c_str());
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(bad, "");
+    EXPECT_GT(checked.load(), 0);
+    EXPECT_EQ(listDir(path + "/new").size(), 100u);
+    EXPECT_TRUE(listDir(path + "/tmp").empty());
+}
+
+TEST(MaildirAgent, UnwritablePlacesGiveAClearError) {
+    TempDir dir;
+    const std::string locked = dir / "locked";
+    ASSERT_EQ(mkdir(locked.c_str(), 0755), 0);
+    const std::string existing = dir / "existing";
+    for (const char* sub : {"", "/tmp", "/new", "/cur"}) {
+        ASSERT_EQ(mkdir((existing + sub).c_str(), 0755), 0);
+    }
+    // The unprivileged child may read but not write either of them.
+    const std::string missing = runUnprivilegedFailure(locked + "/Maildir");
+    EXPECT_NE(missing.find(locked + "/Maildir"), std::string::npos) << missing;
+    EXPECT_NE(missing.find("Permission denied"), std::string::npos) << missing;
+
+    const std::string readOnly = runUnprivilegedFailure(existing);
+    EXPECT_NE(readOnly.find("cannot create \"" + existing + "/tmp/"), std::string::npos)
+        << readOnly;
+    EXPECT_NE(readOnly.find("Permission denied"), std::string::npos) << readOnly;
+
+    AgentTest::writeFile(dir / "file", "not a folder");
+    const std::string blocked = failureOf({{"path", dir / "file"}});
+    EXPECT_NE(blocked.find("a file of that name is in the way"), std::string::npos) << blocked;
+}
+
+TEST(MaildirAgent, PythonsMailboxReadsTheMessagesBackByteForByte) {
+    TempDir dir;
+    const std::string path = dir / "Maildir";
+    const std::vector<std::string> messages = {
+        "To: <a@b.example>\nFrom: =?UTF-8?B?QWxlcnQ=?=\n <c@d.example>\n\nYm9keQ==\n",
+        "To: <a@b.example>\n\nFrom the start of a line\n.\n..\n",
+        "To: <a@b.example>\n\n\xc3\xa9\xff\x01 no final line feed",
+        "To: <a@b.example>\r\nX-Crlf: kept as given\r\n\r\n",
+    };
+    for (const std::string& m : messages) {
+        deliverToMaildir(MaildirSettings::fromParams({{"path", path}}), m.c_str());
+    }
+    const std::string out = AgentTest::run(
+        "/usr/bin/python3 -c 'import mailbox, sys\n"
+        "box = mailbox.Maildir(sys.argv[1], factory=None, create=False)\n"
+        "for key in box.keys(): print(box.get_bytes(key).hex())' " +
+        path);
+    std::vector<std::string> read;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        read.push_back(line);
+    }
+    std::vector<std::string> expected;
+    for (const std::string& m : messages) {
+        expected.push_back(hex(m));
+    }
+    std::sort(read.begin(), read.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(read, expected);
+}

@@ -1,0 +1,120 @@
+// The agents as the channel sees them: shared libraries opened with dlopen,
+// whose exceptions must reach the host as Tamtk::Exception.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "Channels/email/EmailAgent.h"
+#include "SmtpTestUtil.h"
+
+using AgentTest::TempDir;
+using Osk::EmailChannel::ToList;
+typedef std::map<std::string, std::string> Params;
+
+namespace {
+
+class Plugin {
+  public:
+    explicit Plugin(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
+        if (!handle_) {
+            throw std::runtime_error(dlerror());
+        }
+        send_ = reinterpret_cast<Osk::EmailChannel::SendEmailFn*>(dlsym(handle_, "sendEmail"));
+    }
+    ~Plugin() {
+        if (handle_ && close_) {
+            dlclose(handle_);
+        }
+    }
+    // Left open until the process ends, as the channel does.
+    void keepLoaded() { close_ = false; }
+
+    // "" when sendEmail returned, else the exception as the host prints it.
+    std::string send(const Tamnet::EmailAddr& from, const ToList& to, const char* message,
+                     const Params& params) {
+        try {
+            send_(from, to, message, params);
+        } catch (const Tamtk::Exception& e) {
+            std::ostringstream out;
+            out << e;
+            return out.str();
+        }
+        return "";
+    }
+    bool bound() const { return send_ != nullptr; }
+
+  private:
+    void* handle_;
+    Osk::EmailChannel::SendEmailFn* send_ = nullptr;
+    bool close_ = true;
+};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(AgentPlugins, MaildirPluginStoresMessagesAndItsErrorsReachTheHost) {
+    Plugin plugin(MAILDIR_AGENT);
+    ASSERT_TRUE(plugin.bound());
+    TempDir dir;
+    const ToList to = {Tamnet::EmailAddr("ops@example.org")};
+    EXPECT_EQ(plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "To: x\n\nhello\n",
+                          {{"path", dir / "Maildir"}}),
+              "");
+    const auto files = AgentTest::listDir(dir / "Maildir/new");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(AgentTest::readFile(dir / ("Maildir/new/" + files[0])), "To: x\n\nhello\n");
+
+    const std::string text = plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "x",
+                                         {{"path", dir / "Maildir"}, {"colour", "red"}});
+    EXPECT_TRUE(contains(text, "Maildir agent: unknown parameter \"colour\"")) << text;
+    EXPECT_TRUE(contains(text, "Agents/AgentParams")) << "with its source location: " << text;
+}
+
+TEST(AgentPlugins, SmtpPluginSendsToThePlainAddressesAndItsErrorsReachTheHost) {
+    Plugin plugin(SMTP_AGENT);
+    ASSERT_TRUE(plugin.bound());
+    AgentTest::SmtpTestServer server;
+    const Params params = {{"url", server.url()}, {"timeout", "5"}};
+    const ToList to = {Tamnet::EmailAddr("<ops@example.org>"),
+                       Tamnet::EmailAddr("<@relay.example:boss@example.net>")};
+    EXPECT_EQ(plugin.send(Tamnet::EmailAddr("<alerts@example.org>"), to, "To: x\n\nhi\n", params),
+              "");
+    ASSERT_EQ(server.messages().size(), 1u);
+    EXPECT_EQ(server.messages()[0].from, "alerts@example.org");
+    EXPECT_EQ(server.messages()[0].to,
+              (std::vector<std::string>{"ops@example.org", "boss@example.net"}));
+
+    const std::string refused = plugin.send(Tamnet::EmailAddr("alerts@example.org"), to,
+                                            "X-Test-Reply: 554 5.7.1 spam\n\nx\n", params);
+    EXPECT_TRUE(contains(refused, "554 5.7.1 spam")) << refused;
+
+    Params bad = params;
+    bad["starttls"] = "sometimes";
+    const std::string text = plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "x\n", bad);
+    EXPECT_TRUE(contains(text, "SMTP agent: parameter \"starttls\"")) << text;
+}
+
+TEST(AgentPlugins, SmtpPluginUnloadsAndExitsCleanlyWhileRetrying) {
+    TempDir dir;
+    AgentTest::SmtpTestServer server;
+    server.kill();  // nothing listens: the retry thread keeps trying
+    const ToList to = {Tamnet::EmailAddr("ops@example.org")};
+    const Params params = {{"url", server.url()}, {"spool", dir / "spool"}, {"timeout", "5"}};
+    {
+        Plugin unloaded(SMTP_AGENT);
+        EXPECT_TRUE(contains(unloaded.send(Tamnet::EmailAddr("a@example.org"), to, "x\n", params),
+                             "kept in the spool"));
+    }
+    // Loaded again, it finds the spool of its earlier life; at process exit
+    // its retry thread is still waiting for the server.
+    Plugin kept(SMTP_AGENT);
+    kept.keepLoaded();
+    EXPECT_TRUE(contains(kept.send(Tamnet::EmailAddr("a@example.org"), to, "y\n", params),
+                         "kept in the spool"));
+    EXPECT_EQ(AgentTest::listDir(dir / "spool/new").size(), 2u);
+}

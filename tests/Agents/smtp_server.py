@@ -1,0 +1,172 @@
+#!/usr/bin/python3
+"""A real SMTP server on 127.0.0.1 for the agents' tests and benchmark.
+
+Run with Debian's /usr/bin/python3 (python3-aiosmtpd). Prints "READY <port>"
+once it listens. With --record, appends one line per event to that file,
+flushed before the server answers, so a test sees what the server took even
+when it is killed before replying:
+
+    C <connection>                                   a client connected
+    M <connection> <tls> <auth> <from> <to,to,...> <hex of the data>
+
+<tls> and <auth> are 1 or 0; <from> is "-" for the null sender. The data is
+exactly what arrived after the DATA command, dot-unstuffing undone, line
+ends untouched.
+
+Scripted refusals:
+  * a recipient whose local part starts with "r450." or "r550." (any
+    three-digit code) is refused with that code;
+  * a message holding a header line "X-Test-Reply: 451 text" gets that reply
+    to its data instead of being accepted;
+  * with --die-once FILE, a message holding a line "X-Test-Die: yes" is
+    recorded and then the server exits without answering, as if it crashed
+    at that moment; FILE is created so that a restarted server does not.
+"""
+
+import argparse
+import asyncio
+import os
+import re
+import signal
+import ssl
+import sys
+
+from aiosmtpd.smtp import SMTP, AuthResult
+
+_RCPT_CODE = re.compile(r"^r([2-5]\d\d)\.")
+_DATA_REPLY = re.compile(rb"^X-Test-Reply: (\d{3}[^\r\n]*)", re.M)
+_DIE = re.compile(rb"^X-Test-Die: yes", re.M)
+
+
+class Recorder:
+    def __init__(self, path):
+        self.file = open(path, "a", buffering=1) if path else None
+        self.connections = 0
+
+    def write(self, line):
+        if self.file:
+            self.file.write(line + "\n")
+            self.file.flush()
+
+
+class Handler:
+    def __init__(self, recorder, die_once):
+        self.recorder = recorder
+        self.die_once = die_once
+
+    async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
+        m = _RCPT_CODE.match(address)
+        if m and m.group(1)[0] in "45":
+            code = m.group(1)
+            kind = "4.2.0 mailbox busy, try later" if code[0] == "4" else "5.1.1 no such mailbox"
+            return f"{code} {kind} <{address}>"
+        envelope.rcpt_tos.append(address)
+        return "250 OK"
+
+    async def handle_DATA(self, server, session, envelope):
+        data = envelope.original_content
+        m = _DATA_REPLY.search(data)
+        if m:
+            return m.group(1).decode("ascii", "replace")
+        self.recorder.write(
+            "M %d %d %d %s %s %s"
+            % (
+                server.connection_number,
+                1 if session.ssl is not None or server.implicit_tls else 0,
+                1 if session.authenticated else 0,
+                envelope.mail_from or "-",
+                ",".join(envelope.rcpt_tos),
+                data.hex(),
+            )
+        )
+        if self.die_once and _DIE.search(data) and not os.path.exists(self.die_once):
+            open(self.die_once, "w").close()
+            os._exit(0)
+        return "250 OK queued"
+
+
+class RecordingSMTP(SMTP):
+    """Counts connections; a STARTTLS upgrade is not a new one."""
+
+    def __init__(self, recorder, *args, **kwargs):
+        super().__init__(*args, **kwargs)
+        self.recorder = recorder
+        self.connection_number = 0
+        self.implicit_tls = False
+
+    def connection_made(self, transport):
+        fresh = self.transport is None
+        super().connection_made(transport)
+        if fresh:
+            self.implicit_tls = transport.get_extra_info("ssl_object") is not None
+            self.recorder.connections += 1
+            self.connection_number = self.recorder.connections
+            self.recorder.write("C %d" % self.connection_number)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--record", help="file to append events to")
+    parser.add_argument("--cert", help="certificate (PEM) to offer STARTTLS or TLS with")
+    parser.add_argument("--key", help="its private key (PEM)")
+    parser.add_argument("--implicit-tls", action="store_true", help="TLS from the start (smtps)")
+    parser.add_argument("--require-starttls", action="store_true")
+    parser.add_argument("--auth", help="USER:PASSWORD; AUTH PLAIN is then required")
+    parser.add_argument("--die-once", help="marker file; see X-Test-Die above")
+    parser.add_argument("--idle-timeout", type=float, default=300.0,
+                        help="seconds before an idle client is dropped")
+    args = parser.parse_args()
+
+    context = None
+    if args.cert:
+        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+        context.load_cert_chain(args.cert, args.key)
+
+    recorder = Recorder(args.record)
+    handler = Handler(recorder, args.die_once)
+    options = dict(
+        hostname="test.invalid",
+        timeout=args.idle_timeout,
+        data_size_limit=None,
+        enable_SMTPUTF8=True,
+    )
+    if context is not None and not args.implicit_tls:
+        options.update(tls_context=context, require_starttls=args.require_starttls)
+    if args.auth:
+        user, password = args.auth.split(":", 1)
+
+        def authenticator(server, session, envelope, mechanism, auth_data):
+            ok = (mechanism == "PLAIN" and auth_data.login == user.encode()
+                  and auth_data.password == password.encode())
+            return AuthResult(success=ok, handled=False)
+
+        options.update(
+            authenticator=authenticator,
+            auth_required=True,
+            auth_require_tls=context is not None,
+            auth_exclude_mechanism=["LOGIN"],
+        )
+
+    loop = asyncio.new_event_loop()
+    asyncio.set_event_loop(loop)
+    server = loop.run_until_complete(
+        loop.create_server(
+            lambda: RecordingSMTP(recorder, handler, loop=loop, **options),
+            host="127.0.0.1",
+            port=args.port,
+            ssl=context if args.implicit_tls else None,
+            reuse_address=True,
+        )
+    )
+    port = server.sockets[0].getsockname()[1]
+    print("READY %d" % port, flush=True)
+    # Stopped by SIGTERM or SIGKILL from the test; either ends at once.
+    loop.add_signal_handler(signal.SIGTERM, lambda: os._exit(0))
+    # The test's end of the pipe closing means the test is gone.
+    loop.add_reader(sys.stdin.fileno(), lambda: os._exit(0))
+    loop.run_forever()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
+
+#include "LogToolkit/LogTarget.h"
+#include "LogToolkit/NullTarget.h"
+#include "tamtk/LogToolkit/log_test_util.h"
+
+using namespace Tamlog;
+using namespace logtest;
+using Tamtk::CountedRef;
+using Tamtk::makeCounted;
+
+namespace {
+
+const Tamtk::Location here("host.cpp", 9, "int main()");
+
+CountedRef<Target> null(const std::string& name) {
+    return makeCounted<NullTarget>(name);
+}
+
+// Removes the named targets when a test ends, however it ends.
+struct Unregister {
+    std::vector<std::string> names;
+    ~Unregister() {
+        for (const std::string& n : names) {
+            try {
+                LogTarget::deregister(n);
+            } catch (const Tamtk::Exception&) {
+            }
+        }
+    }
+};
+
+// A target that refuses every settings, its own included.
+class Choosy : public NullTarget {
+public:
+    using NullTarget::NullTarget;
+    void assert_settings(CountedRef<TargetSettings>) const override {
+        TAMTK_THROW(LogException, "test", "never suitable");
+    }
+};
+
+// A target that consults the registry while the registry checks it.
+class Curious : public NullTarget {
+public:
+    using NullTarget::NullTarget;
+    mutable std::string seen;
+    void assert_settings(CountedRef<TargetSettings>) const override {
+        seen = messageOf<LogException>([] { LogTarget::byname("anything"); });
+    }
+};
+
+// Writes nothing and always fails.
+class Failing : public NullTarget {
+public:
+    using NullTarget::NullTarget;
+    void do_sendlog(const SeverityBag&, const Tamtk::Location&, const Event&, const std::string&,
+                    const InfoBag&) const override {
+        TAMTK_THROW(SendlogFailure, "test", "disk gone");
+    }
+};
+
+}  // namespace
+
+TEST(Registry, MessagesOfRefusedOperations) {
+    Unregister cleanup{{"reg.dup"}};
+    LogTarget::registerTarget(null("reg.dup"));
+    const struct {
+        const char* what;
+        std::function<void()> op;
+        std::string message;
+    } rows[] = {
+        {"duplicate", [] { LogTarget::registerTarget(null("reg.dup")); },
+         "A target by name of reg.dup already exists"},
+        {"empty name", [] { LogTarget::registerTarget(null("")); }, "Empty string is reserved"},
+        {"target refusing its settings",
+         [] { LogTarget::registerTarget(makeCounted<Choosy>("reg.choosy")); },
+         "Failed to add target"},
+        {"remove stderr", [] { LogTarget::deregister("stderr"); },
+         "This is a reserved entry and cannot be removed"},
+        {"remove oslogger", [] { LogTarget::deregister("oslogger"); },
+         "This is a reserved entry and cannot be removed"},
+        {"remove empty", [] { LogTarget::deregister(""); },
+         "This is a reserved entry and cannot be removed"},
+        {"wrong settings kind",
+         [] { LogTarget::updateSettings("stderr", makeCounted<TargetSettings>()); },
+         "A settings instance of Tamlog::TargetSettings is not valid for a target of "
+         "Tamlog::StreamTarget<Tamlog::BasicStreamPolicy<Tamlog::ResourceNoLock>, char>"},
+    };
+    LogTarget::initStdErr();
+    for (const auto& r : rows) {
+        EXPECT_EQ(messageOf<LogException>(r.op), r.message) << r.what;
+    }
+    EXPECT_THROW(LogTarget::byname("reg.choosy"), TargetUnknown);
+}
+
+TEST(Registry, UnknownNamesRaiseTargetUnknown) {
+    const std::function<void()> ops[] = {
+        [] { LogTarget::byname("reg.none"); },
+        [] { LogTarget::deregister("reg.none"); },
+        [] { LogTarget::getSettings("reg.none"); },
+        [] { LogTarget::updateSettings("reg.none", makeCounted<TargetSettings>()); },
+    };
+    for (const auto& op : ops) {
+        EXPECT_EQ(messageOf<TargetUnknown>(op), "Could not acquire target by name of reg.none");
+    }
+}
+
+TEST(Registry, LookupFromInsideTheRegistryIsReportedNotDeadlocked) {
+    Unregister cleanup{{"reg.curious"}};
+    CountedRef<Curious> curious = makeCounted<Curious>("reg.curious");
+    EXPECT_EQ(messageOf<LogException>([&] { LogTarget::registerTarget(curious); }), "no exception");
+    EXPECT_EQ(curious->seen, "Unexpected error when attemptiong to acquire target");
+}
+
+TEST(Registry, RegisterLookupUpdateDeregister) {
+    Unregister cleanup{{"reg.a"}};
+    LogTarget a = LogTarget::registerTarget(null("reg.a"));
+    EXPECT_EQ(LogTarget::byname("reg.a").target().get(), a.target().get());
+
+    CountedRef<TargetSettings> s = LogTarget::getSettings("reg.a");
+    s->setSeverities(SeverityBag(sev::alert));
+    EXPECT_TRUE(a.loggable(sev::warning)) << "getSettings handed out the live settings";
+    LogTarget::updateSettings("reg.a", s);
+    EXPECT_FALSE(a.loggable(sev::warning));
+    EXPECT_TRUE(a.loggable(sev::alert));
+
+    LogTarget::deregister("reg.a");
+    EXPECT_THROW(LogTarget::byname("reg.a"), TargetUnknown);
+    EXPECT_TRUE(a.loggable(sev::alert)) << "an old handle keeps its target";
+    EXPECT_NO_THROW(LogTarget::registerTarget(null("reg.a"))) << "the name is free again";
+}
+
+TEST(Registry, HandlesJoinIntoSetsOrderedByName) {
+    Unregister cleanup{{"reg.c", "reg.a", "reg.b"}};
+    LogTarget c = LogTarget::registerTarget(null("reg.c"));
+    LogTarget a = LogTarget::registerTarget(null("reg.a"));
+    LogTarget b = LogTarget::registerTarget(null("reg.b"));
+    LogTargetSet set = c | a;
+    set |= b;
+    set |= LogTarget::byname("reg.a");  // same name: still one member
+    LogTargetSet joined = (c | b) | (a | c);
+    std::vector<std::string> names;
+    for (const LogTarget& t : set) names.push_back(t.name());
+    EXPECT_EQ(names, (std::vector<std::string>{"reg.a", "reg.b", "reg.c"}));
+    EXPECT_EQ(joined.size(), 3u);
+    EXPECT_EQ((a | joined).size(), 3u);
+}
+
+TEST(Registry, SendlogReachesEveryAcceptingTargetDespiteFailures) {
+    Unregister cleanup{{"reg.fail", "reg.out"}};
+    std::ostringstream out;
+    LogTarget failing = LogTarget::registerTarget(makeCounted<Failing>("reg.fail"));
+    LogTarget capture = LogTarget::registerTarget(makeCounted<LockedStreamTarget>("reg.out", out));
+    // "reg.fail" sorts first: its failure must not keep the record from "reg.out".
+    EXPECT_THROW(sendlog(failing | capture, sev::warning, here, "report", "queue full"),
+                 SendlogFailure);
+    EXPECT_EQ(out.str(),
+              "EVENT: report SEV: warning WHY: queue full  [host.cpp:9 in int main()]\n");
+
+    capture.target()->resetSevMask(sev::info);
+    failing.target()->resetSevMask(sev::info);
+    EXPECT_FALSE(loggable(failing | capture, sev::info));
+    EXPECT_TRUE(loggable(failing | capture, sev::error));
+    EXPECT_NO_THROW(sendlog(failing | capture, sev::info, here, "report", "nobody listens"));
+}
+
+TEST(Registry, ForeachChangesEveryTarget) {
+    Unregister cleanup{{"reg.x", "reg.y"}};
+    LogTarget x = LogTarget::registerTarget(null("reg.x"));
+    LogTarget y = LogTarget::registerTarget(null("reg.y"));
+    const internal::severity::debug_severity bit(0x40);
+    LogTarget::foreachSetSevMask(bit);
+    EXPECT_TRUE(loggable(LogTargetSet{x}, bit));
+    EXPECT_TRUE(y.loggable(bit));
+    x.target()->resetSevMask(sev::error);
+    LogTarget::foreachResetSevMask();
+    EXPECT_FALSE(y.loggable(bit));
+    EXPECT_TRUE(x.loggable(sev::error)) << "reset restores the defaults";
+}
+
+TEST(Registry, StdErrCanBeCapturedAndKeepsItsMaskWhenReinstalled) {
+    std::ostringstream out;
+    LogTarget::initStdErr(out);
+    LogTarget::byname("stderr").target()->setSevMask(internal::severity::debug_severity(0x2));
+    LogTarget::byname("stderr").target()->resetSevMask(sev::info);
+    LogTarget err = LogTarget::initStdErr(out, StdErrBuffering::streamBuffered);
+    EXPECT_EQ(err.target()->getDebugLevel(), 0x2u);
+    EXPECT_FALSE(err.loggable(sev::info));
+    sendlog(err, sev::critical, here, "report", "template missing");
+    EXPECT_EQ(out.str(),
+              "EVENT: report SEV: critical WHY: template missing  [host.cpp:9 in int main()]\n");
+
+    // Only its kind is checked: writing would turn the process's stderr wide.
+    LogTarget wide = LogTarget::initStdErr(StdErrBuffering::flushEachRecord, StdErrCharType::wide);
+    ASSERT_NE(wide.target().as<WideStdErrTarget>(), nullptr);
+    EXPECT_EQ(&wide.target().as<WideStdErrTarget>()->stream(), &std::wcerr);
+    EXPECT_EQ(wide.target()->getDebugLevel(), 0x2u);
+
+    LogTarget restored = LogTarget::initStdErr();
+    ASSERT_NE(restored.target().as<StdErrTarget>(), nullptr);
+    EXPECT_EQ(&restored.target().as<StdErrTarget>()->stream(), &std::cerr);
+    restored.target()->resetSevMask();
+}
