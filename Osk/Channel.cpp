@@ -17,17 +17,6 @@ Reporter& _defaultReporter() {
     return reporter;
 }
 
-const char* _severityName(const Tamlog::severity_mask& sev) {
-    if (sev.equal(Tamlog::sev::critical)) return "critical";
-    if (sev.equal(Tamlog::sev::alert)) return "alert";
-    if (sev.equal(Tamlog::sev::error)) return "error";
-    if (sev.equal(Tamlog::sev::warning)) return "warning";
-    if (sev.equal(Tamlog::sev::notice)) return "notice";
-    if (sev.equal(Tamlog::sev::info)) return "info";
-    if (Tamlog::debug_mask(sev) != 0) return "debug";
-    return "other";
-}
-
 }  // namespace
 
 Channel::Channel(const std::string& name) : name_(name), hostState_(false) {}
@@ -61,7 +50,7 @@ void Channel::report_error(const Tamlog::internal::severity::severity_mask& sev,
             reporter(sev, text);
             return;
         }
-        std::fprintf(stderr, "%s: %s: %s\n", name_.c_str(), _severityName(sev), text.c_str());
+        std::fprintf(stderr, "%s: %s: %s\n", name_.c_str(), Tamlog::severityName(sev).c_str(), text.c_str());
     } catch (...) {
         // Reporting must never take the channel down.
     }

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <boost/optional.hpp>
+#include <boost/regex.hpp>
+#include <boost/shared_ptr.hpp>
+#include <map>
+#include <string>
+
+#include "Channels/email/EmailAgent.h"
+#include "NetToolkit/EmailAddr.h"
+#include "Osk/Channel.h"
+#include "Toolkit/Triple.h"
+#include "Toolkit/Utf8Array.h"
+#include "XmlToolkit/Xml.h"
+
+namespace Osk {
+
+// The email alerting channel: renders each event of an enabled group into a
+// MIME mail and hands it to the bound email agent.
+class email_channel : public Channel {
+public:
+    // One extra mail header: where its value comes from in the event, and
+    // the text used when that yields nothing.
+    struct extra_headers {
+        boost::optional<Tamxml::XPath> xpath;
+        boost::optional<std::string> default_;
+    };
+    typedef std::map<std::string, extra_headers> HeaderMap;
+
+    struct event_group {
+        boost::shared_ptr<const Tamtk::Utf8Array> message;
+        HeaderMap extra_headers;
+    };
+
+    // How a placeholder is filled: XPath over the event, a constant, or a stylesheet.
+    typedef Tamtk::triple<boost::optional<Tamxml::XPath>, std::string, boost::shared_ptr<Tamxml::Xslt>>
+        Token;
+    typedef std::map<std::string, Token> TokenMap;
+    typedef std::map<unsigned long, event_group> GroupMap;
+
+    email_channel();
+    ~email_channel() override;
+
+    bool do_configure(const ChannelCfg& cfg) override;
+    void do_log(boost::shared_ptr<ChannelEvent> event) override;
+    void do_flush() override;
+    void do_shutdown() override;
+
+    // Configuration steps, in the order do_configure runs them.
+    void load_defaults(boost::shared_ptr<const Tamxml::Element> defaults);
+    void get_charset(boost::shared_ptr<const Tamxml::Element> defaults);
+    void populate_extra_headers(boost::shared_ptr<const Tamxml::Element> context, const char* path,
+                                HeaderMap& headers);
+    void merge_extra_headers(HeaderMap& group, const HeaderMap& defaults);
+    bool get_tokens(boost::shared_ptr<const Tamxml::Element> defaults);
+    void get_event_group(const ChannelCfg& cfg, const HeaderMap& defaults);
+    void load_email_agent(const ChannelCfg& cfg);
+
+    // Delivery steps.
+    bool get_event_group_info(unsigned long id, boost::shared_ptr<const Tamtk::Utf8Array>& message,
+                              HeaderMap& headers);
+    void get_msg(boost::shared_ptr<ChannelEvent> event,
+                 boost::shared_ptr<const Tamtk::Utf8Array> message, std::string& out);
+    void get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
+                                 std::map<std::string, std::string>& values);
+
+    // Read-only views for the host program and the tests.
+    const TokenMap& tokens() const { return tokens_; }
+    const GroupMap& event_groups() const { return event_groups_; }
+    EmailChannel::SendEmailFn* send_function() const { return send_email_; }
+    const std::map<std::string, std::string>& agent_parameters() const { return agent_params_; }
+    const boost::regex& token_expression() const { return token_expr_; }
+    const EmailChannel::ToList& recipients() const { return recipients_; }
+    const Tamtk::Utf8Array& subject() const { return subject_; }
+    const Tamnet::EmailAddr& sender() const { return sender_; }
+    const Tamtk::Utf8Array& sender_name() const { return sender_name_; }
+    const Tamtk::Utf8Array& charset() const { return charset_; }
+    const char* locale() const { return locale_; }
+
+private:
+    TokenMap tokens_;
+    GroupMap event_groups_;
+    EmailChannel::SendEmailFn* send_email_;
+    std::map<std::string, std::string> agent_params_;
+    boost::regex token_expr_;
+    EmailChannel::ToList recipients_;
+    Tamtk::Utf8Array subject_;
+    Tamnet::EmailAddr sender_;
+    Tamtk::Utf8Array sender_name_;
+    Tamtk::Utf8Array charset_;
+    char locale_[64];
+};
+
+namespace internal {
+// Copies environment variable `name` into `buffer` with a bounded copy of at
+// most `size` bytes; leaves `buffer` alone when the variable is unset.
+void _copy_env_locale(const char* name, char* buffer, unsigned int size);
+}  // namespace internal
+
+}  // namespace Osk
+
+// The plug-in's only exported symbol.
+extern "C" __attribute__((visibility("default"))) boost::shared_ptr<Osk::Channel> createChannel();

@@ -1,0 +1,130 @@
+// Turning one event into a mail and handing it to the agent.
+
+#include <ctime>
+#include <sstream>
+#include <stdexcept>
+
+#include "Channels/email/encode.h"
+#include "Channels/email/email_channel.h"
+#include "Toolkit/Abi.h"
+
+namespace Osk {
+
+namespace {
+const char* const _source = "email_channel";
+
+const Tamxml::Document& _document_of(const ChannelEvent& event) {
+    if (!event.document()) {
+        throw Tamtk::NullPointerException(Tamtk::ExceptionString("event without a document"),
+                                          TAMTK_HERE(_source));
+    }
+    return *event.document();
+}
+}  // namespace
+
+void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
+    try {
+        if (!event) {
+            return;
+        }
+        boost::shared_ptr<const Tamtk::Utf8Array> message;
+        HeaderMap headers;
+        if (!get_event_group_info(event->id(), message, headers)) {
+            return;  // not an event of this channel
+        }
+        std::string rendered;
+        get_msg(event, message, rendered);
+        const Tamtk::Utf8Array body(std::move(rendered));
+        const long now = static_cast<long>(std::time(nullptr));
+
+        std::map<std::string, std::string> values;
+        get_extra_header_values(event, headers, values);
+
+        const std::string mail = EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_,
+                                                          recipients_, subject_, body, values);
+        if (send_email_ == nullptr) {
+            throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
+                                              TAMTK_HERE(_source));
+        }
+        send_email_(sender_, recipients_, mail.c_str(), agent_params_);
+    } catch (const ConfigException& e) {
+        std::ostringstream text;
+        text << "Channel config exception: [ " << e << " ]";
+        report_error(Tamlog::sev::warning, text.str());
+    } catch (const Tamtk::Exception& e) {
+        std::ostringstream text;
+        text << "Tamtk exception:: [ " << e << " ]";
+        report_error(Tamlog::sev::warning, text.str());
+    } catch (...) {
+        report_error(Tamlog::sev::warning,
+                     "Other exception: [ " + Tamtk::internal::abi::current_exception() + " ]");
+    }
+}
+
+void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
+                            boost::shared_ptr<const Tamtk::Utf8Array> message, std::string& out) {
+    try {
+        out.reserve(message->length());
+        // Boost 1.74 crashes iterating an empty expression instead of throwing.
+        if (token_expr_.empty()) {
+            throw std::invalid_argument("Invalid regular expression object");
+        }
+        const char* const begin = message->data();
+        const char* const end = begin + message->length();
+        const char* copied = begin;
+        for (boost::cregex_iterator it(begin, end, token_expr_), stop; it != stop; ++it) {
+            const boost::csub_match& match = (*it)[0];
+            TokenMap::const_iterator token = tokens_.find(std::string(match.first, match.second));
+            if (token == tokens_.end()) {
+                // A match that is no token (extra closing "%" or a token that
+                // failed to load) ends the message here.
+                return;
+            }
+            out.append(copied, match.first);
+            copied = match.second;
+            if (token->second.third) {
+                _document_of(*event);
+                std::ostringstream result;
+                Tamxml::transform(result, token->second.third, event->document(), "locale", locale_);
+                out += result.str();
+            } else if (token->second.first) {
+                _document_of(*event);
+                boost::shared_ptr<const Tamtk::Utf8Array> value =
+                    Tamxml::find_first_value(event->document(), *token->second.first);
+                if (value) {
+                    out.append(value->data(), value->length());
+                }
+            } else {
+                out += token->second.second;
+            }
+        }
+        out.append(copied, end);
+    } catch (const Tamtk::Exception& e) {
+        std::ostringstream text;
+        text << "Tamtk exception [" << e << "]";
+        report_error(Tamlog::sev::critical, text.str());
+    } catch (...) {
+        report_error(Tamlog::sev::critical,
+                     "Other exception [" + Tamtk::internal::abi::current_exception() + "]");
+    }
+}
+
+void email_channel::get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
+                                            std::map<std::string, std::string>& values) {
+    for (const auto& header : headers) {
+        if (header.second.xpath) {
+            _document_of(*event);
+            boost::shared_ptr<const Tamtk::Utf8Array> value =
+                Tamxml::find_first_value(event->document(), *header.second.xpath);
+            if (value) {
+                values[header.first] = value->str();
+                continue;
+            }
+        }
+        if (header.second.default_ && !header.second.default_->empty()) {
+            values.insert(std::make_pair(header.first, *header.second.default_));
+        }
+    }
+}
+
+}  // namespace Osk

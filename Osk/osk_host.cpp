@@ -1,0 +1,186 @@
+// osk-host: runs one channel plug-in outside its framework. It loads the
+// plug-in, configures it from a file, feeds it events from an XML stream and
+// writes every report of the channel to the log targets.
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <string>
+
+#include "Osk/Channel.h"
+#include "Osk/EventStream.h"
+#include "Osk/HostLog.h"
+#include "XmlToolkit/Xml.h"
+
+namespace {
+
+const char* const _usage =
+    "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] [--progress]\n"
+    "\n"
+    "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
+    "the configuration, do_log for every event, then do_flush and do_shutdown.\n"
+    "\n"
+    "  --config FILE    the channel's XML configuration (required)\n"
+    "  --events FILE    the event stream; - or no option reads standard input\n"
+    "  --channel PATH   the plug-in to load (default: the email channel built with this program)\n"
+    "  --syslog IDENT   also write reports to the system log under IDENT\n"
+    "  --progress       show a live count of events on standard error\n"
+    "  --help           this text\n"
+    "\n"
+    "Event stream:\n"
+    "  <Events>\n"
+    "    <Event id=\"7\"><alarm><host>db1</host></alarm></Event>\n"
+    "    ...\n"
+    "  </Events>\n"
+    "The single child element of each Event is that event's XML document; id is a decimal number.\n"
+    "\n"
+    "Exit status: 0 configured and every event read; 1 broken event stream; 2 configuration failed;\n"
+    "64 bad command line; 69 the plug-in could not be loaded.\n";
+
+struct Options {
+    std::string config;
+    std::string events = "-";
+    std::string channel;
+    std::string syslogIdent;
+    bool progress = false;
+};
+
+// The email channel built beside this program: <prefix>/bin/osk-host and <prefix>/lib/.
+std::string _defaultChannel() {
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) {
+        return "libemail_channel.so";
+    }
+    exe[n] = '\0';
+    std::string dir(exe);
+    dir = dir.substr(0, dir.rfind('/'));
+    return dir.substr(0, dir.rfind('/')) + "/lib/libemail_channel.so";
+}
+
+bool _parse(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&](std::string& out) {
+            if (i + 1 >= argc) {
+                std::cerr << "osk-host: " << arg << " needs a value\n";
+                return false;
+            }
+            out = argv[++i];
+            return true;
+        };
+        if (arg == "--help" || arg == "-h") {
+            std::cout << _usage;
+            std::exit(0);
+        } else if (arg == "--config") {
+            if (!value(options.config)) return false;
+        } else if (arg == "--events") {
+            if (!value(options.events)) return false;
+        } else if (arg == "--channel") {
+            if (!value(options.channel)) return false;
+        } else if (arg == "--syslog") {
+            if (!value(options.syslogIdent)) return false;
+        } else if (arg == "--progress") {
+            options.progress = true;
+        } else {
+            std::cerr << "osk-host: unknown option " << arg << "\n";
+            return false;
+        }
+    }
+    if (options.config.empty()) {
+        std::cerr << "osk-host: --config is required\n";
+        return false;
+    }
+    if (options.channel.empty()) {
+        options.channel = _defaultChannel();
+    }
+    return true;
+}
+
+typedef boost::shared_ptr<Osk::Channel> (*CreateChannel)();
+
+int _run(const Options& options, Osk::HostLog& log) {
+    void* plugin = dlopen(options.channel.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (plugin == nullptr) {
+        std::cerr << "osk-host: cannot load " << options.channel << ": " << dlerror() << "\n";
+        return 69;
+    }
+    CreateChannel create = reinterpret_cast<CreateChannel>(dlsym(plugin, "createChannel"));
+    if (create == nullptr) {
+        std::cerr << "osk-host: " << options.channel << " has no createChannel\n";
+        return 69;
+    }
+
+    int status = 0;
+    unsigned long events = 0;
+    const auto started = std::chrono::steady_clock::now();
+    {
+        boost::shared_ptr<Osk::Channel> channel = create();
+        channel->set_reporter(
+            [&log](const Tamlog::severity_mask& sev, const std::string& text) { log.report(sev, text); });
+
+        bool configured = false;
+        try {
+            Osk::ChannelCfg cfg(Tamxml::Document::fromFile(options.config));
+            configured = channel->do_configure(cfg);
+            if (!configured) {
+                std::cerr << "osk-host: the channel did not accept " << options.config << "\n";
+            }
+        } catch (const Tamtk::Exception& e) {
+            std::cerr << "osk-host: configuration failed: " << e.what() << "\n  at " << e.location() << "\n";
+        } catch (const std::exception& e) {
+            std::cerr << "osk-host: configuration failed: " << e.what() << "\n";
+        }
+
+        if (!configured) {
+            status = 2;
+        } else {
+            Osk::EventStream stream(options.events);
+            for (;;) {
+                Osk::EventStream::Problem problem;
+                bool hadProblem = false;
+                boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
+                if (hadProblem) {
+                    std::cerr << "osk-host: " << (options.events == "-" ? "stdin" : options.events) << ":"
+                              << problem.line << ": " << problem.message << "\n";
+                    status = 1;
+                    if (problem.fatal) break;
+                    continue;
+                }
+                if (!event) break;
+                channel->do_log(event);
+                ++events;
+                if (options.progress && events % 10000 == 0) {
+                    std::cerr << "\rosk-host: " << events << " events" << std::flush;
+                }
+            }
+            if (options.progress) std::cerr << "\r";
+        }
+        channel->do_flush();
+        channel->do_shutdown();
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    std::cerr << "osk-host: " << events << " events read, reports: " << log.summary() << ", "
+              << seconds << " s, " << (seconds > 0 ? static_cast<long>(events / seconds) : 0)
+              << " events/s\n";
+    // The plug-in stays loaded: objects it made may still be referenced at exit.
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (!_parse(argc, argv, options)) {
+        std::cerr << _usage;
+        return 64;
+    }
+    Osk::HostLog log(options.syslogIdent);
+    return _run(options, log);
+}

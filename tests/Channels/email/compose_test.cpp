@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "Channels/email/encode.h"
+#include "Channels/email/make_charset.h"
+#include "channel_fixture.h"
+
+using Osk::EmailChannel::buildEmail;
+using Osk::EmailChannel::make_charset;
+using Tamtk::Utf8Array;
+
+namespace {
+
+std::string converted(const char* charset, const std::string& text, unsigned limit = ~0u) {
+    const Utf8Array source(text);
+    const Osk::EmailChannel::CharsetString out = make_charset(charset, source, limit);
+    return std::string(out.bytes.get(), out.length);
+}
+
+std::vector<Tamnet::EmailAddr> addresses(std::initializer_list<const char*> texts) {
+    std::vector<Tamnet::EmailAddr> out;
+    for (const char* t : texts) out.push_back(Tamnet::EmailAddr(std::string(t)));
+    return out;
+}
+
+std::string mail(const std::string& subject, const std::string& body,
+                 std::map<std::string, std::string> headers = {},
+                 std::initializer_list<const char*> to = {"a@example.com"}, const char* charset = "UTF-8",
+                 const std::string& name = "N") {
+    return buildEmail(charset, 0, Utf8Array(name), Tamnet::EmailAddr(std::string("s@example.com")),
+                      addresses(to), Utf8Array(subject), Utf8Array(body), headers);
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+}  // namespace
+
+TEST(MakeCharset, Conversions) {
+    struct Row {
+        const char* charset;
+        std::string text;
+        unsigned limit;
+        std::string expected;
+    };
+    const Row rows[] = {
+        {"UTF-8", "Grüße", ~0u, "Grüße"},
+        {"UTF-8", "Grüße", 3, "Grü"},
+        {"ISO-8859-1", "Grüße", ~0u, "Gr\xFC\xDF" "e"},
+        {"ISO-8859-1", "a世b", ~0u, "ab"},           // neither the ideograph nor the square fit
+        {"UTF-16LE", "ab", ~0u, std::string("a\0b\0", 4)},  // fast path keeps zero bytes
+        {"UTF-16LE", "a世", ~0u, std::string("a\0\x16\x4E", 4)},
+        {"ASCII", "a\xC3\xA9z", ~0u, "az"},           // no square in ASCII either
+        {"ISO-8859-5", "x\xE2\x82\xACy", ~0u, "xy"},
+        {"KOI8-R", "a■b€", ~0u, "a\x94" "b\x94"},    // the square stands in for the euro sign
+        {"ISO-8859-1", "abcdef", 3, "abc"},
+        {"ISO-8859-1", "abcdef", 6, "abcdef"},
+        {"ISO-8859-1", "abcdef", 60, "abcdef"},
+        {"ISO-8859-1", "", ~0u, ""},
+        {"UTF-8", "", ~0u, ""},
+        {"ISO-2022-JP", "日本", ~0u, "\x1B$BF|K\\\x1B(B"},  // ends back in ASCII
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.charset) + " " + row.text);
+        EXPECT_EQ(converted(row.charset, row.text, row.limit), row.expected);
+    }
+}
+
+TEST(MakeCharset, Utf8OutputIsNotCopied) {
+    const Utf8Array text("zero copy");
+    EXPECT_EQ(make_charset("UTF-8", text, ~0u).bytes.get(), text.data());
+}
+
+TEST(MakeCharset, Failures) {
+    struct Row {
+        const char* charset;
+        std::string text;
+        const char* message;
+    };
+    const Row rows[] = {
+        {"ISO-8859-1", "世界", "Returned zero-length conversion"},
+        {"NO-SUCH-CHARSET", "abc", "Invalid argument"},
+        {"ISO-8859-1", "ab\xC3", "Utf8Array has invalid buffer"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.charset);
+        try {
+            converted(row.charset, row.text);
+            ADD_FAILURE() << "no exception";
+        } catch (const Tamtk::Exception& e) {
+            EXPECT_STREQ(e.what(), row.message);
+        }
+    }
+}
+
+TEST(BuildEmail, LineTableInOrder) {
+    const std::string text = mail("Hi", "body", {{"b-low", "2"}, {"X-Up", "1"}}, {"a@example.com"});
+    const std::vector<std::string> expected = {
+        "To: <a@example.com>",
+        "From: =?UTF-8?B?Tg==?=",
+        " <s@example.com>",
+        lines(text)[3],
+        "Subject: =?UTF-8?B?SGk=?=",
+        "X-Up: =?UTF-8?B?MQ==?=",
+        "b-low: =?UTF-8?B?Mg==?=",
+        "MIME-Version: 1.0",
+        "Content-Disposition: inline",
+        "Content-Type: text/plain; charset=\"UTF-8\"",
+        "Content-Transfer-Encoding: base64",
+        "",
+        "Ym9keQ==",
+    };
+    EXPECT_EQ(lines(text), expected);
+    EXPECT_EQ(lines(text)[3].rfind("Date: ", 0), 0u);
+    EXPECT_EQ(text.find('\r'), std::string::npos);
+    EXPECT_EQ(text.back(), '\n');
+}
+
+TEST(BuildEmail, Recipients) {
+    EXPECT_EQ(lines(mail("s", "b", {}, {"one@example.com"}))[0], "To: <one@example.com>");
+    const auto three = lines(mail("s", "b", {}, {"a@x.org", "b@y.org", "c@z.org"}));
+    EXPECT_EQ(three[0], "To: <a@x.org>,");
+    EXPECT_EQ(three[1], "\t<b@y.org>,");
+    EXPECT_EQ(three[2], "\t<c@z.org>");
+    EXPECT_EQ(three[3].rfind("From: ", 0), 0u);
+    EXPECT_THROW(mail("s", "b", {}, {}), std::out_of_range);
+}
+
+TEST(BuildEmail, SubjectAndBodyShapes) {
+    const auto empty = lines(mail("", ""));
+    EXPECT_EQ(empty[4], "Subject: =?UTF-8?B?" "?=");
+    EXPECT_EQ(empty.back(), "") << "an empty body is one empty line";
+    EXPECT_EQ(empty[empty.size() - 2], "");
+
+    const auto two = lines(mail(std::string(58, 's'), "b"));
+    std::string s57;
+    for (int i = 0; i < 19; ++i) s57 += "c3Nz";  // "sss"
+    EXPECT_EQ(two[4], "Subject: =?UTF-8?B?" + s57 + "?=");
+    EXPECT_EQ(two[5], "\t=?UTF-8?B?cw==?=");
+
+    const std::string body(57 * 3 + 1, 'x');
+    const auto bodyLines = lines(mail("s", body));
+    const std::size_t first = std::find(bodyLines.begin(), bodyLines.end(), "") - bodyLines.begin() + 1;
+    ASSERT_EQ(bodyLines.size() - first, 4u);
+    for (std::size_t i = first; i < first + 3; ++i) EXPECT_EQ(bodyLines[i].size(), 76u);
+    EXPECT_EQ(bodyLines.back(), "eA==");
+}
+
+TEST(BuildEmail, LimitsCountCharactersBeforeConversion) {
+    std::string longSubject;
+    for (int i = 0; i < 450; ++i) longSubject += "é";  // 2 bytes each
+    std::string longName(250, 'n');
+    const std::string text = buildEmail("ISO-8859-1", 0, Utf8Array(longName),
+                                        Tamnet::EmailAddr(std::string("s@example.com")), addresses({"a@b.org"}),
+                                        Utf8Array(longSubject), Utf8Array("b"), {{"X-V", std::string(300, 'v')}});
+    // 400 one-byte characters after conversion: 7 words of 57 bytes and one of 1.
+    std::size_t subjectWords = 0, nameWords = 0, headerWords = 0;
+    std::size_t* counter = nullptr;
+    for (const std::string& line : lines(text)) {
+        if (line.rfind("Subject: ", 0) == 0) counter = &subjectWords;
+        else if (line.rfind("From: ", 0) == 0) counter = &nameWords;
+        else if (line.rfind("X-V: ", 0) == 0) counter = &headerWords;
+        else if (line.empty() || line[0] != '\t') { counter = nullptr; continue; }
+        if (counter) ++*counter;
+    }
+    EXPECT_EQ(subjectWords, 8u);  // ceil(400 / 57)
+    EXPECT_EQ(nameWords, 4u);     // ceil(200 / 57)
+    EXPECT_EQ(headerWords, 4u);
+}
+
+// Messages in several charsets, parsed by Python's email package.
+TEST(BuildEmail, AnIndependentParserReadsEveryCharset) {
+    struct Row {
+        const char* charset;
+        const char* sample;
+    };
+    const Row rows[] = {
+        {"UTF-8", "Grüße, Привет, 世界, emoji 🚨 "},
+        {"ISO-8859-1", "Grüße aus Köln, ça va? Ñandú "},
+        {"ISO-8859-15", "Prix 100 € - œuvre Ÿ "},
+        {"KOI8-R", "Сервер недоступен, Привет мир "},
+        {"Shift_JIS", "サーバー停止 日本語のテキスト "},
+        {"GB18030", "服务器宕机 中文测试 "},
+    };
+    char dirTemplate[] = "/tmp/compose_check_XXXXXX";
+    ASSERT_NE(mkdtemp(dirTemplate), nullptr);
+    const std::string dir = dirTemplate;
+    int index = 0;
+    for (const Row& row : rows) {
+        std::string subject, body, name, header;
+        for (int i = 0; i < 4; ++i) subject += row.sample;
+        for (int i = 0; i < 40; ++i) body += row.sample + std::string(i % 5 == 4 ? "\n" : "");
+        name = std::string("Alerter ") + row.sample + row.sample + row.sample;
+        header = std::string(row.sample) + row.sample + row.sample;
+        const std::string text =
+            buildEmail(row.charset, 1700000000, Utf8Array(name), Tamnet::EmailAddr(std::string("s@example.com")),
+                       addresses({"a@x.org", "b@y.org"}), Utf8Array(subject), Utf8Array(body),
+                       {{"X-Detail", header}, {"X-Plain", "ascii"}});
+        const std::string base = dir + "/" + std::to_string(index++);
+        std::ofstream(base + ".eml", std::ios::binary) << text;
+        std::ofstream expected(base + ".expected", std::ios::binary);
+        expected << row.charset << '\0' << subject << '\0' << name << '\0' << header << '\0' << body;
+    }
+    const std::string command = std::string("/usr/bin/python3 ") + COMPOSE_CHECK_SCRIPT + " " + dir + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[512];
+    while (fgets(buffer, sizeof buffer, pipe)) output += buffer;
+    const int status = pclose(pipe);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("6 messages checked"), std::string::npos) << output;
+    std::system(("rm -rf " + dir).c_str());
+}
