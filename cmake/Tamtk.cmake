@@ -5,6 +5,19 @@ add_compile_options(-Wall -Wextra)
 if(TAMTK_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # clang links its sanitizer runtime statically into programs only, which
+    # leaves every shared library (linked with --no-undefined) unresolved: use
+    # the shared runtime everywhere, and find it where clang keeps it.
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-x86_64.so
+                    OUTPUT_VARIABLE _asan_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+    get_filename_component(_asan_runtime_dir "${_asan_runtime}" DIRECTORY)
+    add_link_options(-shared-libsan "-Wl,-rpath,${_asan_runtime_dir}")
+  endif()
+endif()
+if(TAMTK_FUZZ)
+  # Coverage feedback for libFuzzer from every library the targets reach.
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 if(TAMTK_TSAN)
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)

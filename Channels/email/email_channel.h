@@ -99,5 +99,13 @@ void _copy_env_locale(const char* name, char* buffer, unsigned int size);
 
 }  // namespace Osk
 
-// The plug-in's only exported symbol.
+// The plug-in's only exported symbol. The host is C++ and looks it up by its
+// plain name, so a C++ return type behind C linkage is intended.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
 extern "C" __attribute__((visibility("default"))) boost::shared_ptr<Osk::Channel> createChannel();
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif

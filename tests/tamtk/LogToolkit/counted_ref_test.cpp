@@ -52,7 +52,8 @@ TEST(CountedRef, AssignmentMovesBetweenObjects) {
     int goneA = 0, goneB = 0;
     CountedRef<Base> a(new Counted(&goneA));
     CountedRef<Base> b(new Counted(&goneB));
-    a = a;  // self-assignment keeps the object
+    const CountedRef<Base>& alias = a;  // through an alias: compilers warn about a = a
+    a = alias;                          // self-assignment keeps the object
     EXPECT_EQ(goneA, 0);
     EXPECT_EQ(a.use_count(), 1);
     a = b;
