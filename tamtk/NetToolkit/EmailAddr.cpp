@@ -285,6 +285,10 @@ void EmailAddr::clear() {
 
 void EmailAddr::setLocalPart(const std::string& local) {
     verifyLocal(local, maxLocal_);
+    // verifyLocal lets a lone '"' pass (it opens and closes); the parser
+    // refuses it when it normalises the quoting, and so must this: the
+    // address could not be written and read back.
+    _unquotedContent(local);
     local_ = local;
     quotingNormalised_ = false;
     postmaster_ = false;

@@ -269,6 +269,11 @@ TEST(EmailAddr, PartsAreVerifiedWhenSet) {
     EmailAddr addr("a", "example.com");
     EXPECT_EQ(addr.asRFC821String(false), "<a@example.com>");
     EXPECT_THROW(addr.setLocalPart("a b"), EmailAddrException);
+    // A lone quote is refused as the parser refuses it, whichever way the
+    // address is made (it could not be written and read back).
+    EXPECT_THROW(addr.setLocalPart("\""), EmailAddrException);
+    EXPECT_THROW(EmailAddr("\"", "example.com"), EmailAddrException);
+    EXPECT_EQ(addr.asRFC821String(false), "<a@example.com>");
     EXPECT_THROW(addr.setDomain("a..b"), EmailAddrException);
     EXPECT_THROW(addr.addSourceRoute("relay"), EmailAddrException);
     addr.addSourceRoute("@r1");
