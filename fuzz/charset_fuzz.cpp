@@ -1,0 +1,61 @@
+// Charset conversion: any text into a list of charsets (the common, the
+// stateful, the multi-byte, the exotic and the unknown) under any limit.
+// A conversion either raises a toolkit exception or gives bytes within the
+// documented bounds; UTF-8 output is the input cut to the limit.
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <string>
+
+#include "Channels/email/make_charset.h"
+#include "FuzzCheck.h"
+#include "Toolkit/Exceptions.h"
+#include "Toolkit/Utf8Array.h"
+
+using fuzzing::check;
+
+namespace {
+
+const char* const _charsets[] = {
+    "UTF-8",       "utf-8",          "ISO-8859-1",  "ISO-8859-15", "US-ASCII",   "CP1252",
+    "KOI8-R",      "UTF-16",         "UTF-16LE",    "UTF-32",      "UCS-2",      "UTF-7",
+    "SHIFT_JIS",   "EUC-JP",         "ISO-2022-JP", "ISO-2022-KR", "ISO-2022-CN", "ISO-2022-CN-EXT",
+    "GB18030",     "BIG5",           "BIG5-HKSCS",  "EUC-TW",      "TSCII",      "IBM1390",
+    "UTF-8//TRANSLIT", "ASCII//IGNORE", "",         "NO-SUCH-CHARSET", "UTF-8\n", "x-unknown"};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    const char* charset = in.PickValueInArray(_charsets);
+    unsigned limit = Osk::EmailChannel::noLimit;
+    switch (in.ConsumeIntegralInRange(0, 3)) {
+        case 0: break;
+        case 1: limit = 0; break;
+        case 2: limit = in.ConsumeIntegralInRange<unsigned>(1, 64); break;
+        default: limit = in.ConsumeIntegral<unsigned>(); break;
+    }
+    const std::string bytes = in.ConsumeRemainingBytesAsString();
+    const Tamtk::Utf8Array text(bytes.data(), static_cast<unsigned>(bytes.size()));
+
+    try {
+        const Osk::EmailChannel::CharsetString out =
+            Osk::EmailChannel::make_charset(charset, text, limit);
+        check(out.length == 0 || out.bytes, "bytes reported but no buffer");
+        // The fast path allows 8 bytes out per byte in; the per-character
+        // pass at most 8 per character.
+        check(out.length <= 8 * bytes.size(), "conversion grew beyond eight times its input",
+              std::string(charset) + ": " + bytes);
+        if (std::string(charset) == "UTF-8" && limit == Osk::EmailChannel::noLimit) {
+            check(std::string(out.bytes.get(), out.length) == bytes,
+                  "UTF-8 to UTF-8 changed the text", bytes);
+        }
+        if (std::string(charset) == "UTF-8" && limit != Osk::EmailChannel::noLimit) {
+            check(bytes.compare(0, out.length, out.bytes.get(), out.length) == 0,
+                  "UTF-8 output is not a prefix of the input", bytes);
+        }
+    } catch (const Tamtk::Exception&) {
+        // A clear report; only toolkit exceptions may leave a conversion.
+    }
+    return 0;
+}

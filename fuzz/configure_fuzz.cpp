@@ -1,0 +1,107 @@
+// Configuration: do_configure on any XML. A configuration is read or refused
+// with a toolkit exception (or the regular-expression error of a token name
+// that is no valid expression); a channel that accepts one then renders an
+// event for each of its groups without losing it and shuts down cleanly.
+
+#include <libxml/tree.h>
+
+#include <boost/regex.hpp>
+#include <cstdlib>
+#include <set>
+
+#include "ChannelHarness.h"
+#include "FuzzCheck.h"
+#include "MailCheck.h"
+
+namespace {
+
+// The agent a configuration names is code it loads: point every EmailAgent
+// at the recording agent so that no input can load some other library.
+void _bindRecordingAgent(const Tamxml::Document& doc) {
+    xmlNodePtr root = xmlDocGetRootElement(doc.get());
+    if (root == nullptr) return;
+    for (xmlNodePtr node = root->children; node != nullptr; node = node->next) {
+        if (node->type == XML_ELEMENT_NODE &&
+            xmlStrEqual(node->name, reinterpret_cast<const xmlChar*>("EmailAgent"))) {
+            xmlSetProp(node, reinterpret_cast<const xmlChar*>("lib"),
+                       reinterpret_cast<const xmlChar*>(fuzzing::Agent::path()));
+        }
+    }
+}
+
+bool _isFieldName(const std::string& name) {
+    if (name.empty()) return false;
+    for (char c : name) {
+        const unsigned char b = static_cast<unsigned char>(c);
+        if (b < 33 || b > 126 || c == ':') return false;
+    }
+    return true;
+}
+
+const char _event[] =
+    "<event severity='3'><host>db1.example.com</host><detail>disk full</detail>"
+    "<msg>Grüße — 警告</msg></event>";
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // The charset is chosen by locale: make the choice the same for every run.
+    unsetenv("TAM_LANG");
+    unsetenv("LANGUAGE");
+    fuzzing::Agent::instance();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    boost::shared_ptr<const Tamxml::Document> doc =
+        fuzzing::parseOrNull(reinterpret_cast<const char*>(data), size);
+    if (!doc) return 0;
+    _bindRecordingAgent(*doc);
+
+    fuzzing::CountingChannel channel;
+    bool configured = false;
+    try {
+        configured = channel.do_configure(Osk::ChannelCfg(doc));
+    } catch (const Tamtk::Exception&) {
+    } catch (const boost::regex_error&) {
+    }
+
+    if (configured) {
+        fuzzing::check(channel.send_function() != nullptr, "configured without an agent");
+        const boost::shared_ptr<const Tamxml::Document> eventDoc =
+            Tamxml::Document::fromMemory(_event, sizeof _event - 1);
+        int rendered = 0;
+        for (const auto& group : channel.event_groups()) {
+            if (++rendered > 3) break;
+            // The mail carries a group's extra header when it has a value. A
+            // configuration may name headers that are no field names at all
+            // (names are the configuration's own business): then only the
+            // delivery is checked, not the mail's shape.
+            std::set<std::string> expected;
+            bool checkable = true;
+            try {
+                for (const auto& header : group.second.extra_headers) {
+                    checkable = checkable && _isFieldName(header.first) &&
+                                !fuzzing::standardHeaders().count(header.first);
+                    const bool fromEvent =
+                        header.second.xpath &&
+                        Tamxml::find_first_value(eventDoc, *header.second.xpath) != nullptr;
+                    if (fromEvent || (header.second.default_ && !header.second.default_->empty())) {
+                        expected.insert(header.first);
+                    }
+                }
+            } catch (const Tamtk::Exception&) {
+                checkable = false;  // do_log meets the same failure and must report it
+            }
+            fuzzing::logAndCheck(channel,
+                                 boost::shared_ptr<Osk::ChannelEvent>(
+                                     new Osk::ChannelEvent(group.first, eventDoc)),
+                                 checkable ? &expected : nullptr);
+        }
+    }
+    channel.do_shutdown();
+    fuzzing::check(channel.tokens().empty() && channel.event_groups().empty() &&
+                       channel.recipients().empty(),
+                   "do_shutdown left configuration behind");
+    return 0;
+}

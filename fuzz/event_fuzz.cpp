@@ -1,0 +1,107 @@
+// Event rendering: do_log on any event XML, under configurations whose
+// tokens are XPaths, a stylesheet and constants, with the extra headers
+// taken from the event. do_log never throws, no event is lost silently, and
+// no value from the event adds a header line.
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdlib>
+#include <memory>
+#include <set>
+
+#include "ChannelHarness.h"
+#include "FuzzCheck.h"
+
+namespace {
+
+std::string _configuration(const std::string& charset) {
+    return R"XML(<?xml version="1.0" encoding="UTF-8"?>
+<Channel>
+  <Default>
+    <RecipientList><Recipient value="ops@example.com"/><Recipient value="oncall@example.org"/></RecipientList>
+    <Sender name="Alerter" email="alerts@example.com"/>
+    <Subject value="Alert"/>
+    <Charset enabled="yes" locale="" charset=")XML" + charset + R"XML("/>
+    <ExtraHeaders><Header name="X-Host" xpath="/event/host" default="unknown"/></ExtraHeaders>
+  </Default>
+  <Tokens>
+    <Token name="host" xpath="/event/host"/>
+    <Token name="attr" xpath="/event/@severity"/>
+    <Token name="text" xpath="string(/event)"/>
+    <Token name="count" xpath="count(//*)"/>
+    <Token name="sev" default="HIGH"/>
+    <Token name="summary">
+      <xsl:stylesheet version="1.0" xmlns:xsl="http://www.w3.org/1999/XSL/Transform">
+        <xsl:output method="text" encoding="UTF-8"/>
+        <xsl:param name="locale"/>
+        <xsl:template match="/">
+          <xsl:value-of select="$locale"/>
+          <xsl:for-each select="/event/*">
+            <xsl:text>&#10;- </xsl:text><xsl:value-of select="name()"/>: <xsl:value-of select="."/>
+            <xsl:for-each select="@*"> <xsl:value-of select="name()"/>=<xsl:value-of select="."/></xsl:for-each>
+          </xsl:for-each>
+        </xsl:template>
+      </xsl:stylesheet>
+    </Token>
+  </Tokens>
+  <EventGroup enabled="yes">
+    <Message>Host %host% (%attr%) is %sev%: %summary%
+Full text: %text% in %count% elements</Message>
+    <ExtraHeaders>
+      <Header name="X-Detail" xpath="/event/detail"/>
+      <Header name="X-Group" default="g1"/>
+    </ExtraHeaders>
+    <Event id="7" enabled="yes"/>
+  </EventGroup>
+  <EventGroup enabled="yes">
+    <Message>%text%</Message>
+    <Event id="8" enabled="yes"/>
+  </EventGroup>
+  <EmailAgent lib=")XML" + fuzzing::Agent::path() + R"XML("/>
+</Channel>
+)XML";
+}
+
+// One channel per charset, configured once.
+fuzzing::CountingChannel& _channel(int which) {
+    static const char* const charsets[] = {"UTF-8", "ISO-8859-15", "ISO-2022-JP"};
+    static std::unique_ptr<fuzzing::CountingChannel> channels[3];
+    if (!channels[which]) {
+        channels[which].reset(new fuzzing::CountingChannel);
+        const std::string xml = _configuration(charsets[which]);
+        const bool configured = channels[which]->do_configure(
+            Osk::ChannelCfg(Tamxml::Document::fromMemory(xml.data(), xml.size())));
+        fuzzing::check(configured && channels[which]->reports == 0,
+                       "the event target's configuration is refused");
+    }
+    return *channels[which];
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    setenv("TAM_LANG", "fr_FR.UTF-8", 1);  // the stylesheet's locale parameter
+    for (int i = 0; i < 3; ++i) _channel(i);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 1) return 0;
+    const int which = data[0] % 3;
+    const unsigned long id = 6 + (data[0] / 3) % 3;  // 6 belongs to no group
+    boost::shared_ptr<const Tamxml::Document> doc =
+        fuzzing::parseOrNull(reinterpret_cast<const char*>(data + 1), size - 1);
+    if (!doc) return 0;
+
+    std::set<std::string> expected;
+    if (id == 7) {
+        expected = {"X-Host", "X-Group"};
+        if (Tamxml::find_first_value(doc, "/event/detail")) expected.insert("X-Detail");
+    } else {
+        expected = {"X-Host"};
+    }
+    fuzzing::logAndCheck(_channel(which),
+                         boost::shared_ptr<Osk::ChannelEvent>(new Osk::ChannelEvent(id, doc)),
+                         &expected);
+    return 0;
+}

@@ -1,0 +1,168 @@
+// UTF-8 arrays: construction, stepping both ways, size(), insertion,
+// writing through an iterator, and the independence of copies.
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "FuzzCheck.h"
+#include "Toolkit/Exceptions.h"
+#include "Toolkit/Utf8Array.h"
+
+using Tamtk::Utf8Array;
+using Tamtk::Utf8Char;
+using fuzzing::check;
+
+namespace {
+
+// Positions of every character reached walking forward; `complete` tells
+// whether the walk reached the end without a malformed sequence.
+std::vector<const char*> _walkForward(const Utf8Array& text, bool& complete) {
+    std::vector<const char*> at;
+    complete = false;
+    try {
+        for (Utf8Array::const_iterator it = text.begin(); it != text.end(); ++it) {
+            // A byte that opens no sequence gives an empty character; the
+            // step after it must refuse to go on.
+            check(!it->empty() || Tamtk::internal::utf8::num_utf8_chars(*it.position()) == 0,
+                  "iterator stands on an empty character inside the text");
+            at.push_back(it.position());
+        }
+        complete = true;
+    } catch (const Tamtk::Utf8Exception&) {
+    }
+    return at;
+}
+
+// The same walking backward from the end, in forward order.
+std::vector<const char*> _walkBackward(const Utf8Array& text, bool& complete) {
+    std::vector<const char*> at;
+    complete = false;
+    try {
+        Utf8Array::const_iterator it = text.end();
+        while (it != text.begin()) {
+            --it;
+            at.insert(at.begin(), it.position());
+        }
+        complete = true;
+    } catch (const Tamtk::Utf8Exception&) {
+    }
+    return at;
+}
+
+Utf8Char _character(FuzzedDataProvider& in) {
+    Utf8Char c;
+    const std::string bytes = in.ConsumeBytesAsString(in.ConsumeIntegralInRange(1, 6));
+    if (bytes.empty()) return c;
+    if (in.ConsumeBool()) return Utf8Char(bytes[0]);
+    try {
+        c.raw_copy(bytes.data(), static_cast<unsigned>(bytes.size()));
+    } catch (const Tamtk::Utf8Exception&) {
+    }
+    return c;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    const unsigned packed = in.ConsumeIntegral<unsigned>();
+    const Utf8Char inserted = _character(in);
+    const unsigned where = in.ConsumeIntegral<unsigned>();
+    const std::string bytes = in.ConsumeRemainingBytesAsString();
+
+    try {
+        const Utf8Char fromPacked(static_cast<wchar_t>(packed));
+        check(fromPacked.length() <= 6, "character of more than six bytes");
+    } catch (const Tamtk::Utf8Exception&) {
+    }
+
+    const Utf8Array text(bytes.data(), static_cast<unsigned>(bytes.size()));
+    check(text.length() == bytes.size() && text.str() == bytes, "construction changed the bytes");
+    check(text.c_str()[text.length()] == '\0', "text is not NUL-terminated");
+
+    bool forwardComplete = false, backwardComplete = false;
+    const std::vector<const char*> forward = _walkForward(text, forwardComplete);
+    const std::vector<const char*> backward = _walkBackward(text, backwardComplete);
+    if (forwardComplete) {
+        check(forward.size() == text.size(), "size() differs from the characters walked", bytes);
+        check(backwardComplete && backward == forward,
+              "walking backward does not retrace the forward walk", bytes);
+        // Advancing by N characters is N single steps.
+        Utf8Array::const_iterator it = text.begin();
+        std::advance(it, static_cast<long>(forward.size()));
+        check(it == text.end(), "advance by size() does not reach the end", bytes);
+    }
+    if (!bytes.empty()) {
+        try {
+            const char* last = text.find_start_of_last_char(text.data(), text.length(), true);
+            if (forwardComplete) {
+                check(last == forward.back(), "last character found in the wrong place", bytes);
+            }
+        } catch (const Tamtk::Utf8Exception&) {
+            check(!forwardComplete, "a well-formed text's last character is refused", bytes);
+        }
+        const char* cut = text.find_start_of_last_char(text.data(), text.length(), false);
+        check(cut == nullptr || (cut >= text.data() && cut < text.data() + text.length()),
+              "last character found outside the text", bytes);
+    }
+
+    // Insertion into a copy at a character position reached by the walk
+    // (or the end); the original keeps its bytes.
+    const std::size_t chars = forward.size();
+    const std::size_t index = chars == 0 ? 0 : where % (chars + 1);
+    const std::size_t offset =
+        (index < chars ? forward[index] : text.data() + text.length()) - text.data();
+    const std::string expected =
+        bytes.substr(0, offset) + std::string(inserted.c_str(), inserted.length()) + bytes.substr(offset);
+    {
+        Utf8Array copy = text;
+        Utf8Array::iterator at = copy.begin();
+        const bool reachable = index == chars ? forwardComplete : true;
+        if (reachable) {
+            for (std::size_t k = 0; k < index; ++k) ++at;
+            copy.insert(at, inserted);
+            check(copy.str() == expected, "insert put the character in the wrong place", bytes);
+            check(text.str() == bytes, "insert into a copy changed the original", bytes);
+        }
+    }
+    {
+        Utf8Array copy = text;
+        Utf8Array::iterator at = copy.begin();
+        const bool reachable = index == chars ? forwardComplete : true;
+        if (reachable) {
+            for (std::size_t k = 0; k < index; ++k) ++at;
+            copy.insert(at, inserted.c_str(), inserted.c_str() + inserted.length());
+            check(copy.str() == expected, "range insert put the bytes in the wrong place", bytes);
+            check(text.str() == bytes, "range insert into a copy changed the original", bytes);
+        }
+    }
+    // Writing through a mutable iterator replaces exactly that character.
+    if (index < chars) {
+        Utf8Array copy = text;
+        Utf8Array::iterator at = copy.begin();
+        for (std::size_t k = 0; k < index; ++k) ++at;
+        // A byte that opens no sequence is replaced on its own.
+        const std::size_t oldLength = std::max(1u, at->length());
+        *at = inserted;
+        const std::string replaced = bytes.substr(0, offset) +
+                                     std::string(inserted.c_str(), inserted.length()) +
+                                     bytes.substr(offset + oldLength);
+        check(copy.str() == replaced, "writing through an iterator changed the wrong bytes", bytes);
+        check(text.str() == bytes, "writing into a copy changed the original", bytes);
+    }
+    // An iterator of another array is refused before anything changes.
+    {
+        Utf8Array other = text;
+        Utf8Array stranger("x");
+        try {
+            other.insert(stranger.begin(), bytes.begin(), bytes.end());
+            fuzzing::fail("insert accepted another array's iterator");
+        } catch (const Tamtk::Utf8Exception&) {
+        }
+        check(other.str() == bytes, "a refused insert changed the array", bytes);
+    }
+    return 0;
+}
