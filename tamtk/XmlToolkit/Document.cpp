@@ -1,6 +1,8 @@
 #include "XmlToolkit/Document.h"
 
+#include <libxml/entities.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
 
 #include <boost/make_shared.hpp>
 #include <cerrno>
@@ -8,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <vector>
 
 #include "Toolkit/Exceptions.h"
@@ -19,6 +22,66 @@ namespace Tamxml {
 namespace {
 
 const char* const _source = "XmlToolkit/Document";
+
+// Entity references are kept as references when parsing, but every reader
+// of the text (XPath string values, attribute values) expands them. A small
+// document that refers to one large internal entity many times (the
+// "quadratic blowup") passes libxml2's own checks and then expands to
+// gigabytes when read. Such a document is refused when it is parsed: the
+// references together may expand to no more than libxml2's own limit for one
+// text node.
+const std::size_t _maxEntityExpansion = XML_MAX_TEXT_LENGTH;
+
+class _ExpansionCounter {
+  public:
+    explicit _ExpansionCounter(xmlDocPtr doc) : doc_(doc) {}
+
+    // Bytes that the entity references under `first` and its siblings expand
+    // to; stops counting once past the limit.
+    std::size_t countSiblings(xmlNodePtr first) {
+        std::size_t total = 0;
+        std::vector<xmlNodePtr> pending;
+        for (xmlNodePtr n = first; n != nullptr; n = n->next) pending.push_back(n);
+        while (!pending.empty() && total <= _maxEntityExpansion) {
+            xmlNodePtr node = pending.back();
+            pending.pop_back();
+            if (node->type == XML_ENTITY_REF_NODE) {
+                total += entitySize(xmlGetDocEntity(doc_, node->name));
+                continue;
+            }
+            if (node->type == XML_DTD_NODE) continue;  // declarations expand only where used
+            if (node->type == XML_ELEMENT_NODE) {
+                for (xmlAttrPtr a = node->properties; a != nullptr; a = a->next) {
+                    for (xmlNodePtr c = a->children; c != nullptr; c = c->next) pending.push_back(c);
+                }
+            }
+            for (xmlNodePtr c = node->children; c != nullptr; c = c->next) pending.push_back(c);
+        }
+        return total;
+    }
+
+  private:
+    // The expanded text of one entity, nested references included; each
+    // entity is counted once and a loop counts as too much.
+    std::size_t entitySize(xmlEntityPtr entity) {
+        if (entity == nullptr || entity->etype != XML_INTERNAL_GENERAL_ENTITY) return 0;
+        auto known = sizes_.find(entity);
+        if (known != sizes_.end()) return known->second;
+        sizes_[entity] = _maxEntityExpansion + 1;  // until known: a loop is refused
+        std::size_t size = static_cast<std::size_t>(entity->length);
+        if (entity->children != nullptr) size += countSiblings(entity->children);
+        sizes_[entity] = size;
+        return size;
+    }
+
+    xmlDocPtr doc_;
+    std::map<xmlEntityPtr, std::size_t> sizes_;
+};
+
+bool _expandsTooFar(xmlDocPtr doc) {
+    if (doc->intSubset == nullptr || doc->intSubset->entities == nullptr) return false;
+    return _ExpansionCounter(doc).countSiblings(doc->children) > _maxEntityExpansion;
+}
 
 boost::shared_ptr<const Document> _parse(const char* data, std::size_t size, const char* url,
                                          const std::string& what) {
@@ -45,6 +108,12 @@ boost::shared_ptr<const Document> _parse(const char* data, std::size_t size, con
     xmlFreeParserCtxt(context);
     if (doc == nullptr) {
         TAMTK_THROW(XmlException, _source, "Could not parse " << what << ": " << errors.text());
+    }
+    if (_expandsTooFar(doc)) {
+        xmlFreeDoc(doc);
+        TAMTK_THROW(XmlException, _source,
+                    "Could not parse " << what << ": its entity references expand to more than "
+                                       << _maxEntityExpansion << " bytes");
     }
     return Document::adopt(doc);
 }

@@ -25,6 +25,15 @@ namespace {
 
 const char* const _source = "XmlToolkit/Xslt";
 
+// A stylesheet that recurses without end is stopped by libxslt after this
+// many nested template calls and variables together. libxslt's own default,
+// 3000, takes about 1.5 MB of stack: more than a host thread may have. Real
+// templates nest a few levels; a recursive one walking an event stays far
+// below this. Set on every transformation rather than through libxslt's
+// process-wide defaults, which any other user of the library may change.
+const int _maxTemplateDepth = 1000;
+const int _maxTemplateVars = 15000;
+
 std::once_flag _initOnce;
 xsltSecurityPrefsPtr _securityPrefs = nullptr;
 xmlGenericErrorFunc _previousErrorFunc = nullptr;
@@ -195,6 +204,8 @@ void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
         TAMTK_THROW(XmlException, _source,
                     "Could not apply stylesheet: its security restrictions could not be set");
     }
+    context->maxTemplateDepth = _maxTemplateDepth;
+    context->maxTemplateVars = _maxTemplateVars;
     xsltSetTransformErrorFunc(context.get(), nullptr, &internal::genericHandler);
     xsltSetCtxtParseOptions(context.get(), internal::safeParseOptions);
 

@@ -46,6 +46,9 @@ TAMTK_API boost::shared_ptr<Xslt> make_transform(boost::shared_ptr<const Documen
 // and writes the serialised result to `out` as xsl:output asks (method
 // "text" writes the bare text). Raises Tamxml::XmlException with libxslt's
 // report when the transformation fails; nothing is written to `out` then.
+// Template calls and the variables and parameters they bind nest at most
+// 1000 deep together (whatever libxslt's process-wide default): a stylesheet
+// that recurses without end fails instead of exhausting the stack.
 TAMTK_API void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
                          boost::shared_ptr<const Document> document, const std::string& paramName,
                          const std::string& paramValue);
