@@ -13,8 +13,8 @@
 
 namespace AlertSample {
 
-// One paragraph of about 500 bytes with accented letters; `placeholders`
-// puts one of the configuration's tokens into each paragraph.
+// Paragraphs of about 400 bytes with accented letters; `placeholders` keeps
+// a token of the configuration in each of the first four.
 inline std::string body(bool placeholders) {
     const char* const paragraphs[] = {
         "Störung auf dem Server %host%: der Dienst antwortet seit mehreren Minuten nicht mehr. "
@@ -37,12 +37,16 @@ inline std::string body(bool placeholders) {
         "Leitstelle unter der bekannten Rufnummer. Ceci est un message généré "
         "automatiquement : merci de ne pas y répondre. Hinweis zur Vertraulichkeit: der "
         "Inhalt ist nur für den Empfänger bestimmt und darf nicht weitergegeben werden.\n",
+        "Nächste Schritte: Prüfung der Zertifikate, Neustart des Dienstes außerhalb der "
+        "Spitzenzeiten, Rückmeldung an die Leitstelle. Étapes suivantes : vérification des "
+        "certificats, redémarrage du service hors des heures de pointe, compte rendu à la "
+        "régie. Geschätzte Dauer: fünfzehn Minuten; durée estimée : un quart d'heure.\n",
     };
     std::string text;
     for (const char* paragraph : paragraphs) {
         std::string p = paragraph;
-        if (!placeholders) {
-            const std::string::size_type open = p.find('%');
+        const std::string::size_type open = p.find('%');
+        if (!placeholders && open != std::string::npos) {
             p.replace(open, p.find('%', open + 1) - open + 1, "web-01.example.org");
         }
         text += p;

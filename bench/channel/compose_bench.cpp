@@ -149,6 +149,43 @@ void checkSameOutput() {
     }
 }
 
+std::string jsonString(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+// The alert as JSON, so that a script can build the same message with
+// other tools (bench/run times Python's email package on it).
+void printSample() {
+    std::string to;
+    for (const auto& addr : AlertSample::recipients()) {
+        to += (to.empty() ? "" : ", ") + jsonString(addr.asPlainString(false));
+    }
+    std::string headers;
+    for (const auto& header : AlertSample::headers()) {
+        headers += (headers.empty() ? "" : ", ") + jsonString(header.first) + ": " +
+                   jsonString(header.second);
+    }
+    std::printf("{\"time\": %ld, \"senderName\": %s, \"sender\": %s, \"to\": [%s], "
+                "\"subject\": %s, \"headers\": {%s}, \"body\": %s}\n",
+                kTime, jsonString(AlertSample::senderName()).c_str(),
+                jsonString(AlertSample::sender()).c_str(), to.c_str(),
+                jsonString(AlertSample::subject()).c_str(), headers.c_str(),
+                jsonString(AlertSample::body(false)).c_str());
+}
+
 }  // namespace
 
 BENCHMARK(BM_BuildEmail_UTF8)->Unit(benchmark::kMicrosecond);
@@ -157,6 +194,10 @@ BENCHMARK(BM_CharsetFallback_IconvOpenPerChar)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CharsetFallback_ReusedHandle)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--print-sample") == 0) {
+        printSample();
+        return 0;
+    }
     checkSameOutput();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
