@@ -21,8 +21,11 @@ namespace {
 const int _parseOptions = XML_PARSE_NONET | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES;
 
 // read() returns what a pipe holds without waiting for a full block, so an
-// event is parsed as soon as it arrives.
+// event is parsed as soon as it arrives. The parser gets a block in slices
+// and reading stops at the first slice that completes an event: only a few
+// finished events ever wait in memory, however much one read() returned.
 const std::size_t _blockSize = 16384;
+const std::size_t _sliceSize = 512;
 
 bool _is(const xmlChar* name, const char* wanted) {
     return name != nullptr && std::strcmp(reinterpret_cast<const char*>(name), wanted) == 0;
@@ -53,6 +56,9 @@ EventStream& _stream(void* context) {
 EventStream::EventStream(const std::string& path)
     : fd_(-1),
       ownsFd_(false),
+      block_(_blockSize),
+      blockSize_(0),
+      blockParsed_(0),
       parser_(nullptr),
       finished_(false),
       failed_(false),
@@ -107,21 +113,24 @@ void EventStream::fail(const std::string& message, int line) {
 }
 
 void EventStream::feed() {
-    char block[_blockSize];
-    ssize_t got;
-    do {
-        got = ::read(fd_, block, sizeof block);
-    } while (got < 0 && errno == EINTR);
-    if (got < 0) {
-        fail("cannot read the event stream: " + std::string(std::strerror(errno)),
-             parser_ ? xmlSAX2GetLineNumber(parser_) : 0);
-        return;
-    }
-    const char* data = block;
-    int size = static_cast<int>(got);
-    if (parser_ == nullptr && got == 0) {
-        fail("the event stream is empty", 0);
-        return;
+    bool end = false;
+    if (blockParsed_ == blockSize_) {
+        ssize_t got;
+        do {
+            got = ::read(fd_, block_.data(), block_.size());
+        } while (got < 0 && errno == EINTR);
+        if (got < 0) {
+            fail("cannot read the event stream: " + std::string(std::strerror(errno)),
+                 parser_ ? xmlSAX2GetLineNumber(parser_) : 0);
+            return;
+        }
+        blockSize_ = static_cast<std::size_t>(got);
+        blockParsed_ = 0;
+        end = got == 0;
+        if (parser_ == nullptr && end) {
+            fail("the event stream is empty", 0);
+            return;
+        }
     }
     if (parser_ == nullptr) {
         xmlSAXHandler sax;
@@ -131,19 +140,20 @@ void EventStream::feed() {
         sax.endElementNs = &EventStream::_onEnd;
         sax.serror = &EventStream::_onError;
         // The first bytes let the parser detect the encoding.
-        const int head = size < 4 ? size : 4;
-        parser_ = xmlCreatePushParserCtxt(&sax, nullptr, data, head, nullptr);
+        const std::size_t head = blockSize_ < 4 ? blockSize_ : 4;
+        parser_ = xmlCreatePushParserCtxt(&sax, nullptr, block_.data(), static_cast<int>(head), nullptr);
         if (parser_ == nullptr) {
             fail("cannot start the XML parser", 0);
             return;
         }
         xmlCtxtUseOptions(parser_, _parseOptions);
         parser_->_private = this;
-        data += head;
-        size -= head;
+        blockParsed_ = head;
     }
-    const bool end = got == 0;
-    const int rc = xmlParseChunk(parser_, data, size, end ? 1 : 0);
+    const std::size_t left = blockSize_ - blockParsed_;
+    const std::size_t slice = left < _sliceSize ? left : _sliceSize;
+    const int rc = xmlParseChunk(parser_, block_.data() + blockParsed_, static_cast<int>(slice), end ? 1 : 0);
+    blockParsed_ += slice;
     if (rc != 0 || !parser_->wellFormed) {
         // Everything completed before the fault is already queued ahead of this.
         fail(error_.empty() ? "broken XML" : error_,

@@ -5,6 +5,7 @@
 #include <boost/shared_ptr.hpp>
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "Osk/ChannelEvent.h"
 
@@ -55,6 +56,9 @@ private:
 
     int fd_;
     bool ownsFd_;
+    std::vector<char> block_;  // what the last read() returned
+    std::size_t blockSize_;
+    std::size_t blockParsed_;
     xmlParserCtxtPtr parser_;
     std::deque<Item> ready_;
     bool finished_;  // nothing more will be parsed
