@@ -8,8 +8,8 @@ import os
 import time
 import unittest
 
-from host_harness import (MAILDIR_AGENT, RECIPIENTS, SENDER, SENDER_NAME, SMTP_AGENT, SUBJECT,
-                          HostTest, SmtpServer, channel_config, events_xml)
+from host_harness import (EXAMPLES, MAILDIR_AGENT, RECIPIENTS, SENDER, SENDER_NAME, SMTP_AGENT,
+                          SUBJECT, HostTest, SmtpServer, channel_config, events_xml)
 
 # Tokens of all three kinds. The stylesheet shows the "locale" parameter it
 # was given, so the test sees exactly what the channel passed.
@@ -219,6 +219,32 @@ class FailureTest(HostTest):
         [(sender, recipients, msg)] = server.messages()
         self.assertEqual((SENDER, ["ops@example.com"]), (sender, recipients))
         self.assertEqual("plain B text", msg.get_content())
+
+
+class ExamplesTest(HostTest):
+    """The shipped example configurations work with the shipped events."""
+
+    def run_example(self, name, replace=("", "")):
+        config = (EXAMPLES / name).read_text(encoding="utf-8").replace(*replace)
+        result = self.host(config, (EXAMPLES / "events.xml").read_text(encoding="utf-8"))
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual((4, 0, {}), result.summary())
+        return result
+
+    def test_maildir_example(self):
+        self.run_example("alerts.xml")
+        mails = self.maildir("example-mail")
+        self.assertEqual(3, len(mails))
+        self.assertEqual({"db1.example.com", "web2.example.com", "Köln-backup"},
+                         {str(msg["X-Alert-Host"]) for msg in mails})
+
+    def test_smtp_example(self):
+        server = SmtpServer(self.dir)
+        self.addCleanup(server.stop)
+        self.run_example("alerts-smtp.xml", ("smtp://127.0.0.1:2525", server.url))
+        self.assertEqual({"db1.example.com", "web2.example.com", "Köln-backup"},
+                         {str(msg["X-Alert-Host"]) for _, _, msg in server.messages()})
+        self.assertEqual([], [f for _, _, files in os.walk(self.dir / "example-spool") for f in files])
 
 
 if __name__ == "__main__":

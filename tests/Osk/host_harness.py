@@ -20,6 +20,7 @@ MAILDIR_AGENT = os.environ.get("MAILDIR_AGENT", "")
 SMTP_AGENT = os.environ.get("SMTP_AGENT", "")
 COUNTING_AGENT = os.environ.get("COUNTING_AGENT", "")
 SMTP_SERVER = os.environ.get("SMTP_SERVER", "")
+EXAMPLES = pathlib.Path(os.environ.get("EXAMPLES_DIR", pathlib.Path(__file__).parents[2] / "examples"))
 SANITIZED = os.environ.get("OSK_SANITIZED", "OFF").upper() in ("ON", "1", "TRUE", "YES")
 
 # Every run is bounded; a hung host fails the test instead of the CI job.
