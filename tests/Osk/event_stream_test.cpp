@@ -158,6 +158,21 @@ TEST(EventStream, ExternalEntitiesAreNeverRead) {
     EXPECT_EQ((std::vector<std::string>{"1:[][]"}), seen);
 }
 
+TEST(EventStream, EntityExpansionBombStopsTheStreamAfterWhatCameBefore) {
+    std::string dtd = "<!ENTITY l0 'lol'>";
+    for (int i = 1; i < 10; ++i) {
+        std::string ten;
+        for (int k = 0; k < 10; ++k) ten += "&l" + std::to_string(i - 1) + ";";
+        dtd += "<!ENTITY l" + std::to_string(i) + " '" + ten + "'>";
+    }
+    const std::vector<std::string> seen =
+        readAll("<!DOCTYPE Events [" + dtd + "]>\n<Events><Event id='1'><d>a</d></Event>\n"
+                "<Event id='2'><d>&l9;</d></Event><Event id='3'><d>c</d></Event></Events>");
+    ASSERT_EQ(2u, seen.size());
+    EXPECT_EQ("1:a", seen[0]);
+    EXPECT_EQ(0u, seen[1].rfind("FATAL@", 0)) << seen[1];
+}
+
 TEST(EventStream, EncodingDeclarationIsHonoured) {
     EXPECT_EQ((std::vector<std::string>{"1:K\xC3\xB6ln"}),
               readAll("<?xml version='1.0' encoding='ISO-8859-1'?>"
