@@ -34,7 +34,7 @@ std::string decodedBody(const std::string& mail) {
     for (char c : b64) {
         const std::string::size_type d = digits.find(c);
         if (c == '=' || c == '\n' || d == std::string::npos) continue;
-        value = (value << 6) | static_cast<int>(d);
+        value = ((value << 6) | static_cast<int>(d)) & 0xFFF;  // only the undelivered bits
         bits += 6;
         if (bits >= 8) {
             bits -= 8;
