@@ -1,8 +1,14 @@
 #include "Osk/EventStream.h"
 
+#include <fcntl.h>
+#include <libxml/SAX2.h>
+#include <libxml/parserInternals.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "XmlToolkit/Xml.h"
 
@@ -10,13 +16,22 @@ namespace Osk {
 
 namespace {
 
-// No network, no external DTD, no entity substitution: events are data, not
-// instructions to fetch files.
-const int _parseOptions = XML_PARSE_NONET | XML_PARSE_NOWARNING;
+// No network, and no entity substitution (so no external entity is ever
+// loaded): events are data, not instructions to fetch files.
+const int _parseOptions = XML_PARSE_NONET | XML_PARSE_NOWARNING | XML_PARSE_BIG_LINES;
+
+// read() returns what a pipe holds without waiting for a full block, so an
+// event is parsed as soon as it arrives. The parser gets a block in slices
+// and reading stops at the first slice that completes an event: only a few
+// finished events ever wait in memory, however much one read() returned.
+const std::size_t _blockSize = 16384;
+const std::size_t _sliceSize = 512;
 
 bool _is(const xmlChar* name, const char* wanted) {
     return name != nullptr && std::strcmp(reinterpret_cast<const char*>(name), wanted) == 0;
 }
+
+std::string _text(const xmlChar* text) { return text ? reinterpret_cast<const char*>(text) : ""; }
 
 // Only plain decimal digits make an event id.
 bool _parse_id(const xmlChar* text, unsigned long& id) {
@@ -32,136 +47,220 @@ bool _parse_id(const xmlChar* text, unsigned long& id) {
     return errno == 0 && end && *end == '\0';
 }
 
+EventStream& _stream(void* context) {
+    return *static_cast<EventStream*>(static_cast<xmlParserCtxtPtr>(context)->_private);
+}
+
 }  // namespace
 
 EventStream::EventStream(const std::string& path)
-    : reader_(path == "-" ? xmlReaderForFd(0, "stdin", nullptr, _parseOptions)
-                          : xmlReaderForFile(path.c_str(), nullptr, _parseOptions)),
-      positioned_(false),
-      done_(false),
-      lastErrorLine_(0) {
-    if (reader_ != nullptr) {
-        xmlTextReaderSetErrorHandler(reader_, &EventStream::_onError, this);
+    : fd_(-1),
+      ownsFd_(false),
+      block_(_blockSize),
+      blockSize_(0),
+      blockParsed_(0),
+      parser_(nullptr),
+      finished_(false),
+      failed_(false),
+      eventLine_(0),
+      errorLine_(0),
+      errorFatal_(false) {
+    if (path == "-") {
+        fd_ = 0;
+    } else {
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        ownsFd_ = fd_ >= 0;
+        if (fd_ < 0) {
+            fail("cannot open the event stream: " + std::string(std::strerror(errno)), 0);
+        }
     }
 }
 
 EventStream::~EventStream() {
-    if (reader_ != nullptr) {
-        xmlFreeTextReader(reader_);
+    if (parser_ != nullptr) {
+        xmlFreeDoc(parser_->myDoc);
+        parser_->myDoc = nullptr;
+        xmlFreeParserCtxt(parser_);
+    }
+    if (ownsFd_) {
+        ::close(fd_);
     }
 }
-
-void EventStream::_onError(void* self, const char* message, xmlParserSeverities severity,
-                           xmlTextReaderLocatorPtr locator) {
-    EventStream* stream = static_cast<EventStream*>(self);
-    if (severity == XML_PARSER_SEVERITY_ERROR || severity == XML_PARSER_SEVERITY_VALIDITY_ERROR ||
-        stream->lastError_.empty()) {
-        stream->lastError_ = message ? message : "";
-        while (!stream->lastError_.empty() &&
-               (stream->lastError_.back() == '\n' || stream->lastError_.back() == ' ')) {
-            stream->lastError_.pop_back();
-        }
-        stream->lastErrorLine_ = xmlTextReaderLocatorLineNumber(locator);
-    }
-}
-
-int EventStream::line() const { return reader_ ? xmlTextReaderGetParserLineNumber(reader_) : 0; }
 
 boost::shared_ptr<ChannelEvent> EventStream::next(Problem& problem, bool& hadProblem) {
     hadProblem = false;
-    if (done_) {
+    while (ready_.empty() && !finished_) {
+        feed();
+    }
+    if (ready_.empty()) {
         return {};
     }
-    if (reader_ == nullptr) {
-        done_ = true;
+    Item item = std::move(ready_.front());
+    ready_.pop_front();
+    if (!item.event) {
         hadProblem = true;
-        problem = Problem{"cannot open the event stream", 0, true};
-        return {};
+        problem = std::move(item.problem);
     }
-    for (;;) {
-        int rc = 1;
-        if (positioned_) {
-            positioned_ = false;
-        } else {
-            rc = xmlTextReaderRead(reader_);
-        }
-        if (rc != 1) {
-            done_ = true;
-            if (rc < 0) {
-                hadProblem = true;
-                problem = Problem{lastError_.empty() ? "broken XML" : lastError_,
-                                  lastErrorLine_ ? lastErrorLine_ : line(), true};
-            }
-            return {};
-        }
-        if (xmlTextReaderNodeType(reader_) != XML_READER_TYPE_ELEMENT) {
-            continue;
-        }
-        const int depth = xmlTextReaderDepth(reader_);
-        const xmlChar* name = xmlTextReaderConstLocalName(reader_);
-        if (depth == 0) {
-            if (!_is(name, "Events")) {
-                done_ = true;
-                hadProblem = true;
-                problem = Problem{std::string("the stream's root element must be Events, not ") +
-                                      reinterpret_cast<const char*>(name),
-                                  line(), true};
-                return {};
-            }
-            continue;
-        }
-        if (depth != 1) {
-            continue;
-        }
-        const int eventLine = line();
-        if (!_is(name, "Event")) {
-            hadProblem = true;
-            problem = Problem{std::string("unexpected element ") + reinterpret_cast<const char*>(name) +
-                                  " skipped",
-                              eventLine, false};
-        }
-        unsigned long id = 0;
-        xmlChar* idText = xmlTextReaderGetAttribute(reader_, BAD_CAST "id");
-        const bool goodId = _parse_id(idText, id);
-        if (!hadProblem && !goodId) {
-            hadProblem = true;
-            problem = Problem{std::string("event without a numeric id (id=\"") +
-                                  (idText ? reinterpret_cast<const char*>(idText) : "") + "\") skipped",
-                              eventLine, false};
-        }
-        xmlFree(idText);
+    return item.event;
+}
 
-        xmlDocPtr doc = nullptr;
-        if (!hadProblem) {
-            xmlNodePtr node = xmlTextReaderExpand(reader_);
-            if (node == nullptr) {
-                done_ = true;
-                hadProblem = true;
-                problem = Problem{lastError_.empty() ? "broken XML" : lastError_,
-                                  lastErrorLine_ ? lastErrorLine_ : line(), true};
-                return {};
-            }
-            xmlNodePtr child = node->children;
-            while (child != nullptr && child->type != XML_ELEMENT_NODE) {
-                child = child->next;
-            }
-            if (child == nullptr) {
-                hadProblem = true;
-                problem = Problem{"event " + std::to_string(id) + " has no document; skipped", eventLine,
-                                  false};
-            } else {
-                doc = xmlNewDoc(BAD_CAST "1.0");
-                xmlDocSetRootElement(doc, xmlDocCopyNode(child, doc, 1));
-            }
-        }
-        // Move past this Event's subtree; the reader frees what it expanded.
-        // A failure here shows again on the next read, which reports it.
-        positioned_ = xmlTextReaderNext(reader_) == 1;
-        if (hadProblem) {
-            return {};
-        }
-        return boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, Tamxml::Document::adopt(doc)));
+void EventStream::fail(const std::string& message, int line) {
+    if (!failed_) {
+        failed_ = true;
+        ready_.push_back(Item{{}, Problem{message, line, true}});
     }
+    finished_ = true;
+}
+
+void EventStream::feed() {
+    bool end = false;
+    if (blockParsed_ == blockSize_) {
+        ssize_t got;
+        do {
+            got = ::read(fd_, block_.data(), block_.size());
+        } while (got < 0 && errno == EINTR);
+        if (got < 0) {
+            fail("cannot read the event stream: " + std::string(std::strerror(errno)),
+                 parser_ ? xmlSAX2GetLineNumber(parser_) : 0);
+            return;
+        }
+        blockSize_ = static_cast<std::size_t>(got);
+        blockParsed_ = 0;
+        end = got == 0;
+        if (parser_ == nullptr && end) {
+            fail("the event stream is empty", 0);
+            return;
+        }
+    }
+    if (parser_ == nullptr) {
+        xmlSAXHandler sax;
+        std::memset(&sax, 0, sizeof sax);
+        xmlSAXVersion(&sax, 2);  // libxml2's tree builder, with our hooks around it
+        sax.startElementNs = &EventStream::_onStart;
+        sax.endElementNs = &EventStream::_onEnd;
+        sax.serror = &EventStream::_onError;
+        // The first bytes let the parser detect the encoding.
+        const std::size_t head = blockSize_ < 4 ? blockSize_ : 4;
+        parser_ = xmlCreatePushParserCtxt(&sax, nullptr, block_.data(), static_cast<int>(head), nullptr);
+        if (parser_ == nullptr) {
+            fail("cannot start the XML parser", 0);
+            return;
+        }
+        xmlCtxtUseOptions(parser_, _parseOptions);
+        parser_->_private = this;
+        blockParsed_ = head;
+    }
+    const std::size_t left = blockSize_ - blockParsed_;
+    const std::size_t slice = left < _sliceSize ? left : _sliceSize;
+    const int rc = xmlParseChunk(parser_, block_.data() + blockParsed_, static_cast<int>(slice), end ? 1 : 0);
+    blockParsed_ += slice;
+    if (rc != 0 || !parser_->wellFormed) {
+        // Everything completed before the fault is already queued ahead of this.
+        fail(error_.empty() ? "broken XML" : error_,
+             errorLine_ ? errorLine_ : xmlSAX2GetLineNumber(parser_));
+    } else if (end) {
+        finished_ = true;
+    }
+}
+
+void EventStream::_onStart(void* context, const xmlChar* localname, const xmlChar* prefix,
+                           const xmlChar* uri, int namespaceCount, const xmlChar** namespaces,
+                           int attributeCount, int defaultedCount, const xmlChar** attributes) {
+    xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
+    EventStream& self = _stream(context);
+    if (parser->nodeNr == 0 && !_is(localname, "Events")) {
+        self.fail("the stream's root element must be Events, not " + _text(localname),
+                  xmlSAX2GetLineNumber(parser));
+        xmlStopParser(parser);
+        return;
+    }
+    if (parser->nodeNr == 1) {
+        self.eventLine_ = xmlSAX2GetLineNumber(parser);
+    }
+    xmlSAX2StartElementNs(context, localname, prefix, uri, namespaceCount, namespaces,
+                          attributeCount, defaultedCount, attributes);
+}
+
+void EventStream::_onEnd(void* context, const xmlChar* localname, const xmlChar* prefix,
+                         const xmlChar* uri) {
+    xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
+    xmlSAX2EndElementNs(context, localname, prefix, uri);
+    if (parser->nodeNr != 1 || parser->node == nullptr) {
+        return;
+    }
+    // A child of Events is complete: hand it on, then drop everything the
+    // root holds (the event, and the blanks and comments before it).
+    xmlNodePtr root = parser->node;
+    try {
+        _stream(context).take(root->last);
+    } catch (...) {
+        _stream(context).fail("out of memory", xmlSAX2GetLineNumber(parser));
+        xmlStopParser(parser);
+    }
+    while (root->children != nullptr) {
+        xmlNodePtr child = root->children;
+        xmlUnlinkNode(child);
+        xmlFreeNode(child);
+    }
+}
+
+void EventStream::_onError(void* context, xmlErrorPtr error) {
+    if (error == nullptr || error->level < XML_ERR_ERROR) {
+        return;
+    }
+    EventStream& self = _stream(context);
+    const bool fatal = error->level == XML_ERR_FATAL;
+    if (self.error_.empty() || (fatal && !self.errorFatal_)) {
+        self.error_ = error->message ? error->message : "";
+        while (!self.error_.empty() && (self.error_.back() == '\n' || self.error_.back() == ' ')) {
+            self.error_.pop_back();
+        }
+        self.errorLine_ = error->line;
+        self.errorFatal_ = fatal;
+    }
+}
+
+void EventStream::take(xmlNodePtr element) {
+    if (element == nullptr || element->type != XML_ELEMENT_NODE) {
+        return;
+    }
+    const int line = eventLine_;
+    if (!_is(element->name, "Event")) {
+        ready_.push_back(Item{{}, Problem{"unexpected element " + _text(element->name) + " skipped",
+                                          line, false}});
+        return;
+    }
+    unsigned long id = 0;
+    xmlChar* idText = xmlGetNoNsProp(element, BAD_CAST "id");
+    const bool goodId = _parse_id(idText, id);
+    const std::string shown = _text(idText);
+    xmlFree(idText);
+    if (!goodId) {
+        ready_.push_back(Item{
+            {}, Problem{"event without a numeric id (id=\"" + shown + "\") skipped", line, false}});
+        return;
+    }
+    xmlNodePtr child = element->children;
+    while (child != nullptr && child->type != XML_ELEMENT_NODE) {
+        child = child->next;
+    }
+    if (child == nullptr) {
+        ready_.push_back(
+            Item{{}, Problem{"event " + std::to_string(id) + " has no document; skipped", line, false}});
+        return;
+    }
+    xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
+    if (doc == nullptr) {
+        throw std::bad_alloc();
+    }
+    xmlNodePtr copy = xmlDocCopyNode(child, doc, 1);
+    if (copy == nullptr) {
+        xmlFreeDoc(doc);
+        throw std::bad_alloc();
+    }
+    xmlDocSetRootElement(doc, copy);
+    boost::shared_ptr<const Tamxml::Document> document = Tamxml::Document::adopt(doc);
+    ready_.push_back(Item{boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, document)), Problem{}});
 }
 
 }  // namespace Osk

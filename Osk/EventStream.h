@@ -1,17 +1,22 @@
 #pragma once
 
-#include <libxml/xmlreader.h>
+#include <libxml/parser.h>
 
 #include <boost/shared_ptr.hpp>
+#include <deque>
 #include <string>
+#include <vector>
 
 #include "Osk/ChannelEvent.h"
 
 namespace Osk {
 
 // Reads <Events><Event id="N"><doc .../></Event>...</Events> one event at a
-// time with libxml2's streaming reader, so memory stays flat however long the
-// stream. The single child element of each Event is that event's document.
+// time. The stream is fed to libxml2's push parser in pieces as it arrives;
+// each Event is taken out of the parser's tree the moment its end tag is
+// parsed, so memory stays flat however long the stream, and every event
+// completed before a syntax error is still handed out before the error.
+// Entity references are not substituted: an external entity is never read.
 class EventStream {
 public:
     struct Problem {
@@ -32,18 +37,37 @@ public:
     // again for the following events.
     boost::shared_ptr<ChannelEvent> next(Problem& problem, bool& hadProblem);
 
-    // The parser's current line, for messages.
-    int line() const;
-
 private:
-    static void _onError(void* self, const char* message, xmlParserSeverities severity,
-                         xmlTextReaderLocatorPtr locator);
+    struct Item {
+        boost::shared_ptr<ChannelEvent> event;
+        Problem problem;  // when there is no event
+    };
 
-    xmlTextReaderPtr reader_;
-    bool positioned_;  // the reader already stands on the next node
-    bool done_;
-    std::string lastError_;
-    int lastErrorLine_;
+    void feed();
+    void fail(const std::string& message, int line);
+    void take(xmlNodePtr element);
+
+    static void _onStart(void* context, const xmlChar* localname, const xmlChar* prefix,
+                         const xmlChar* uri, int namespaceCount, const xmlChar** namespaces,
+                         int attributeCount, int defaultedCount, const xmlChar** attributes);
+    static void _onEnd(void* context, const xmlChar* localname, const xmlChar* prefix,
+                       const xmlChar* uri);
+    static void _onError(void* context, xmlErrorPtr error);
+
+    int fd_;
+    bool ownsFd_;
+    std::vector<char> block_;  // what the last read() returned
+    std::size_t blockSize_;
+    std::size_t blockParsed_;
+    xmlParserCtxtPtr parser_;
+    std::deque<Item> ready_;
+    bool finished_;  // nothing more will be parsed
+    bool failed_;    // a fatal problem is queued
+    int eventLine_;  // where the Event being parsed starts
+    // The parser's first complaint; a fatal one (not well formed) wins.
+    std::string error_;
+    int errorLine_;
+    bool errorFatal_;
 };
 
 }  // namespace Osk

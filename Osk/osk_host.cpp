@@ -38,9 +38,17 @@ const char* const _usage =
     "    ...\n"
     "  </Events>\n"
     "The single child element of each Event is that event's XML document; id is a decimal number.\n"
+    "Events are handled as they arrive, so the stream may be a pipe that stays open. An event\n"
+    "without a numeric id or without a document is reported with its line and skipped; at a\n"
+    "syntax error every event before it has been delivered, and reading stops there. Entity\n"
+    "references are not expanded and nothing outside the stream is ever read.\n"
     "\n"
-    "Exit status: 0 configured and every event read; 1 broken event stream; 2 configuration failed;\n"
-    "64 bad command line; 69 the plug-in could not be loaded.\n";
+    "Reports of the channel go to standard error (and the system log with --syslog). At the end\n"
+    "one line on standard error gives the events read, the reports by severity, the time taken,\n"
+    "the events per second and the peak memory used.\n"
+    "\n"
+    "Exit status: 0 configured and every event read; 1 an event skipped or the stream broken;\n"
+    "2 configuration failed; 64 bad command line; 69 the plug-in could not be loaded.\n";
 
 struct Options {
     std::string config;
@@ -104,6 +112,68 @@ bool _parse(int argc, char** argv, Options& options) {
 
 typedef boost::shared_ptr<Osk::Channel> (*CreateChannel)();
 
+// The live count of --progress: one line on standard error, redrawn at most
+// a few times a second. Anything else written to standard error first ends
+// that line, so reports never land in the middle of it.
+class Progress {
+public:
+    explicit Progress(bool enabled) : enabled_(enabled), shown_(false), drawnOnce_(false) {}
+
+    void update(unsigned long events) {
+        if (!enabled_) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (drawnOnce_ && now - drawn_ < std::chrono::milliseconds(200)) return;
+        draw(events);
+        drawn_ = now;
+        drawnOnce_ = true;
+    }
+    // Leaves the final count on its own line.
+    void finish(unsigned long events) {
+        if (!enabled_) return;
+        draw(events);
+        interrupt();
+    }
+    void interrupt() {
+        if (shown_) {
+            std::fputc('\n', stderr);
+            shown_ = false;
+        }
+    }
+
+private:
+    void draw(unsigned long events) {
+        std::fprintf(stderr, "\rosk-host: %lu events", events);
+        std::fflush(stderr);
+        shown_ = true;
+    }
+
+    bool enabled_;
+    bool shown_;  // the count line is open on the terminal
+    bool drawnOnce_;
+    std::chrono::steady_clock::time_point drawn_;
+};
+
+// The process's peak resident size in KiB, 0 when unknown. VmHWM belongs to
+// this program's own address space; getrusage() would also count whatever
+// the parent had resident when it started us.
+unsigned long _peakKib() {
+    std::FILE* status = std::fopen("/proc/self/status", "r");
+    if (status == nullptr) return 0;
+    char line[256];
+    unsigned long kib = 0;
+    while (std::fgets(line, sizeof line, status) != nullptr) {
+        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1) break;
+    }
+    std::fclose(status);
+    return kib;
+}
+
+std::string _position(const std::string& events, int line) {
+    std::string where = events == "-" ? "stdin" : events;
+    if (line > 0) where += ":" + std::to_string(line);
+    return where;
+}
+
 int _run(const Options& options, Osk::HostLog& log) {
     void* plugin = dlopen(options.channel.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (plugin == nullptr) {
@@ -118,11 +188,15 @@ int _run(const Options& options, Osk::HostLog& log) {
 
     int status = 0;
     unsigned long events = 0;
+    unsigned long skipped = 0;
+    Progress progress(options.progress);
     const auto started = std::chrono::steady_clock::now();
     {
         boost::shared_ptr<Osk::Channel> channel = create();
-        channel->set_reporter(
-            [&log](const Tamlog::severity_mask& sev, const std::string& text) { log.report(sev, text); });
+        channel->set_reporter([&log, &progress](const Tamlog::severity_mask& sev, const std::string& text) {
+            progress.interrupt();
+            log.report(sev, text);
+        });
 
         bool configured = false;
         try {
@@ -146,29 +220,34 @@ int _run(const Options& options, Osk::HostLog& log) {
                 bool hadProblem = false;
                 boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
                 if (hadProblem) {
-                    std::cerr << "osk-host: " << (options.events == "-" ? "stdin" : options.events) << ":"
-                              << problem.line << ": " << problem.message << "\n";
+                    progress.interrupt();
+                    std::cerr << "osk-host: " << _position(options.events, problem.line) << ": "
+                              << problem.message << "\n";
                     status = 1;
                     if (problem.fatal) break;
+                    ++skipped;
                     continue;
                 }
                 if (!event) break;
                 channel->do_log(event);
                 ++events;
-                if (options.progress && events % 10000 == 0) {
-                    std::cerr << "\rosk-host: " << events << " events" << std::flush;
-                }
+                progress.update(events);
             }
-            if (options.progress) std::cerr << "\r";
+            progress.finish(events);
         }
         channel->do_flush();
         channel->do_shutdown();
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    std::cerr << "osk-host: " << events << " events read, reports: " << log.summary() << ", "
-              << seconds << " s, " << (seconds > 0 ? static_cast<long>(events / seconds) : 0)
-              << " events/s\n";
+    char timing[64];
+    std::snprintf(timing, sizeof timing, "%.3f s, %.0f events/s", seconds,
+                  seconds > 0 ? events / seconds : 0.0);
+    std::cerr << "osk-host: " << events << " events read";
+    if (skipped > 0) std::cerr << " (" << skipped << " skipped)";
+    std::cerr << ", reports: " << log.summary() << ", " << timing;
+    if (const unsigned long kib = _peakKib()) std::cerr << ", peak memory " << kib << " KiB";
+    std::cerr << "\n";
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
 }

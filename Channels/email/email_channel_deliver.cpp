@@ -1,10 +1,13 @@
 // Turning one event into a mail and handing it to the agent.
 
 #include <ctime>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "Channels/email/encode.h"
+#include "Channels/email/string_sink.h"
 #include "Channels/email/email_channel.h"
 #include "Toolkit/Abi.h"
 
@@ -40,8 +43,9 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         std::map<std::string, std::string> values;
         get_extra_header_values(event, headers, values);
 
+        // The values are not needed afterwards: handed over, not copied.
         const std::string mail = EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_,
-                                                          recipients_, subject_, body, values);
+                                                          recipients_, subject_, body, std::move(values));
         if (send_email_ == nullptr) {
             throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                               TAMTK_HERE(_source));
@@ -64,7 +68,9 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
 void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
                             boost::shared_ptr<const Tamtk::Utf8Array> message, std::string& out) {
     try {
-        out.reserve(message->length());
+        // The template's text plus room for the values of its placeholders,
+        // so that the body is rarely moved while it is built.
+        out.reserve(message->length() + 1024);
         // Boost 1.74 crashes iterating an empty expression instead of throwing.
         if (token_expr_.empty()) {
             throw std::invalid_argument("Invalid regular expression object");
@@ -84,9 +90,18 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
             copied = match.second;
             if (token->second.third) {
                 _document_of(*event);
-                std::ostringstream result;
-                Tamxml::transform(result, token->second.third, event->document(), "locale", locale_);
-                out += result.str();
+                // Written straight onto the body; a stylesheet that fails
+                // part-way adds nothing to it.
+                const std::string::size_type mark = out.size();
+                try {
+                    internal::string_sink sink(out);
+                    std::ostream result(&sink);
+                    Tamxml::transform(result, token->second.third, event->document(), "locale",
+                                      locale_);
+                } catch (...) {
+                    out.resize(mark);
+                    throw;
+                }
             } else if (token->second.first) {
                 _document_of(*event);
                 boost::shared_ptr<const Tamtk::Utf8Array> value =

@@ -2,10 +2,10 @@
 
 #include <iterator>
 #include <ostream>
-#include <sstream>
 #include <stdexcept>
 
 #include "Channels/email/make_charset.h"
+#include "Channels/email/string_sink.h"
 #include "NetToolkit/Base64.h"
 #include "NetToolkit/Rfc2047.h"
 #include "NetToolkit/Rfc2822Date.h"
@@ -24,6 +24,11 @@ enum _WrapMode { WrapBody = 0, WrapHeader = 1 };
 // 57 bytes of converted text make 76 Base64 characters: one line.
 const int _pieceLength = 57;
 
+// Lines are gathered and handed to the stream about this many bytes at a
+// time: a stream call for each piece of each line would cost more than the
+// encoding itself.
+const std::size_t _writeChunk = 896;
+
 // Writes `data` as lines of one encoded word each (or plain Base64 when
 // `charset` is null). The cut is by bytes, so a multi-byte character may be
 // split across two words; decoders join adjacent words before decoding.
@@ -32,22 +37,27 @@ std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int
     const char* const end = data + length;
     const char* piece = data;
     bool first = true;
+    std::string lines;
+    lines.reserve(_writeChunk + 96);  // small enough for the allocator's fast path
     do {
         const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
         if (!first && mode == WrapHeader) {
-            out << '\t';
+            lines += '\t';
         }
         if (charset == nullptr) {
-            Tamnet::base64(piece, pieceEnd, std::ostreambuf_iterator<char>(out));
+            Tamnet::base64(piece, pieceEnd, std::back_inserter(lines));
         } else {
-            Tamnet::encodeRfc2047(out, charset, piece, static_cast<unsigned>(pieceEnd - piece),
-                                  encoding);
+            Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
         }
-        out << '\n';
+        lines += '\n';
+        if (lines.size() >= _writeChunk) {
+            out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
+            lines.clear();
+        }
         first = false;
         piece = pieceEnd;
     } while (piece < end);
-    return out;
+    return out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
 }
 
 std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
@@ -63,7 +73,8 @@ std::ostream& encodeSubjectLine(std::ostream& out, const char* charset, const Ta
 }
 
 std::ostream& encodeExtraHeaders(std::ostream& out, const char* charset,
-                                 std::map<std::string, std::string> headers, unsigned int limit) {
+                                 const std::map<std::string, std::string>& headers,
+                                 unsigned int limit) {
     for (const auto& header : headers) {
         out << header.first << ": ";
         const Tamtk::Utf8Array value(header.second.data(), static_cast<unsigned>(header.second.size()));
@@ -87,7 +98,18 @@ std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& f
     if (to.empty()) {
         throw std::out_of_range("vector");
     }
-    std::ostringstream out;
+    // Built in place in the string that is returned. Room is made up front
+    // for the usual header lines and the Base64 body (4 characters for 3
+    // bytes, a line feed per 76), so the text rarely has to move.
+    std::string text;
+    std::size_t headerText = fromName.length() + subject.length();
+    for (const auto& header : extraHeaders) {
+        headerText += header.first.size() + header.second.size();
+    }
+    text.reserve(1024 + 2 * headerText + static_cast<std::size_t>(body.length()) * 77 / 57 + 77);
+    internal::string_sink sink(text);
+    std::ostream out(&sink);
+    out.exceptions(std::ios::badbit);  // a mail cut short must not go out
     out << "To: " << to[0].asRFC821String(false);
     for (std::size_t i = 1; i < to.size(); ++i) {
         out << ",\n\t" << to[i].asRFC821String(false);
@@ -106,7 +128,7 @@ std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& f
         << "Content-Transfer-Encoding: base64\n"
         << '\n';
     encodeBody(out, charset, body);
-    return out.str();
+    return text;
 }
 
 }  // namespace EmailChannel

@@ -2,13 +2,17 @@
 
 #include <iconv.h>
 
+#include <boost/smart_ptr/make_shared_array.hpp>
+
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "Toolkit/Exceptions.h"
 
@@ -144,6 +148,67 @@ CharsetString _make_charset_skipping_invalid(const char* charset, const Tamtk::U
                          static_cast<unsigned>(accumulated.size())};
 }
 
+// Opening a conversion costs about as much as converting a long header
+// line, so each thread keeps one handle per charset it converts to and
+// resets it before every use. Only charsets whose reset handle gives the
+// same bytes as a fresh one are kept (see _resettable); the others get a
+// handle of their own each time, as does any charset past the first few.
+class _KeptHandles {
+public:
+    _KeptHandles() = default;
+    _KeptHandles(const _KeptHandles&) = delete;
+    _KeptHandles& operator=(const _KeptHandles&) = delete;
+    ~_KeptHandles() {
+        for (const Entry& entry : entries_) {
+            if (entry.handle != _badHandle) iconv_close(entry.handle);
+        }
+    }
+
+    // The kept handle for `charset`, or _badHandle when it is not kept.
+    iconv_t get(const char* charset) {
+        for (const Entry& entry : entries_) {
+            if (entry.charset == charset) return entry.handle;
+        }
+        if (entries_.size() >= _maxEntries) {
+            return _badHandle;
+        }
+        iconv_t handle = _resettable(charset) ? iconv_open(charset, "UTF-8") : _badHandle;
+        entries_.push_back(Entry{charset, handle});
+        return handle;
+    }
+
+private:
+    static const std::size_t _maxEntries = 8;
+    struct Entry {
+        std::string charset;
+        iconv_t handle;  // _badHandle: open a fresh one for every conversion
+    };
+    std::vector<Entry> entries_;
+};
+
+thread_local _KeptHandles t_keptHandles;
+
+// The conversion one make_charset call works with: the thread's kept handle
+// where there is one, else a handle of its own that is closed with it.
+class _Conversion {
+public:
+    explicit _Conversion(const char* charset) : handle_(t_keptHandles.get(charset)) {
+        if (handle_ == _badHandle) {
+            own_.reset(new _Iconv(charset));
+            handle_ = own_->get();
+        }
+    }
+    _Conversion(const _Conversion&) = delete;
+    _Conversion& operator=(const _Conversion&) = delete;
+    bool ok() const { return handle_ != _badHandle; }
+    iconv_t get() const { return handle_; }
+    void reset() { iconv(handle_, nullptr, nullptr, nullptr, nullptr); }
+
+private:
+    iconv_t handle_;
+    std::unique_ptr<_Iconv> own_;
+};
+
 bool _is_utf8(const char* charset) {
     static const char utf8[] = "UTF-8";
     for (std::size_t i = 0; i < sizeof utf8; ++i) {
@@ -171,21 +236,24 @@ CharsetString make_charset(const char* charset, const Tamtk::Utf8Array& text, un
         return CharsetString{boost::shared_ptr<const char>(begin, no_cleanup), inLength};
     }
 
-    _Iconv cd(charset);
+    _Conversion cd(charset);
     for (unsigned factor = 2;; ++factor) {
         if (factor > 8) {
             TAMTK_THROW(Tamtk::Exception, _source,
                         "Output data exceeds input data by more a factor of 8");
         }
         const std::size_t capacity = static_cast<std::size_t>(inLength) * factor;
-        boost::shared_ptr<char> output(new char[capacity ? capacity : 1], std::default_delete<char[]>());
+        // One allocation for the bytes and their count, and no clearing.
+        const boost::shared_ptr<char[]> buffer =
+            boost::make_shared_noinit<char[]>(capacity ? capacity : 1);
+        const boost::shared_ptr<const char> output(buffer, buffer.get());
         if (!cd.ok()) {
             return _make_charset_skipping_invalid(charset, text, limit);
         }
         cd.reset();
         char* in = const_cast<char*>(begin);
         size_t inLeft = inLength;
-        char* out = output.get();
+        char* out = buffer.get();
         size_t outLeft = capacity;
         if (iconv(cd.get(), &in, &inLeft, &out, &outLeft) == static_cast<size_t>(-1)) {
             if (errno == E2BIG) {

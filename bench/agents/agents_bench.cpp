@@ -1,11 +1,14 @@
 // Messages per second through the email agents: the SMTP agent to a local
 // aiosmtpd server, with one reused connection and with a new connection per
 // message, and the Maildir agent with and without flushing to disk. The
-// server is Python, so the SMTP figures measure the pair, not the agent alone.
+// server is Python, so the SMTP figures measure the pair, not the agent alone;
+// bench/run sets AGENTS_BENCH_SMTP_URL to time Python's smtplib beside them.
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <memory>
+#include <string>
 
 #include "AgentTestSupport.h"
 #include "Agents/maildir/MaildirAgent.h"
@@ -41,8 +44,15 @@ AgentTest::SmtpTestServer& server() {
     return s;
 }
 
+// A server started by whoever runs the benchmark (bench/run, to time
+// Python's smtplib against the same server in the same run), else our own.
+std::string serverUrl() {
+    const char* external = std::getenv("AGENTS_BENCH_SMTP_URL");
+    return external != nullptr && *external != '\0' ? std::string(external) : server().url();
+}
+
 void smtp(benchmark::State& state, bool reuse) {
-    SmtpSettings settings = SmtpSettings::fromParams({{"url", server().url()}});
+    SmtpSettings settings = SmtpSettings::fromParams({{"url", serverUrl()}});
     settings.reuseConnection = reuse;
     SmtpAgent agent(settings);
     const std::vector<std::string> to = {"ops@example.org"};

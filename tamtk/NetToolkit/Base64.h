@@ -4,6 +4,8 @@
 // need lines cut their input first (57 bytes make a line of 76 characters).
 
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 #include "NetToolkit/BlockEncoder.h"
 
@@ -20,19 +22,46 @@ inline constexpr unsigned Base64PlaceHolder = 64;
 static_assert(sizeof Base64Table == 66 && Base64Table[Base64PlaceHolder] == '=',
               "64 digits and the pad character");
 
+// The two digits of every 12-bit value, first digit first: a group of
+// three bytes is two such values, so it takes two look-ups and two 2-byte
+// copies instead of four look-ups and the shifts and masks around them.
+struct Base64PairTable {
+    char pairs[4096][2];
+    constexpr Base64PairTable() : pairs() {
+        for (unsigned i = 0; i < 4096; ++i) {
+            pairs[i][0] = Base64Table[i >> 6];
+            pairs[i][1] = Base64Table[i & 0x3F];
+        }
+    }
+};
+inline constexpr Base64PairTable Base64Pairs{};
+
 // Encodes `count` bytes into `text`, which has room for 4 * ceil(count / 3)
 // characters, and returns the end of what it wrote.
 inline char* encodeBlock(const unsigned char* bytes, std::size_t count, char* text) noexcept {
     const char* const table = Base64Table;
     const unsigned char* const fullGroups = bytes + (count - count % 3);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    // Two groups per step: one 8-byte load (of which 6 bytes are used, so
+    // it needs 8 in hand) gives four pairs, stored as one 8-byte word.
+    for (; fullGroups - bytes >= 8; bytes += 6, text += 8) {
+        std::uint64_t in;
+        std::memcpy(&in, bytes, 8);
+        in = __builtin_bswap64(in);
+        std::uint16_t pair[4];
+        std::memcpy(&pair[0], Base64Pairs.pairs[(in >> 52) & 0xFFF], 2);
+        std::memcpy(&pair[1], Base64Pairs.pairs[(in >> 40) & 0xFFF], 2);
+        std::memcpy(&pair[2], Base64Pairs.pairs[(in >> 28) & 0xFFF], 2);
+        std::memcpy(&pair[3], Base64Pairs.pairs[(in >> 16) & 0xFFF], 2);
+        const std::uint64_t out = std::uint64_t{pair[0]} | (std::uint64_t{pair[1]} << 16) |
+                                  (std::uint64_t{pair[2]} << 32) | (std::uint64_t{pair[3]} << 48);
+        std::memcpy(text, &out, 8);
+    }
+#endif
     for (; bytes != fullGroups; bytes += 3, text += 4) {
-        const unsigned b0 = bytes[0];
-        const unsigned b1 = bytes[1];
-        const unsigned b2 = bytes[2];
-        text[0] = table[b0 >> 2];
-        text[1] = table[((b0 & 3) << 4) | (b1 >> 4)];
-        text[2] = table[((b1 & 0x0F) << 2) | (b2 >> 6)];
-        text[3] = table[b2 & 0x3F];
+        const unsigned group = (unsigned{bytes[0]} << 16) | (unsigned{bytes[1]} << 8) | bytes[2];
+        std::memcpy(text, Base64Pairs.pairs[group >> 12], 2);
+        std::memcpy(text + 2, Base64Pairs.pairs[group & 0xFFF], 2);
     }
     switch (count % 3) {
         case 1: {

@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <cstring>
+
 #include <memory>
 #include <sstream>
 
@@ -40,6 +42,28 @@ const char* system() noexcept { return "dlfcn (dlopen,dlclose,dlsym,dlerror) Lin
 
 using internal::loader::dlfcn::nullHandle;
 
+namespace {
+
+void* _openBesideToolkit(const char* filename, int mode) {
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void*>(&_openBesideToolkit), &self) == 0 || self.dli_fname == nullptr) {
+        return nullptr;
+    }
+    std::string path(self.dli_fname);
+    const std::string::size_type slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return nullptr;
+    }
+    path.replace(slash + 1, std::string::npos, filename);
+    void* handle = dlopen(path.c_str(), mode);
+    if (handle == nullptr) {
+        dlerror();  // the first attempt's error is the one reported
+    }
+    return handle;
+}
+
+}  // namespace
+
 Loader::Loader(const char* filename, int mode) : handle_(nullHandle) {
     if (!filename || !*filename) {
         _raise("filename is null or zero length", nullptr, TAMTK_HERE_AT(_source, 37));
@@ -47,6 +71,15 @@ Loader::Loader(const char* filename, int mode) : handle_(nullHandle) {
     handle_ = dlopen(filename, mode);
     if (handle_ == nullHandle) {
         const std::string error = _lastError();
+        // A bare file name is also looked for beside the toolkit itself, where
+        // the channel and the agents are installed. The run path normally
+        // does this, but interposed dlopen()s (sanitizers) lose it.
+        if (std::strchr(filename, '/') == nullptr) {
+            handle_ = _openBesideToolkit(filename, mode);
+            if (handle_ != nullHandle) {
+                return;
+            }
+        }
         std::ostringstream message;
         message << "Opening of module " << filename << " failed with error " << error
                 << " (mode=" << mode << ",system=" << internal::loader::dlfcn::system() << ")";

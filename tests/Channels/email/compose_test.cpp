@@ -74,6 +74,31 @@ TEST(MakeCharset, Conversions) {
     }
 }
 
+// Conversions reuse a handle per thread where the charset allows it: each
+// must still give what a fresh handle gives, whatever the one before left.
+TEST(MakeCharset, EachConversionStartsAfresh) {
+    struct Row {
+        const char* charset;
+        std::string before;
+        std::string text;
+        std::string expected;
+    };
+    const Row rows[] = {
+        // The failed whole-text attempt stopped inside the JIS shift.
+        {"ISO-2022-JP", "日😀", "本a", "\x1B$BK\\\x1B(Ba"},
+        {"ISO-2022-JP", "日本", "a", "a"},
+        // A byte order mark at the start of every conversion.
+        {"UTF-16", "x", "ab", std::string("\xFF\xFE" "a\0b\0", 6)},
+        {"ISO-8859-1", "a世", "ü", "\xFC"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.charset) + " after " + row.before);
+        converted(row.charset, row.before);
+        EXPECT_EQ(converted(row.charset, row.text), row.expected);
+        EXPECT_EQ(converted(row.charset, row.text), row.expected);
+    }
+}
+
 TEST(MakeCharset, Utf8OutputIsNotCopied) {
     const Utf8Array text("zero copy");
     EXPECT_EQ(make_charset("UTF-8", text, ~0u).bytes.get(), text.data());

@@ -1,7 +1,6 @@
 #include <sstream>
 
 #include "channel_fixture.h"
-#include "mail_shape.h"
 
 using namespace testing_support;
 
@@ -27,8 +26,22 @@ std::string deliveryConfig(const std::string& message) {
 }
 
 std::string decodedBody(const std::string& mail) {
-    // The body is the Base64 after the blank line.
-    return decodeBase64(mail.substr(mail.find("\n\n") + 2));
+    // The body is the Base64 after the blank line; decode it with the toolkit-independent table.
+    const std::string b64 = mail.substr(mail.find("\n\n") + 2);
+    static const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    int bits = 0, value = 0;
+    for (char c : b64) {
+        const std::string::size_type d = digits.find(c);
+        if (c == '=' || c == '\n' || d == std::string::npos) continue;
+        value = ((value << 6) | static_cast<int>(d)) & 0xFFF;  // only the undelivered bits
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out += static_cast<char>((value >> bits) & 0xFF);
+        }
+    }
+    return out;
 }
 
 }  // namespace

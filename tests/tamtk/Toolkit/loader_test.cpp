@@ -249,3 +249,21 @@ TEST(MultiException, CopiesKeepTheMessagesTheyHad) {
     EXPECT_STREQ(first.what(), "main");
     EXPECT_THROW(throw first, LoaderException);
 }
+
+TEST(ComponentLoader, ABareFileNameIsFoundBesideTheToolkit) {
+    // The test libraries are built into the toolkit's own folder.
+    const std::string path = LOADER_ANSWER_LIB;
+    const std::string bare = path.substr(path.rfind('/') + 1);
+    Loader loader(bare.c_str(), RTLD_NOW);
+    EXPECT_EQ(loader.loadFunction<FunctionPointer<int>>("answer")(), 42);
+    try {
+        Loader missing("libno-such-agent.so", RTLD_NOW);
+        ADD_FAILURE() << "opened a library that does not exist";
+    } catch (const Tamtk::LoaderException& e) {
+        // The error is the one of the name as given, not of the fallback.
+        EXPECT_EQ(std::string(e.what()).rfind("Opening of module libno-such-agent.so failed with error "
+                                              "libno-such-agent.so: ", 0),
+                  0u)
+            << e.what();
+    }
+}

@@ -1,0 +1,196 @@
+#!/usr/bin/python3
+"""osk-host end to end: bad input never crashes the program or loses what
+came before it, and the command line does what --help says."""
+
+import base64
+import os
+import subprocess
+import threading
+import time
+import unittest
+
+from host_harness import (MAILDIR_AGENT, OSK_HOST, TIMEOUT, HostTest, _clean_env, channel_config,
+                          events_xml)
+
+TOKENS = '<Token name="host" xpath="/alarm/host"/>'
+GROUPS = """
+  <EventGroup enabled="yes">
+    <Message>Alert on %host%</Message>
+    <ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>
+    <Event id="1" enabled="yes"/>
+  </EventGroup>"""
+
+
+def maildir_config(**kwargs):
+    return channel_config(MAILDIR_AGENT, [("path", "mail"), ("fsync", "no")], GROUPS,
+                          tokens=TOKENS, **kwargs)
+
+
+def alarm(host):
+    return f"<alarm><host>{host}</host></alarm>"
+
+
+class BadInputTest(HostTest):
+    def bodies(self):
+        return sorted(msg.get_content() for msg in self.maildir())
+
+    def test_broken_event_xml(self):
+        # The break sits right after three good events, well inside one read.
+        events = events_xml((1, alarm("one")), (1, alarm("two")), (1, alarm("three")))
+        events = events.replace("</Events>\n", '<Event id="1"><alarm><host>four</alarm></Event>\n'
+                                               '<Event id="1">' + alarm("five") + "</Event>\n</Events>\n")
+        result = self.host(maildir_config(), events)
+        self.assertEqual(1, result.returncode, result.stderr)
+        self.assertEqual(["Alert on one", "Alert on three", "Alert on two"], self.bodies())
+        self.assertIn(f"osk-host: {self.dir / 'events.xml'}:6: Opening and ending tag mismatch",
+                      result.stderr)
+        self.assertEqual((3, 0, {}), result.summary())
+
+    def test_stream_cut_off_mid_event_on_stdin(self):
+        stream = events_xml((1, alarm("one")), (1, alarm("two")))
+        result = self.host(maildir_config(), stdin=stream[:stream.index("two") + 2])
+        self.assertEqual(1, result.returncode, result.stderr)
+        self.assertEqual(["Alert on one"], self.bodies())
+        self.assertRegex(result.stderr, r"osk-host: stdin:\d+: ")
+
+    def test_external_entity_is_never_read(self):
+        secret = self.write("secret.txt", "TOP-SECRET-4711")
+        events = (f'<?xml version="1.0"?>\n<!DOCTYPE Events [\n'
+                  f'  <!ENTITY leak SYSTEM "file://{secret}">\n'
+                  f'  <!ENTITY near SYSTEM "secret.txt">\n]>\n'
+                  f'<Events>\n<Event id="1">{alarm("a&leak;b")}</Event>\n'
+                  f'<Event id="1">{alarm("&near;")}</Event>\n</Events>\n')
+        result = self.host(maildir_config(), events)
+        self.assertEqual(0, result.returncode, result.stderr)
+        mails = self.maildir()
+        self.assertEqual(2, len(mails))
+        raw = b"".join(p.read_bytes() for p in (self.dir / "mail" / "new").iterdir())
+        for text in (raw, "".join(m.get_content() + str(m["X-Host"]) for m in mails).encode(),
+                     result.stderr.encode()):
+            self.assertNotIn(b"TOP-SECRET", text)
+        self.assertNotIn(base64.b64encode(b"TOP-SECRET")[:12], raw)
+
+    def test_event_ids_that_are_no_numbers(self):
+        events = events_xml((1, alarm("one")), ("abc", alarm("bad")), (1, alarm("two")),
+                            ("", alarm("empty")), (1, alarm("three")))
+        result = self.host(maildir_config(), events)
+        self.assertEqual(1, result.returncode, result.stderr)
+        self.assertEqual(["Alert on one", "Alert on three", "Alert on two"], self.bodies())
+        where = self.dir / "events.xml"
+        self.assertIn(f'osk-host: {where}:4: event without a numeric id (id="abc") skipped',
+                      result.stderr)
+        self.assertIn(f'osk-host: {where}:6: event without a numeric id (id="") skipped',
+                      result.stderr)
+        self.assertEqual((3, 2, {}), result.summary())
+
+    def test_configurations_that_fault(self):
+        good = maildir_config()
+        cases = [
+            ("no sender", good.replace('<Sender name="Überwachung/Ops" email="alerts@example.com"/>', ""),
+             ["configuration failed: pSender", "at email_channel:421 in "]),
+            ("not XML", good[:good.index("<Tokens>")],
+             ["configuration failed: Could not parse XML file", "at XmlToolkit/Document:"]),
+            ("agent missing", good.replace(MAILDIR_AGENT, "/nonexistent/libagent.so"),
+             ["configuration failed: Opening of module ", "/nonexistent/libagent.so"]),
+            ("no agent", good[:good.index("  <EmailAgent")] + "</Channel>\n",
+             ["configuration failed: pEmailAgentList && !pEmailAgentList->empty()",
+              "at email_channel:189 in "]),
+            ("no tokens", good.replace(TOKENS, ""),
+             ["Error reading tokens during configuration", "the channel did not accept"]),
+        ]
+        for name, config, texts in cases:
+            with self.subTest(name):
+                result = self.host(config, events_xml((1, alarm("one"))))
+                self.assertEqual(2, result.returncode, result.stderr)
+                for text in texts:
+                    self.assertIn(text, result.stderr)
+                self.assertEqual(0, result.summary()[0])
+                self.assertEqual([], self.maildir())
+
+
+def _reap(process):
+    if process.poll() is None:
+        process.kill()
+    process.wait()
+    for pipe in (process.stdin, process.stderr):
+        if pipe and not pipe.closed:
+            pipe.close()
+
+
+class CommandLineTest(HostTest):
+    def test_help_explains_options_and_event_format(self):
+        done = subprocess.run([OSK_HOST, "--help"], capture_output=True, text=True, timeout=TIMEOUT)
+        self.assertEqual(0, done.returncode)
+        for text in ("--config FILE", "--events FILE", "--channel PATH", "--syslog IDENT",
+                     "--progress", "<Events>", '<Event id="7">', "Exit status"):
+            self.assertIn(text, done.stdout)
+
+    def test_bad_command_lines(self):
+        for args in (["--bogus"], [], ["--config"], ["--events", "-"]):
+            with self.subTest(args=args):
+                done = subprocess.run([OSK_HOST] + args, capture_output=True, text=True,
+                                      timeout=TIMEOUT)
+                self.assertEqual(64, done.returncode)
+                self.assertIn("Usage: osk-host", done.stderr)
+
+    def test_plugin_that_cannot_be_loaded(self):
+        result = self.host(maildir_config(), events_xml(), args=["--channel", "/nonexistent.so"])
+        self.assertEqual(69, result.returncode)
+        self.assertIn("cannot load /nonexistent.so", result.stderr)
+
+    def test_clean_run_and_summary(self):
+        events = events_xml(*[(1, alarm(f"h{i}")) for i in range(5)], (2, alarm("other")))
+        result = self.host(maildir_config(), events)
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual((6, 0, {}), result.summary())
+        self.assertEqual(5, len(self.maildir()))
+
+    def test_summary_counts_reports_by_severity(self):
+        result = self.host(channel_config(MAILDIR_AGENT, [("path", "/dev/null/mail")], GROUPS,
+                                          tokens=TOKENS),
+                           events_xml((1, alarm("a")), (1, alarm("b")), (7, alarm("c"))))
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual((3, 0, {"warning": 2}), result.summary())
+
+    def test_syslog_option_is_accepted(self):
+        # A run without reports: the system log target is set up but nothing
+        # is written to the machine's log.
+        result = self.host(maildir_config(), events_xml((1, alarm("a"))),
+                           args=["--syslog", "osk-host-e2e"])
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual((1, 0, {}), result.summary())
+
+    def test_progress_shows_a_live_count(self):
+        config = self.write("config.xml", maildir_config())
+        host = subprocess.Popen([OSK_HOST, "--config", str(config), "--events", "-", "--progress"],
+                                stdin=subprocess.PIPE, stderr=subprocess.PIPE, cwd=self.dir,
+                                env=_clean_env(None))
+        self.addCleanup(_reap, host)
+        seen = bytearray()
+
+        def read():
+            for piece in iter(lambda: os.read(host.stderr.fileno(), 4096), b""):
+                seen.extend(piece)
+
+        reader = threading.Thread(target=read, daemon=True)
+        reader.start()
+        host.stdin.write(("<Events>\n" + f'<Event id="1">{alarm("first")}</Event>\n').encode())
+        host.stdin.flush()
+        # The count appears while the stream is still open.
+        deadline = time.monotonic() + TIMEOUT
+        while b"osk-host: 1 events" not in seen and time.monotonic() < deadline:
+            time.sleep(0.02)
+        self.assertIn(b"\rosk-host: 1 events", bytes(seen))
+        self.assertEqual(1, len(self.maildir()))
+        host.stdin.write(("".join(f'<Event id="1">{alarm(i)}</Event>\n' for i in range(3)) +
+                          "</Events>\n").encode())
+        host.stdin.close()
+        self.assertEqual(0, host.wait(TIMEOUT))
+        reader.join(TIMEOUT)
+        text = bytes(seen).decode()
+        self.assertIn("\rosk-host: 4 events\n", text)
+        self.assertIn("osk-host: 4 events read, reports: none, ", text)
+
+
+if __name__ == "__main__":
+    unittest.main()
