@@ -48,6 +48,8 @@ TEST_F(Rfc2822DateTest, WestOfUtcHasANegativeOffset) {
 TEST_F(Rfc2822DateTest, ZoneChangesAreSeenAtOnce) {
     zone("UTC");
     EXPECT_EQ(Tamnet::rfc2822Date(0L), "Thu, 01 Jan 1970 00:00:00 +0000");
+    EXPECT_EQ(Tamnet::rfc2822Date(1709647629L), "Tue, 05 Mar 2024 14:07:09 +0000");
+    // The same second in another zone: a remembered text must not be reused.
     zone("Asia/Kolkata");
     EXPECT_EQ(Tamnet::rfc2822Date(1709647629L), "Tue, 05 Mar 2024 19:37:09 +0530");
 }
