@@ -8,6 +8,23 @@
 
 namespace Osk {
 
+namespace {
+
+// A charset name as MIME registers them: printable ASCII without blanks and
+// without the characters that delimit header parameters and encoded words.
+bool _is_charset_token(const Tamtk::Utf8Array& name) {
+    static const char* const specials = "()<>@,;:\\\"/[]?=";
+    for (const char* p = name.data(); p != name.data() + name.length(); ++p) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c <= 0x20 || c >= 0x7F || std::strchr(specials, c) != nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 bool email_channel::do_configure(const ChannelCfg& cfg) {
     boost::shared_ptr<const std::vector<boost::shared_ptr<const Tamxml::Element>>> p =
         Tamxml::find_elements(cfg.document, Tamxml::XPath("/Channel/Default"));
@@ -103,6 +120,12 @@ void email_channel::get_charset(boost::shared_ptr<const Tamxml::Element> default
         boost::shared_ptr<const Tamtk::Utf8Array> pData = pCharset->value();
         if (!(pData && !pData->empty())) {
             EMAIL_CFG_FAULT("pData && !pData->empty()", 377);
+        }
+        // The name is written into the Content-Type header and into every
+        // encoded word: only a MIME charset token may go there, never a line break.
+        if (!_is_charset_token(*pData)) {
+            throw ConfigException(Tamtk::ExceptionString("Invalid charset name [[ " + pData->str() + " ]]"),
+                                  TAMTK_HERE("email_channel"));
         }
         charset_ = *pData;
         return;

@@ -270,3 +270,34 @@ TEST(Configure, AgentLibraryIsOpenedOnce) {
     ASSERT_TRUE(b.do_configure(config(baseConfig())));
     EXPECT_EQ(a.send_function(), b.send_function());
 }
+
+TEST(Configure, CharsetNamesThatCouldBreakTheHeaderAreRefused) {
+    ScopedEnv tam("TAM_LANG", nullptr), language("LANGUAGE", nullptr);
+    struct Row {
+        const char* attribute;  // as written in the XML
+        bool accepted;
+    };
+    const Row rows[] = {
+        {"ISO-8859-15", true},     {"Shift_JIS", true},     {"x-mac-roman", true},
+        {"UTF-8&#13;", false},     {"UTF-8&#10;Bcc: x@y.z", false}, {"ISO 8859-1", false},
+        {"utf-8&quot;", false},        {"a;b=c", false},        {"UTF-8?B?", false},
+        {"K\xC3\x96I8", false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.attribute);
+        ReportingChannel channel;
+        const std::string xml = replaced(baseConfig(), kCharsets,
+                                         std::string(R"(<Charset enabled="yes" locale="" charset=")") +
+                                             row.attribute + "\"/>");
+        if (row.accepted) {
+            EXPECT_TRUE(channel.do_configure(config(xml)));
+            continue;
+        }
+        try {
+            channel.do_configure(config(xml));
+            ADD_FAILURE() << "accepted";
+        } catch (const Osk::ConfigException& e) {
+            EXPECT_EQ(std::string(e.what()).rfind("Invalid charset name [[ ", 0), 0u) << e.what();
+        }
+    }
+}
