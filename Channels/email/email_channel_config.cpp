@@ -23,6 +23,22 @@ bool _is_charset_token(const Tamtk::Utf8Array& name) {
     return true;
 }
 
+// A header field name: printable ASCII without blanks and without ":". The
+// name is written into the mail as it stands, so anything else could break
+// or add header lines.
+bool _is_field_name(const std::string& name) {
+    if (name.empty()) {
+        return false;
+    }
+    for (const char ch : name) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c <= 0x20 || c >= 0x7F || c == ':') {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 bool email_channel::do_configure(const ChannelCfg& cfg) {
@@ -143,6 +159,10 @@ void email_channel::populate_extra_headers(boost::shared_ptr<const Tamxml::Eleme
         // A header without a name could never be written; refuse the configuration.
         TAMTK_ASSERT(pName, "email_channel");
         const std::string name = pName->value_cast<std::string>();
+        if (!_is_field_name(name)) {
+            throw ConfigException(Tamtk::ExceptionString("Invalid header name [[ " + name + " ]]"),
+                                  TAMTK_HERE("email_channel"));
+        }
 
         extra_headers record;
         if (boost::shared_ptr<const Tamxml::Attr> def = element->attr("default")) {

@@ -301,3 +301,40 @@ TEST(Configure, CharsetNamesThatCouldBreakTheHeaderAreRefused) {
         }
     }
 }
+
+TEST(Configure, HeaderNamesThatCouldBreakTheHeaderAreRefused) {
+    const std::string channelWide = R"(<Header name="X-Host" xpath="/event/host" default="unknown"/>)";
+    const std::string group = R"(<Header name="X-Group" default="g1"/>)";
+    struct Row {
+        std::string from;
+        const char* name;  // as written in the XML
+        bool accepted;
+    };
+    const Row rows[] = {
+        {channelWide, "X-Ticket_Id.2", true},
+        {group, "X-A", true},
+        {channelWide, "X-Host&#10;Bcc", false},
+        {group, "X-Group&#13;&#10;Bcc: x@y.z", false},
+        {group, "X Group", false},
+        {group, "X-Group:", false},
+        {channelWide, "X-Höst", false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ReportingChannel channel;
+        std::string header = row.from;
+        header.replace(header.find('"') + 1, header.find('"', header.find('"') + 1) - header.find('"') - 1,
+                       row.name);
+        const std::string xml = replaced(baseConfig(), row.from, header);
+        if (row.accepted) {
+            EXPECT_TRUE(channel.do_configure(config(xml)));
+            continue;
+        }
+        try {
+            channel.do_configure(config(xml));
+            ADD_FAILURE() << "accepted";
+        } catch (const Osk::ConfigException& e) {
+            EXPECT_EQ(std::string(e.what()).rfind("Invalid header name [[ ", 0), 0u) << e.what();
+        }
+    }
+}
