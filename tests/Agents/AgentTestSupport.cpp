@@ -284,6 +284,15 @@ void SmtpTestServer::kill() {
     }
 }
 
+void SmtpTestServer::waitForExit() {
+    if (pid_ > 0) {
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+    }
+    kill();
+}
+
 void SmtpTestServer::freeze(bool frozen) {
     if (pid_ > 0) {
         ::kill(pid_, frozen ? SIGSTOP : SIGCONT);

@@ -74,6 +74,10 @@ class SmtpTestServer {
     void start();
     // SIGKILL: the server stops wherever it is, as in a crash.
     void kill();
+    // Waits until a server that ends by itself (dieOnce) has ended: its
+    // socket closes before the process is gone, and start() would take a
+    // dying server for one still up.
+    void waitForExit();
     // SIGSTOP / SIGCONT: the server hangs, connections stay open.
     void freeze(bool frozen);
     bool running() const { return pid_ > 0; }

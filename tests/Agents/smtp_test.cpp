@@ -266,6 +266,7 @@ TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
     const std::string text = sendFailure(agent, "a@b", {"c@d"}, "X-Test-Die: yes\n\nbody\n");
     EXPECT_TRUE(contains(text, "may have taken the message already")) << text;
     EXPECT_TRUE(contains(text, "kept in the spool")) << text;
+    server.waitForExit();
     server.start();
     // The retry backoff doubles from one second: on a loaded machine the
     // restarted server may first be met only after 15 s.
