@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "NetToolkit/BlockEncoder.h"
+#include "Toolkit/Export.h"
 
 namespace Tamnet {
 namespace internal {
@@ -36,10 +37,36 @@ struct Base64PairTable {
 };
 inline constexpr Base64PairTable Base64Pairs{};
 
+// The vector encoders, by the instructions they need.
+enum class Kernel { Portable, Avx2, Avx512Vbmi };
+
+// Whether this processor (and its operating system) can run `kernel`.
+TAMTK_API bool kernelSupported(Kernel kernel) noexcept;
+// The fastest kernel this processor runs.
+TAMTK_API Kernel bestKernel() noexcept;
+
+// Encodes the longest run of whole groups from the start of `bytes` that
+// the best kernel takes in its steps, and returns how many bytes that was
+// (a multiple of 3, possibly 0); the caller encodes the rest.
+TAMTK_API std::size_t encodeWide(const unsigned char* bytes, std::size_t count,
+                                 char* text) noexcept;
+// The same with a given kernel; nothing (0) where the processor lacks it.
+TAMTK_API std::size_t encodeWideWith(Kernel kernel, const unsigned char* bytes, std::size_t count,
+                                     char* text) noexcept;
+
+// Below this many bytes the call to a vector kernel costs more than it saves.
+constexpr std::size_t WideMinimum = 48;
+
 // Encodes `count` bytes into `text`, which has room for 4 * ceil(count / 3)
 // characters, and returns the end of what it wrote.
 inline char* encodeBlock(const unsigned char* bytes, std::size_t count, char* text) noexcept {
     const char* const table = Base64Table;
+    if (count >= WideMinimum) {
+        const std::size_t done = encodeWide(bytes, count, text);
+        bytes += done;
+        count -= done;
+        text += done / 3 * 4;
+    }
     const unsigned char* const fullGroups = bytes + (count - count % 3);
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
     // Two groups per step: one 8-byte load (of which 6 bytes are used, so
@@ -92,7 +119,7 @@ constexpr std::size_t encodedLength(std::size_t count) noexcept {
 }
 
 // A multiple of 3, so that only the last block has a partial group.
-constexpr std::size_t BlockBytes = 3 * 256;
+constexpr std::size_t BlockBytes = 3 * 1024;
 
 }  // namespace rfc2045
 }  // namespace internal

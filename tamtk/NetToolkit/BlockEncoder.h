@@ -98,10 +98,16 @@ struct is_byte_pointer
 // Runs `encode(const unsigned char* bytes, std::size_t count, char* text)`,
 // which returns the end of the text it wrote, over the input in blocks of
 // BlockBytes bytes; TextChars is the most text one block can give. Byte
-// pointers are encoded in place, other iterators through a copy.
+// pointers are encoded in place, other iterators through a copy; from byte
+// pointers into a char buffer, the whole input is one block.
 template <std::size_t BlockBytes, std::size_t TextChars, class InputItr, class OutputItr,
           class Encode>
 OutputItr encodeBlocks(InputItr begin, InputItr end, OutputItr out, Encode encode) {
+    if constexpr (is_byte_pointer<InputItr>::value && std::is_same<OutputItr, char*>::value) {
+        // Text for a plain buffer goes straight into it, in one call.
+        return encode(reinterpret_cast<const unsigned char*>(begin),
+                      static_cast<std::size_t>(end - begin), out);
+    }
     char text[TextChars];
     if constexpr (is_byte_pointer<InputItr>::value) {
         const unsigned char* bytes = reinterpret_cast<const unsigned char*>(begin);

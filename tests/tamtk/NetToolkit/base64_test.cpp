@@ -89,4 +89,35 @@ TEST(Base64, RandomInputRoundTripsThroughOpenSSL) {
     }
 }
 
+// Each vector kernel this processor has must write what OpenSSL writes,
+// consume whole groups only and stay inside its buffers (the input is
+// copied to a buffer of its exact size, so that the sanitizers see any read
+// past it), for every length around the step sizes.
+TEST(Base64, VectorKernelsMatchOpenSSL) {
+    using namespace Tamnet::internal::rfc2045;
+    std::mt19937 rng(99);
+    const std::string bytes = randomBytes(rng, 400);
+    for (Kernel kernel : {Kernel::Avx2, Kernel::Avx512Vbmi}) {
+        if (!kernelSupported(kernel)) {
+            continue;
+        }
+        for (std::size_t length = 0; length <= bytes.size(); ++length) {
+            const std::vector<unsigned char> input(bytes.begin(), bytes.begin() + length);
+            std::string text(encodedLength(length) + 1, '#');
+            const std::size_t done = encodeWideWith(kernel, input.data(), length, &text[0]);
+            ASSERT_EQ(done % 3, 0u);
+            ASSERT_LE(done, length);
+            EXPECT_LT(length - done, 64u) << "at most one step is left to the caller";
+            std::string expected(encodedLength(done) + 1, '\0');
+            expected.resize(static_cast<std::size_t>(
+                EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&expected[0]), input.data(),
+                                static_cast<int>(done))));
+            EXPECT_EQ(text.substr(0, done / 3 * 4), expected)
+                << static_cast<int>(kernel) << " at " << length;
+            EXPECT_EQ(text[done / 3 * 4], '#') << "nothing written past the consumed groups";
+        }
+    }
+    EXPECT_TRUE(kernelSupported(bestKernel()));
+}
+
 }  // namespace
