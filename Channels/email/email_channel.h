@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Channels/email/EmailAgent.h"
+#include "Channels/email/token_scan.h"
 #include "NetToolkit/EmailAddr.h"
 #include "Osk/Channel.h"
 #include "Toolkit/Triple.h"
@@ -83,6 +84,8 @@ private:
     EmailChannel::SendEmailFn* send_email_;
     std::map<std::string, std::string> agent_params_;
     boost::regex token_expr_;
+    // The same search as token_expr_, faster, when all token names are plain.
+    internal::token_scan token_scan_;
     EmailChannel::ToList recipients_;
     Tamtk::Utf8Array subject_;
     Tamnet::EmailAddr sender_;

@@ -78,16 +78,16 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
         const char* const begin = message->data();
         const char* const end = begin + message->length();
         const char* copied = begin;
-        for (boost::cregex_iterator it(begin, end, token_expr_), stop; it != stop; ++it) {
-            const boost::csub_match& match = (*it)[0];
-            TokenMap::const_iterator token = tokens_.find(std::string(match.first, match.second));
+        // Fills one placeholder match; false when the match is no token
+        // (extra closing "%" or a token that failed to load), which ends the
+        // message there.
+        const auto fill = [&](const char* matchBegin, const char* matchEnd) {
+            TokenMap::const_iterator token = tokens_.find(std::string(matchBegin, matchEnd));
             if (token == tokens_.end()) {
-                // A match that is no token (extra closing "%" or a token that
-                // failed to load) ends the message here.
-                return;
+                return false;
             }
-            out.append(copied, match.first);
-            copied = match.second;
+            out.append(copied, matchBegin);
+            copied = matchEnd;
             if (token->second.third) {
                 _document_of(*event);
                 // Written straight onto the body; a stylesheet that fails
@@ -111,6 +111,23 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
                 }
             } else {
                 out += token->second.second;
+            }
+            return true;
+        };
+        if (token_scan_.usable()) {
+            const char* matchBegin;
+            const char* matchEnd;
+            for (const char* from = begin; token_scan_.find(from, end, matchBegin, matchEnd);
+                 from = matchEnd) {
+                if (!fill(matchBegin, matchEnd)) {
+                    return;
+                }
+            }
+        } else {
+            for (boost::cregex_iterator it(begin, end, token_expr_), stop; it != stop; ++it) {
+                if (!fill((*it)[0].first, (*it)[0].second)) {
+                    return;
+                }
             }
         }
         out.append(copied, end);

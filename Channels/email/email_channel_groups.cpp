@@ -9,6 +9,7 @@ bool email_channel::get_tokens(boost::shared_ptr<const Tamxml::Element> defaults
     TAMTK_ASSERT(pTokens, "email_channel");
 
     std::string pattern;
+    std::vector<std::string> alternatives;
     for (const auto& element : *pTokens) {
         try {
             boost::shared_ptr<const Tamxml::Attr> pName = element->attr("name");
@@ -22,6 +23,7 @@ bool email_channel::get_tokens(boost::shared_ptr<const Tamxml::Element> defaults
             // its alternative, so its placeholder later cuts a message short.
             pattern += key;
             pattern += "|";
+            alternatives.push_back(key);
 
             Token token;
             auto stylesheet = Tamxml::find_first_element(element, Tamxml::XPath("*[local-name()='stylesheet']"));
@@ -53,6 +55,7 @@ bool email_channel::get_tokens(boost::shared_ptr<const Tamxml::Element> defaults
     }
     pattern += "+";
     token_expr_.assign(pattern, boost::regex::perl);
+    token_scan_.assign(alternatives);
     return true;
 }
 
