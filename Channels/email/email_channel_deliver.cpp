@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "Channels/email/encode.h"
-#include "Channels/email/string_sink.h"
 #include "Channels/email/email_channel.h"
 #include "Toolkit/Abi.h"
 
@@ -92,16 +91,7 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
                 _document_of(*event);
                 // Written straight onto the body; a stylesheet that fails
                 // part-way adds nothing to it.
-                const std::string::size_type mark = out.size();
-                try {
-                    internal::string_sink sink(out);
-                    std::ostream result(&sink);
-                    Tamxml::transform(result, token->second.third, event->document(), "locale",
-                                      locale_);
-                } catch (...) {
-                    out.resize(mark);
-                    throw;
-                }
+                Tamxml::transform(out, token->second.third, event->document(), "locale", locale_);
             } else if (token->second.first) {
                 _document_of(*event);
                 boost::shared_ptr<const Tamtk::Utf8Array> value =

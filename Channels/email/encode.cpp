@@ -19,8 +19,6 @@ const char* const boundary = "---- =_EmailAlerter.Boundary";
 
 namespace {
 
-enum _WrapMode { WrapBody = 0, WrapHeader = 1 };
-
 // 57 bytes of converted text make 76 Base64 characters: one line.
 const int _pieceLength = 57;
 
@@ -29,11 +27,12 @@ const int _pieceLength = 57;
 // encoding itself.
 const std::size_t _writeChunk = 896;
 
-// Writes `data` as lines of one encoded word each (or plain Base64 when
-// `charset` is null). The cut is by bytes, so a multi-byte character may be
-// split across two words; decoders join adjacent words before decoding.
+// Writes a header value as lines of one encoded word each, the lines after
+// the first folded with a tab. The cut is by bytes, so a multi-byte
+// character may be split across two words; decoders join adjacent words
+// before decoding.
 std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int length,
-                   _WrapMode mode, Tamnet::Rfc2047Encoding encoding) {
+                   Tamnet::Rfc2047Encoding encoding) {
     const char* const end = data + length;
     const char* piece = data;
     bool first = true;
@@ -41,14 +40,10 @@ std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int
     lines.reserve(_writeChunk + 96);  // small enough for the allocator's fast path
     do {
         const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
-        if (!first && mode == WrapHeader) {
+        if (!first) {
             lines += '\t';
         }
-        if (charset == nullptr) {
-            Tamnet::base64(piece, pieceEnd, std::back_inserter(lines));
-        } else {
-            Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
-        }
+        Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
         lines += '\n';
         if (lines.size() >= _writeChunk) {
             out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
@@ -63,8 +58,7 @@ std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int
 std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
                                unsigned int limit) {
     const CharsetString converted = make_charset(charset, text, limit);
-    return wrap(out, charset, converted.bytes.get(), static_cast<int>(converted.length), WrapHeader,
-                Tamnet::B);
+    return wrap(out, charset, converted.bytes.get(), static_cast<int>(converted.length), Tamnet::B);
 }
 
 std::ostream& encodeSubjectLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
@@ -83,10 +77,25 @@ std::ostream& encodeExtraHeaders(std::ostream& out, const char* charset,
     return out;
 }
 
-std::ostream& encodeBody(std::ostream& out, const char* charset, const Tamtk::Utf8Array& body) {
+// The body goes straight onto the end of the mail's text: lines of 76
+// Base64 characters, each encoded in place, with no stream in between.
+void encodeBody(std::string& text, const char* charset, const Tamtk::Utf8Array& body) {
     const CharsetString converted = make_charset(charset, body, noLimit);
-    return wrap(out, nullptr, converted.bytes.get(), static_cast<int>(converted.length), WrapBody,
-                Tamnet::B);
+    const char* piece = converted.bytes.get();
+    const char* const end = piece + converted.length;
+    // Even an empty body has its (empty) line.
+    const std::size_t lines =
+        converted.length == 0 ? 1 : (converted.length + _pieceLength - 1) / _pieceLength;
+    const std::size_t start = text.size();
+    text.resize(start + Tamnet::internal::rfc2045::encodedLength(converted.length) + lines);
+    char* out = &text[start];
+    do {
+        const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
+        out = Tamnet::base64(piece, pieceEnd, out);
+        *out++ = '\n';
+        piece = pieceEnd;
+    } while (piece < end);
+    text.resize(static_cast<std::size_t>(out - text.data()));
 }
 
 }  // namespace
@@ -127,7 +136,8 @@ std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& f
         << "Content-Type: text/plain; charset=\"" << charset << "\"\n"
         << "Content-Transfer-Encoding: base64\n"
         << '\n';
-    encodeBody(out, charset, body);
+    // The stream has no buffer of its own: everything written is in `text`.
+    encodeBody(text, charset, body);
     return text;
 }
 

@@ -107,10 +107,19 @@ int _writeToStream(void* context, const char* data, int length) {
     return out ? length : -1;
 }
 
+int _writeToString(void* context, const char* data, int length) {
+    try {
+        static_cast<std::string*>(context)->append(data, static_cast<std::size_t>(length));
+    } catch (...) {
+        return -1;
+    }
+    return length;
+}
+
 // Serialises the result as xsltSaveResultToString would (same encoding
 // choice, same handling of xsl:output), but straight into the stream.
-void _write(std::ostream& out, xmlDocPtr result, xsltStylesheetPtr style,
-            const internal::ErrorScope& errors) {
+void _write(xmlOutputWriteCallback write, void* target, xmlDocPtr result,
+            xsltStylesheetPtr style, const internal::ErrorScope& errors) {
     const xmlChar* encoding = nullptr;
     XSLT_GET_IMPORT_PTR(encoding, style, encoding)
     xmlCharEncodingHandlerPtr encoder = nullptr;
@@ -121,7 +130,7 @@ void _write(std::ostream& out, xmlDocPtr result, xsltStylesheetPtr style,
             encoder = nullptr;
         }
     }
-    xmlOutputBufferPtr buffer = xmlOutputBufferCreateIO(&_writeToStream, nullptr, &out, encoder);
+    xmlOutputBufferPtr buffer = xmlOutputBufferCreateIO(write, nullptr, target, encoder);
     if (buffer == nullptr) {
         TAMTK_THROW(XmlException, _source,
                     "Could not write the transformation result: " << errors.text());
@@ -170,9 +179,12 @@ boost::shared_ptr<Xslt> make_transform(boost::shared_ptr<const Document> documen
     }
 }
 
-void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
-               boost::shared_ptr<const Document> document, const std::string& paramName,
-               const std::string& paramValue) {
+namespace {
+
+// Runs the transformation and hands its serialised result to `write`.
+void _transform(xmlOutputWriteCallback write, void* target, const boost::shared_ptr<const Xslt>& xslt,
+                const boost::shared_ptr<const Document>& document, const std::string& paramName,
+                const std::string& paramValue) {
     if (!xslt) {
         TAMTK_THROW(Tamtk::NullPointerException, _source, "No stylesheet to apply");
     }
@@ -221,7 +233,27 @@ void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
     if (!result || context->state != XSLT_STATE_OK) {
         TAMTK_THROW(XmlException, _source, "Could not apply stylesheet: " << errors.text());
     }
-    _write(out, result.get(), style, errors);
+    _write(write, target, result.get(), style, errors);
+}
+
+}  // namespace
+
+void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
+               boost::shared_ptr<const Document> document, const std::string& paramName,
+               const std::string& paramValue) {
+    _transform(&_writeToStream, &out, xslt, document, paramName, paramValue);
+}
+
+void transform(std::string& out, boost::shared_ptr<const Xslt> xslt,
+               boost::shared_ptr<const Document> document, const std::string& paramName,
+               const std::string& paramValue) {
+    const std::string::size_type mark = out.size();
+    try {
+        _transform(&_writeToString, &out, xslt, document, paramName, paramValue);
+    } catch (...) {
+        out.resize(mark);
+        throw;
+    }
 }
 
 }  // namespace Tamxml

@@ -52,5 +52,10 @@ TAMTK_API boost::shared_ptr<Xslt> make_transform(boost::shared_ptr<const Documen
 TAMTK_API void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
                          boost::shared_ptr<const Document> document, const std::string& paramName,
                          const std::string& paramValue);
+// The same, appending the result to `out`, which is left as it was when the
+// transformation fails.
+TAMTK_API void transform(std::string& out, boost::shared_ptr<const Xslt> xslt,
+                         boost::shared_ptr<const Document> document, const std::string& paramName,
+                         const std::string& paramValue);
 
 }  // namespace Tamxml

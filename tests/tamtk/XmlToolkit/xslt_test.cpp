@@ -33,6 +33,10 @@ std::string run(const boost::shared_ptr<Tamxml::Xslt>& xslt,
                 const std::string& value = "") {
     std::ostringstream out;
     Tamxml::transform(out, xslt, doc, name, value);
+    // The string form appends the same text to what is already there.
+    std::string appended = "kept:";
+    Tamxml::transform(appended, xslt, doc, name, value);
+    EXPECT_EQ(appended, "kept:" + out.str());
     return out.str();
 }
 
@@ -112,6 +116,10 @@ TEST(XmlXslt, RuntimeErrorsCarryLibxsltReportAndPrintNothing) {
     EXPECT_NE(message.find("Could not apply stylesheet"), std::string::npos) << message;
     EXPECT_NE(message.find("stop: h1"), std::string::npos) << message;
     EXPECT_EQ(out.str(), "");
+
+    std::string text = "kept";
+    xmlFailure([&] { Tamxml::transform(text, xslt, parse("<Event/>"), "", ""); });
+    EXPECT_EQ(text, "kept");
 }
 
 TEST(XmlXslt, OneStylesheetFromManyThreads) {
