@@ -1,5 +1,6 @@
 #include "Channels/email/encode.h"
 
+#include <cstring>
 #include <iterator>
 #include <ostream>
 #include <stdexcept>
@@ -21,6 +22,7 @@ namespace {
 
 // 57 bytes of converted text make 76 Base64 characters: one line.
 const int _pieceLength = 57;
+const std::size_t _lineLength = 76;
 
 // Lines are gathered and handed to the stream about this many bytes at a
 // time: a stream call for each piece of each line would cost more than the
@@ -77,25 +79,26 @@ std::ostream& encodeExtraHeaders(std::ostream& out, const char* charset,
     return out;
 }
 
-// The body goes straight onto the end of the mail's text: lines of 76
-// Base64 characters, each encoded in place, with no stream in between.
+// The body goes straight onto the end of the mail's text: its Base64 is
+// written in one piece, then spread into lines of 76 characters in place.
 void encodeBody(std::string& text, const char* charset, const Tamtk::Utf8Array& body) {
     const CharsetString converted = make_charset(charset, body, noLimit);
-    const char* piece = converted.bytes.get();
-    const char* const end = piece + converted.length;
+    const std::size_t encoded = Tamnet::internal::rfc2045::encodedLength(converted.length);
     // Even an empty body has its (empty) line.
-    const std::size_t lines =
-        converted.length == 0 ? 1 : (converted.length + _pieceLength - 1) / _pieceLength;
+    const std::size_t lines = encoded == 0 ? 1 : (encoded + _lineLength - 1) / _lineLength;
     const std::size_t start = text.size();
-    text.resize(start + Tamnet::internal::rfc2045::encodedLength(converted.length) + lines);
-    char* out = &text[start];
-    do {
-        const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
-        out = Tamnet::base64(piece, pieceEnd, out);
-        *out++ = '\n';
-        piece = pieceEnd;
-    } while (piece < end);
-    text.resize(static_cast<std::size_t>(out - text.data()));
+    text.resize(start + encoded + lines);
+    char* const first = &text[start];
+    Tamnet::base64(converted.bytes.get(), converted.bytes.get() + converted.length, first);
+    // From the last line back: each line moves once, never onto text that
+    // has not moved yet.
+    char* to = first + encoded + lines;
+    std::size_t length = encoded - (lines - 1) * _lineLength;
+    for (std::size_t line = lines; line-- > 0; length = _lineLength) {
+        *--to = '\n';
+        to -= length;
+        std::memmove(to, first + line * _lineLength, length);
+    }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <boost/smart_ptr/make_shared_array.hpp>
 
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
@@ -212,7 +211,8 @@ private:
 bool _is_utf8(const char* charset) {
     static const char utf8[] = "UTF-8";
     for (std::size_t i = 0; i < sizeof utf8; ++i) {
-        if (std::toupper(static_cast<unsigned char>(charset[i])) != utf8[i]) {
+        const char c = charset[i];
+        if ((c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c) != utf8[i]) {
             return false;
         }
     }
@@ -224,7 +224,9 @@ bool _is_utf8(const char* charset) {
 CharsetString make_charset(const char* charset, const Tamtk::Utf8Array& text, unsigned int limit) {
     const char* begin = text.data();
     const char* end = begin + text.length();
-    if (limit != noLimit && limit < text.size()) {
+    // No text has more characters than bytes: most are short of the limit
+    // without being counted.
+    if (limit != noLimit && limit < text.length() && limit < text.size()) {
         Tamtk::Utf8Array::const_iterator cut = text.begin();
         std::advance(cut, limit);
         end = text.range(text.begin(), cut).second;

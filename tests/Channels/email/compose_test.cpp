@@ -3,10 +3,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "Channels/email/encode.h"
 #include "Channels/email/make_charset.h"
+#include "NetToolkit/Base64.h"
 #include "channel_fixture.h"
 
 using Osk::EmailChannel::buildEmail;
@@ -177,6 +179,25 @@ TEST(BuildEmail, SubjectAndBodyShapes) {
     ASSERT_EQ(bodyLines.size() - first, 4u);
     for (std::size_t i = first; i < first + 3; ++i) EXPECT_EQ(bodyLines[i].size(), 76u);
     EXPECT_EQ(bodyLines.back(), "eA==");
+
+    // Around every line edge: full lines of 76, a last line of the rest,
+    // together the Base64 of the whole body.
+    for (std::size_t length : {1u, 2u, 3u, 56u, 57u, 58u, 113u, 114u, 115u, 171u, 172u, 1000u}) {
+        std::string text;
+        for (std::size_t i = 0; i < length; ++i) text += static_cast<char>('!' + i % 90);
+        const auto all = lines(mail("s", text));
+        const std::size_t at = std::find(all.begin(), all.end(), "") - all.begin() + 1;
+        ASSERT_EQ(all.size() - at, (length + 56) / 57) << length;
+        std::string joined;
+        for (std::size_t i = at; i < all.size(); ++i) {
+            EXPECT_EQ(all[i].size(), i + 1 < all.size() ? 76u : ((length - 1) % 57 / 3 + 1) * 4)
+                << length << " line " << i - at;
+            joined += all[i];
+        }
+        std::string expected;
+        Tamnet::base64(text.begin(), text.end(), std::back_inserter(expected));
+        EXPECT_EQ(joined, expected) << length;
+    }
 }
 
 TEST(BuildEmail, LimitsCountCharactersBeforeConversion) {
