@@ -24,43 +24,79 @@ namespace {
 const int _pieceLength = 57;
 const std::size_t _lineLength = 76;
 
-// Lines are gathered and handed to the stream about this many bytes at a
+// Lines are gathered and handed to a stream about this many bytes at a
 // time: a stream call for each piece of each line would cost more than the
 // encoding itself.
 const std::size_t _writeChunk = 896;
 
-// Writes a header value as lines of one encoded word each, the lines after
-// the first folded with a tab. The cut is by bytes, so a multi-byte
-// character may be split across two words; decoders join adjacent words
-// before decoding.
+enum _WrapMode { WrapBody = 0, WrapHeader = 1 };
+
+// Appends Base64 lines of 76 characters (the last one shorter; one empty
+// line for no data): the Base64 is written in one piece, then spread into
+// its lines in place, from the last line back, so that each line moves once
+// and never onto text that has not moved yet.
+void _appendBase64Lines(std::string& text, const char* data, std::size_t length) {
+    const std::size_t encoded = Tamnet::internal::rfc2045::encodedLength(length);
+    const std::size_t lines = encoded == 0 ? 1 : (encoded + _lineLength - 1) / _lineLength;
+    const std::size_t start = text.size();
+    text.resize(start + encoded + lines);
+    char* const first = &text[start];
+    Tamnet::base64(data, data + length, first);
+    char* to = first + encoded + lines;
+    std::size_t size = encoded - (lines - 1) * _lineLength;
+    for (std::size_t line = lines; line-- > 0; size = _lineLength) {
+        *--to = '\n';
+        to -= size;
+        std::memmove(to, first + line * _lineLength, size);
+    }
+}
+
+// Writes `data` as lines of one encoded word each (or plain Base64 when
+// `charset` is null), folding with a tab in header mode. The cut is by
+// bytes, so a multi-byte character may be split across two words; decoders
+// join adjacent words before decoding. When the stream writes into a string
+// (as when a mail is built), the lines go straight onto that string.
 std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int length,
-                   Tamnet::Rfc2047Encoding encoding) {
-    const char* const end = data + length;
-    const char* piece = data;
-    bool first = true;
-    std::string lines;
-    lines.reserve(_writeChunk + 96);  // small enough for the allocator's fast path
-    do {
-        const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
-        if (!first) {
-            lines += '\t';
+                   _WrapMode mode, Tamnet::Rfc2047Encoding encoding) {
+    internal::string_sink* const sink = dynamic_cast<internal::string_sink*>(out.rdbuf());
+    std::string local;
+    std::string& lines = sink != nullptr ? sink->target() : local;
+    if (charset == nullptr && mode == WrapBody) {
+        _appendBase64Lines(lines, data, static_cast<std::size_t>(length));
+    } else {
+        if (sink == nullptr) {
+            local.reserve(_writeChunk + 96);  // small enough for the allocator's fast path
         }
-        Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
-        lines += '\n';
-        if (lines.size() >= _writeChunk) {
-            out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
-            lines.clear();
-        }
-        first = false;
-        piece = pieceEnd;
-    } while (piece < end);
-    return out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
+        const char* const end = data + length;
+        const char* piece = data;
+        bool first = true;
+        do {
+            const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
+            if (!first && mode == WrapHeader) {
+                lines += '\t';
+            }
+            if (charset == nullptr) {
+                Tamnet::base64(piece, pieceEnd, std::back_inserter(lines));
+            } else {
+                Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
+            }
+            lines += '\n';
+            if (sink == nullptr && local.size() >= _writeChunk) {
+                out.write(local.data(), static_cast<std::streamsize>(local.size()));
+                local.clear();
+            }
+            first = false;
+            piece = pieceEnd;
+        } while (piece < end);
+    }
+    return sink != nullptr ? out : out.write(local.data(), static_cast<std::streamsize>(local.size()));
 }
 
 std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
                                unsigned int limit) {
     const CharsetString converted = make_charset(charset, text, limit);
-    return wrap(out, charset, converted.bytes.get(), static_cast<int>(converted.length), Tamnet::B);
+    return wrap(out, charset, converted.bytes.get(), static_cast<int>(converted.length), WrapHeader,
+                Tamnet::B);
 }
 
 std::ostream& encodeSubjectLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
@@ -79,26 +115,10 @@ std::ostream& encodeExtraHeaders(std::ostream& out, const char* charset,
     return out;
 }
 
-// The body goes straight onto the end of the mail's text: its Base64 is
-// written in one piece, then spread into lines of 76 characters in place.
-void encodeBody(std::string& text, const char* charset, const Tamtk::Utf8Array& body) {
+std::ostream& encodeBody(std::ostream& out, const char* charset, const Tamtk::Utf8Array& body) {
     const CharsetString converted = make_charset(charset, body, noLimit);
-    const std::size_t encoded = Tamnet::internal::rfc2045::encodedLength(converted.length);
-    // Even an empty body has its (empty) line.
-    const std::size_t lines = encoded == 0 ? 1 : (encoded + _lineLength - 1) / _lineLength;
-    const std::size_t start = text.size();
-    text.resize(start + encoded + lines);
-    char* const first = &text[start];
-    Tamnet::base64(converted.bytes.get(), converted.bytes.get() + converted.length, first);
-    // From the last line back: each line moves once, never onto text that
-    // has not moved yet.
-    char* to = first + encoded + lines;
-    std::size_t length = encoded - (lines - 1) * _lineLength;
-    for (std::size_t line = lines; line-- > 0; length = _lineLength) {
-        *--to = '\n';
-        to -= length;
-        std::memmove(to, first + line * _lineLength, length);
-    }
+    return wrap(out, nullptr, converted.bytes.get(), static_cast<int>(converted.length), WrapBody,
+                Tamnet::B);
 }
 
 }  // namespace
@@ -139,8 +159,7 @@ std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& f
         << "Content-Type: text/plain; charset=\"" << charset << "\"\n"
         << "Content-Transfer-Encoding: base64\n"
         << '\n';
-    // The stream has no buffer of its own: everything written is in `text`.
-    encodeBody(text, charset, body);
+    encodeBody(out, charset, body);
     return text;
 }
 
