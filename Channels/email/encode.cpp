@@ -78,7 +78,8 @@ std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int
             if (charset == nullptr) {
                 Tamnet::base64(piece, pieceEnd, std::back_inserter(lines));
             } else {
-                Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
+                Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines),
+                                      encoding);
             }
             lines += '\n';
             if (sink == nullptr && local.size() >= _writeChunk) {
@@ -89,7 +90,8 @@ std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int
             piece = pieceEnd;
         } while (piece < end);
     }
-    return sink != nullptr ? out : out.write(local.data(), static_cast<std::streamsize>(local.size()));
+    return sink != nullptr ? out
+                           : out.write(local.data(), static_cast<std::streamsize>(local.size()));
 }
 
 std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
@@ -99,8 +101,8 @@ std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tam
                 Tamnet::B);
 }
 
-std::ostream& encodeSubjectLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
-                                unsigned int limit) {
+std::ostream& encodeSubjectLine(std::ostream& out, const char* charset,
+                                const Tamtk::Utf8Array& text, unsigned int limit) {
     return encodeHeaderLine(out, charset, text, limit);
 }
 
@@ -109,7 +111,8 @@ std::ostream& encodeExtraHeaders(std::ostream& out, const char* charset,
                                  unsigned int limit) {
     for (const auto& header : headers) {
         out << header.first << ": ";
-        const Tamtk::Utf8Array value(header.second.data(), static_cast<unsigned>(header.second.size()));
+        const Tamtk::Utf8Array value(header.second.data(),
+                                     static_cast<unsigned>(header.second.size()));
         encodeHeaderLine(out, charset, value, limit);
     }
     return out;

@@ -30,10 +30,10 @@ namespace {
 // index, maps digits to characters.
 __attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t _encodeAvx512Vbmi(
     const unsigned char* bytes, std::size_t count, char* text) noexcept {
-    const __m512i spread = _mm512_setr_epi32(
-        0x01020001, 0x04050304, 0x07080607, 0x0a0b090a, 0x0d0e0c0d, 0x10110f10, 0x13141213,
-        0x16171516, 0x191a1819, 0x1c1d1b1c, 0x1f201e1f, 0x22232122, 0x25262425, 0x28292728,
-        0x2b2c2a2b, 0x2e2f2d2e);
+    const __m512i spread =
+        _mm512_setr_epi32(0x01020001, 0x04050304, 0x07080607, 0x0a0b090a, 0x0d0e0c0d, 0x10110f10,
+                          0x13141213, 0x16171516, 0x191a1819, 0x1c1d1b1c, 0x1f201e1f, 0x22232122,
+                          0x25262425, 0x28292728, 0x2b2c2a2b, 0x2e2f2d2e);
     const __m512i digitOffsets = _mm512_set1_epi64(0x3036242a1016040a);
     const __m512i alphabet = _mm512_loadu_si512(Base64Table);
     // Only the 48 bytes a step encodes are read: the masked load never
@@ -54,7 +54,7 @@ __attribute__((target("avx512f,avx512bw,avx512vbmi"))) std::size_t _encodeAvx512
 // 16-bit multiplies move the digits to byte boundaries; the digit to
 // character map adds one of 14 offsets, picked by range.
 __attribute__((target("avx2"))) std::size_t _encodeAvx2(const unsigned char* bytes,
-                                                         std::size_t count, char* text) noexcept {
+                                                        std::size_t count, char* text) noexcept {
     const __m256i spread = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10,  //
                                             1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
     const __m256i highMask = _mm256_set1_epi32(0x0fc0fc00);
@@ -74,9 +74,9 @@ __attribute__((target("avx2"))) std::size_t _encodeAvx2(const unsigned char* byt
         const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + done + 12));
         const __m256i in = _mm256_shuffle_epi8(
             _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1), spread);
-        const __m256i digits = _mm256_or_si256(
-            _mm256_mulhi_epu16(_mm256_and_si256(in, highMask), highShift),
-            _mm256_mullo_epi16(_mm256_and_si256(in, lowMask), lowShift));
+        const __m256i digits =
+            _mm256_or_si256(_mm256_mulhi_epu16(_mm256_and_si256(in, highMask), highShift),
+                            _mm256_mullo_epi16(_mm256_and_si256(in, lowMask), lowShift));
         __m256i range = _mm256_subs_epu8(digits, _mm256_set1_epi8(51));
         const __m256i upper = _mm256_cmpgt_epi8(_mm256_set1_epi8(26), digits);
         range = _mm256_or_si256(range, _mm256_and_si256(upper, _mm256_set1_epi8(13)));

@@ -118,8 +118,8 @@ int _writeToString(void* context, const char* data, int length) {
 
 // Serialises the result as xsltSaveResultToString would (same encoding
 // choice, same handling of xsl:output), but straight into the stream.
-void _write(xmlOutputWriteCallback write, void* target, xmlDocPtr result,
-            xsltStylesheetPtr style, const internal::ErrorScope& errors) {
+void _write(xmlOutputWriteCallback write, void* target, xmlDocPtr result, xsltStylesheetPtr style,
+            const internal::ErrorScope& errors) {
     const xmlChar* encoding = nullptr;
     XSLT_GET_IMPORT_PTR(encoding, style, encoding)
     xmlCharEncodingHandlerPtr encoder = nullptr;
@@ -182,7 +182,8 @@ boost::shared_ptr<Xslt> make_transform(boost::shared_ptr<const Document> documen
 namespace {
 
 // Runs the transformation and hands its serialised result to `write`.
-void _transform(xmlOutputWriteCallback write, void* target, const boost::shared_ptr<const Xslt>& xslt,
+void _transform(xmlOutputWriteCallback write, void* target,
+                const boost::shared_ptr<const Xslt>& xslt,
                 const boost::shared_ptr<const Document>& document, const std::string& paramName,
                 const std::string& paramValue) {
     if (!xslt) {
