@@ -138,7 +138,7 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
     }
     if (!downSince.empty()) {
         spool_->put(spooled);
-        noteSpooled(false, downSince);
+        noteSpooled(false, false, downSince);
         TAMTK_THROW(DeliveryException, _source,
                     "SMTP agent (" << settings_.url << "): the server could not be reached at "
                                    << "the last attempt (" << downSince
@@ -153,7 +153,8 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
         return;
     }
     if (!settled.temporary.empty() && settled.spoolError.empty() && spool_) {
-        noteSpooled(result.connectionFailure, settled.temporary.front().reason);
+        noteSpooled(result.connectionFailure, result.configurationFault,
+                    settled.temporary.front().reason);
     }
     TAMTK_THROW(DeliveryException, _source, describe(settled, to.size()));
 }
@@ -246,14 +247,18 @@ std::string SmtpAgent::describe(const Settled& s, std::size_t recipients) const 
     return out.str();
 }
 
-void SmtpAgent::noteSpooled(bool connectionFailure, const std::string& reason) {
+void SmtpAgent::noteSpooled(bool connectionFailure, bool configurationFault,
+                            const std::string& reason) {
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
         if (connectionFailure) {
             serverDown_ = true;
             lastFailure_ = reason;
         }
-        if (nextPass_ == _idle) {
+        if (configurationFault) {
+            backoff_ = settings_.retryMax;
+        }
+        if (nextPass_ == _idle || configurationFault) {
             nextPass_ = _Clock::now() + backoff_;
         }
     }
@@ -306,6 +311,9 @@ void SmtpAgent::retryLoop() {
         if (pass.done > 0 && !pass.connectionFailure) {
             backoff_ = settings_.retryFirst;
         }
+        if (pass.configurationFault) {
+            backoff_ = settings_.retryMax;
+        }
         nextPass_ = _Clock::now() + backoff_;
         backoff_ = std::min(backoff_ * 2, settings_.retryMax);
         serverDown_ = pass.connectionFailure;
@@ -349,6 +357,7 @@ SmtpAgent::Pass SmtpAgent::retryPass() {
             }
             if (result.connectionFailure) {
                 pass.connectionFailure = true;
+                pass.configurationFault = result.configurationFault;
                 pass.reason = settled.temporary.empty() ? "" : settled.temporary.front().reason;
                 pass.remaining += names.size() - i - 1;
                 break;

@@ -47,6 +47,7 @@ class SmtpAgent {
         std::size_t remaining = 0;
         std::size_t done = 0;  // delivered or moved to failed/
         bool connectionFailure = false;
+        bool configurationFault = false;
         std::string reason;
     };
 
@@ -61,7 +62,7 @@ class SmtpAgent {
 
     void retryLoop();
     Pass retryPass();
-    void noteSpooled(bool connectionFailure, const std::string& reason);
+    void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason);
     void noteDelivered();
 
     const SmtpSettings settings_;

@@ -82,6 +82,31 @@ void _replace(std::string& text, const std::string& secret) {
     }
 }
 
+// Failures that no retry mends until the operator changes something.
+bool _isConfigurationFault(CURLcode rc) {
+    return rc == CURLE_USE_SSL_FAILED || rc == CURLE_PEER_FAILED_VERIFICATION ||
+           rc == CURLE_SSL_CACERT_BADFILE;
+}
+
+// What the operator should know about a failure beyond libcurl's own words.
+std::string _explain(CURLcode rc, const SmtpSettings& settings) {
+    if (rc == CURLE_USE_SSL_FAILED) {
+        std::string text = " (the server does not offer STARTTLS";
+        if (settings.tlsForCredentials()) {
+            text +=
+                "; the user name and password are sent only over an encrypted connection, so "
+                "nothing was sent; allow_plaintext_auth=yes permits authentication in clear on "
+                "a trusted test network";
+        }
+        return text + ")";
+    }
+    if (rc == CURLE_PEER_FAILED_VERIFICATION || rc == CURLE_SSL_CACERT_BADFILE) {
+        return " (the server's certificate did not verify; check the parameters ca_file and "
+               "verify_peer)";
+    }
+    return "";
+}
+
 bool _isConnectionLoss(int code) {
     return code == 421;  // the server is closing the connection
 }
@@ -140,10 +165,11 @@ SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* 
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl_, CURLOPT_READFUNCTION, _read);
+    const StartTls level = settings_.effectiveStartTls();
     curl_easy_setopt(curl_, CURLOPT_USE_SSL,
-                     settings_.starttls == StartTls::No    ? CURLUSESSL_NONE
-                     : settings_.starttls == StartTls::Try ? CURLUSESSL_TRY
-                                                           : CURLUSESSL_ALL);
+                     level == StartTls::No    ? CURLUSESSL_NONE
+                     : level == StartTls::Try ? CURLUSESSL_TRY
+                                              : CURLUSESSL_ALL);
     curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, settings_.verifyPeer ? 1L : 0L);
     curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, settings_.verifyPeer ? 2L : 0L);
     if (!settings_.caFile.empty()) {
@@ -251,8 +277,10 @@ Attempt SmtpSession::perform(const std::string& from, const std::vector<std::str
         if (error[0] != '\0') {
             curlText += std::string(": ") + error;
         }
+        curlText += _explain(rc, settings_);
     }
     Attempt attempt = judge(rc, to, curlText);
+    attempt.configurationFault = _isConfigurationFault(rc);
     attempt.connections = connections;
     return attempt;
 }

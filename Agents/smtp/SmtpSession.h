@@ -32,6 +32,10 @@ struct Attempt {
     // The link broke after the whole message was sent: the server may have
     // taken it, so a retry may deliver it twice.
     bool possiblyDelivered = false;
+    // Retrying will not help until the configuration or the server's setup
+    // changes (no STARTTLS where it is required, a certificate that does not
+    // verify): retried at the longest pause, not in a loop.
+    bool configurationFault = false;
     // New connections this attempt opened (0 when an open one was reused).
     long connections = 0;
 

@@ -67,7 +67,7 @@ std::string _readPasswordFile(const ParamReader& reader, const std::string& path
 SmtpSettings SmtpSettings::fromParams(const Params& params) {
     ParamReader reader("SMTP agent", params,
                        {"url", "starttls", "verify_peer", "ca_file", "username", "password",
-                        "password_file", "timeout", "spool"});
+                        "password_file", "allow_plaintext_auth", "timeout", "spool"});
     SmtpSettings s;
     s.url = reader.required("url");
     _checkUrl(reader, s.url);
@@ -100,6 +100,15 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     } else if (reader.has("password") || reader.has("password_file")) {
         reader.fail(reader.has("password") ? "password" : "password_file",
                     "is given without \"username\"");
+    }
+
+    s.allowPlaintextAuth = reader.flag("allow_plaintext_auth", false);
+    if (s.hasCredentials() && !s.allowPlaintextAuth && s.starttls == StartTls::No &&
+        s.url.compare(0, 8, "smtps://") != 0) {
+        reader.fail("starttls",
+                    "is \"no\" while a user name and password are given: they would cross the "
+                    "network unencrypted; use starttls=try or required, an smtps:// url, or "
+                    "allow_plaintext_auth=yes on a trusted test network");
     }
 
     s.timeoutMs = reader.milliseconds("timeout", 30, 3600);

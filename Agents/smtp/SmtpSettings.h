@@ -19,6 +19,9 @@ struct SmtpSettings {
     std::string caFile;                 // "ca_file"
     std::string username;               // "username"
     std::string password;               // "password", or read from "password_file"
+    // "allow_plaintext_auth": credentials may cross an unencrypted link. Off,
+    // they never do: with credentials, starttls=try is taken as required.
+    bool allowPlaintextAuth = false;
     long timeoutMs = 30000;             // "timeout", in seconds
     std::string spool;                  // "spool": directory; empty: none
 
@@ -31,6 +34,16 @@ struct SmtpSettings {
     // Throws AgentParamException for unknown names and bad values; the texts
     // never contain the user name or the password.
     static SmtpSettings fromParams(const Params& params);
+
+    bool hasCredentials() const { return !username.empty(); }
+    // STARTTLS is required only because credentials must not go out in clear.
+    bool tlsForCredentials() const {
+        return hasCredentials() && !allowPlaintextAuth && starttls == StartTls::Try;
+    }
+    // The level the connection is held to.
+    StartTls effectiveStartTls() const {
+        return tlsForCredentials() ? StartTls::Required : starttls;
+    }
 };
 
 }  // namespace EmailAgents

@@ -313,12 +313,12 @@ std::vector<SmtpTestServer::Message> SmtpTestServer::messages() const {
     return out;
 }
 
-int SmtpTestServer::connections() const {
+int SmtpTestServer::records(char kind) const {
     int count = 0;
     std::istringstream in(readFile(dir_ / "record"));
     std::string line;
     while (std::getline(in, line)) {
-        count += line.compare(0, 2, "C ") == 0 ? 1 : 0;
+        count += line.size() > 1 && line[0] == kind && line[1] == ' ' ? 1 : 0;
     }
     return count;
 }

@@ -86,9 +86,13 @@ class SmtpTestServer {
     std::string url() const;  // smtp:// or smtps://127.0.0.1:<port>
 
     std::vector<Message> messages() const;
-    int connections() const;
+    int connections() const { return records('C'); }
+    // AUTH commands received, whether they succeeded or not.
+    int authCommands() const { return records('A'); }
 
   private:
+    int records(char kind) const;
+
     Options options_;
     TempDir dir_;
     pid_t pid_ = -1;

@@ -7,6 +7,7 @@ flushed before the server answers, so a test sees what the server took even
 when it is killed before replying:
 
     C <connection>                                   a client connected
+    A <connection>                                   the client sent AUTH
     M <connection> <tls> <auth> <from> <to,to,...> <hex of the data>
 
 <tls> and <auth> are 1 or 0; <from> is "-" for the null sender. The data is
@@ -25,6 +26,7 @@ Scripted refusals:
 
 import argparse
 import asyncio
+import functools
 import os
 import re
 import signal
@@ -102,6 +104,11 @@ class RecordingSMTP(SMTP):
             self.recorder.connections += 1
             self.connection_number = self.recorder.connections
             self.recorder.write("C %d" % self.connection_number)
+
+    @functools.wraps(SMTP.smtp_AUTH)  # keeps aiosmtpd's command syntax marks
+    async def smtp_AUTH(self, arg):
+        self.recorder.write("A %d" % self.connection_number)
+        return await super().smtp_AUTH(arg)
 
 
 def main():

@@ -200,7 +200,8 @@ TEST(SmtpAgent, StartTlsWithAuthPlain) {
         {"starttls", "required"}, {"username", "alerter"}, {"password", "s3cret-Pa55"}};
     SmtpAgent unverified(settingsFor(server.url(), untrusted));
     const std::string tlsText = sendFailure(unverified, "a@b", {"c@d"}, "x\n");
-    EXPECT_TRUE(contains(tlsText, "certificate")) << tlsText;
+    EXPECT_TRUE(contains(tlsText, "certificate did not verify")) << tlsText;
+    EXPECT_TRUE(contains(tlsText, "ca_file")) << tlsText;
     EXPECT_EQ(server.messages().size(), 1u);
 }
 
@@ -220,6 +221,26 @@ TEST(SmtpAgent, ImplicitTlsAndMissingStartTls) {
     SmtpAgent optional(settingsFor(plain.url(), {{"starttls", "try"}}));
     EXPECT_EQ(sendFailure(optional, "a@b", {"c@d"}, "x\n"), "");
     EXPECT_EQ(plain.messages().size(), 1u);
+}
+
+TEST(SmtpAgent, CredentialsNeverCrossAnUnencryptedLink) {
+    SmtpTestServer::Options options;
+    options.auth = "alerter:s3cret-Pa55";  // offered without STARTTLS
+    SmtpTestServer server(options);
+    const Params credentials = {{"username", "alerter"}, {"password", "s3cret-Pa55"}};
+
+    SmtpAgent byDefault(settingsFor(server.url(), credentials));
+    const std::string text = sendFailure(byDefault, "a@b", {"c@d"}, "x\n");
+    EXPECT_TRUE(contains(text, "does not offer STARTTLS")) << text;
+    EXPECT_TRUE(contains(text, "allow_plaintext_auth")) << text;
+    EXPECT_EQ(server.authCommands(), 0);
+
+    Params allowed = credentials;
+    allowed.insert({"allow_plaintext_auth", "yes"});
+    SmtpAgent plaintext(settingsFor(server.url(), allowed));
+    EXPECT_EQ(sendFailure(plaintext, "a@b", {"c@d"}, "x\n"), "");
+    ASSERT_EQ(server.messages().size(), 1u);
+    EXPECT_TRUE(server.messages()[0].auth);
 }
 
 TEST(SmtpAgent, SpooledMessagesAreRetriedOldestFirstWithoutANewAlert) {
@@ -312,6 +333,8 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         {{{"url", "smtp://h"}, {"username", "u"}, {"password_file", dir / "none"}},
          {"\"password_file\"", "cannot be read"}},
         {{{"url", "smtp://h"}, {"spol", "/x"}}, {"unknown parameter \"spol\"", "spool"}},
+        {{{"url", "smtp://h"}, {"starttls", "no"}, {"username", "u"}, {"password", "Hidden-Pa55"}},
+         {"\"starttls\"", "unencrypted", "allow_plaintext_auth"}},
     };
     for (const Case& c : cases) {
         std::string text;
