@@ -19,6 +19,7 @@
 #include "Toolkit/Exceptions.h"
 #include "XmlToolkit/Errors.h"
 #include "XmlToolkit/ParseOptions.h"
+#include "XmlToolkit/RunBound.h"
 
 namespace Tamxml {
 namespace {
@@ -72,6 +73,7 @@ void _initialise() {
         xsltSetSecurityPrefs(_securityPrefs, XSLT_SECPREF_READ_NETWORK, xsltSecurityForbid);
         xsltSetSecurityPrefs(_securityPrefs, XSLT_SECPREF_WRITE_NETWORK, xsltSecurityForbid);
     }
+    internal::installRunHooks();
 }
 
 void _initialiseOnce() {
@@ -96,29 +98,35 @@ struct _ContextFree {
     void operator()(xsltTransformContextPtr context) const { xsltFreeTransformContext(context); }
 };
 
-// Called from inside libxml2: must not let an exception through.
-int _writeToStream(void* context, const char* data, int length) {
-    std::ostream& out = *static_cast<std::ostream*>(context);
-    try {
-        out.write(data, length);
-    } catch (...) {
-        return -1;
-    }
-    return out ? length : -1;
-}
+// Where the serialised result goes, and how much more of it may come.
+struct _Sink {
+    std::string& out;
+    std::size_t bound;
+    std::size_t left;
+    bool over;
+};
 
-int _writeToString(void* context, const char* data, int length) {
+// Called from inside libxml2: must not let an exception through. Refusing a
+// write fails the whole serialisation.
+int _writeToSink(void* context, const char* data, int length) {
+    _Sink& sink = *static_cast<_Sink*>(context);
+    const std::size_t size = static_cast<std::size_t>(length);
+    if (size > sink.left) {
+        sink.over = true;
+        return -1;
+    }
     try {
-        static_cast<std::string*>(context)->append(data, static_cast<std::size_t>(length));
+        sink.out.append(data, size);
     } catch (...) {
         return -1;
     }
+    sink.left -= size;
     return length;
 }
 
 // Serialises the result as xsltSaveResultToString would (same encoding
 // choice, same handling of xsl:output), but straight into the stream.
-void _write(xmlOutputWriteCallback write, void* target, xmlDocPtr result, xsltStylesheetPtr style,
+void _write(_Sink& sink, xmlDocPtr result, xsltStylesheetPtr style,
             const internal::ErrorScope& errors) {
     const xmlChar* encoding = nullptr;
     XSLT_GET_IMPORT_PTR(encoding, style, encoding)
@@ -130,13 +138,18 @@ void _write(xmlOutputWriteCallback write, void* target, xmlDocPtr result, xsltSt
             encoder = nullptr;
         }
     }
-    xmlOutputBufferPtr buffer = xmlOutputBufferCreateIO(write, nullptr, target, encoder);
+    xmlOutputBufferPtr buffer = xmlOutputBufferCreateIO(&_writeToSink, nullptr, &sink, encoder);
     if (buffer == nullptr) {
         TAMTK_THROW(XmlException, _source,
                     "Could not write the transformation result: " << errors.text());
     }
     const int saved = xsltSaveResultTo(buffer, result, style);
     const int closed = xmlOutputBufferClose(buffer);
+    if (sink.over) {
+        TAMTK_THROW(XmlException, _source,
+                    "Could not apply stylesheet: its output passed its bound of "
+                        << sink.bound << " bytes");
+    }
     if (saved < 0 || closed < 0) {
         TAMTK_THROW(XmlException, _source,
                     "Could not write the transformation result: " << errors.text());
@@ -181,11 +194,10 @@ boost::shared_ptr<Xslt> make_transform(boost::shared_ptr<const Document> documen
 
 namespace {
 
-// Runs the transformation and hands its serialised result to `write`.
-void _transform(xmlOutputWriteCallback write, void* target,
-                const boost::shared_ptr<const Xslt>& xslt,
+// Runs the transformation and appends its serialised result to `out`.
+void _transform(std::string& out, const boost::shared_ptr<const Xslt>& xslt,
                 const boost::shared_ptr<const Document>& document, const std::string& paramName,
-                const std::string& paramValue) {
+                const std::string& paramValue, const TransformLimits& limits) {
     if (!xslt) {
         TAMTK_THROW(Tamtk::NullPointerException, _source, "No stylesheet to apply");
     }
@@ -229,31 +241,47 @@ void _transform(xmlOutputWriteCallback write, void* target,
                     "Could not pass parameter '" << paramName << "': " << errors.text());
     }
 
-    _DocHolder result(
-        xsltApplyStylesheetUser(style, source, nullptr, nullptr, nullptr, context.get()));
+    _Sink sink{out, limits.output, limits.output, false};
+    _DocHolder result;
+    {
+        // The result document is freed outside the bound: what the run
+        // returns is the caller's, not the run's.
+        internal::RunBound bound(context.get(), limits.time, limits.memory());
+        result.reset(xsltApplyStylesheetUser(style, source, nullptr, nullptr, nullptr, context.get()));
+        if (bound.stopReason().empty() && result && context->state == XSLT_STATE_OK) {
+            _write(sink, result.get(), style, errors);
+        }
+        if (!bound.stopReason().empty()) {
+            TAMTK_THROW(XmlException, _source,
+                        "Could not apply stylesheet: " << bound.stopReason());
+        }
+    }
     if (!result || context->state != XSLT_STATE_OK) {
         TAMTK_THROW(XmlException, _source, "Could not apply stylesheet: " << errors.text());
     }
-    _write(write, target, result.get(), style, errors);
 }
 
 }  // namespace
 
-void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
-               boost::shared_ptr<const Document> document, const std::string& paramName,
-               const std::string& paramValue) {
-    _transform(&_writeToStream, &out, xslt, document, paramName, paramValue);
-}
-
 void transform(std::string& out, boost::shared_ptr<const Xslt> xslt,
                boost::shared_ptr<const Document> document, const std::string& paramName,
-               const std::string& paramValue) {
+               const std::string& paramValue, const TransformLimits& limits) {
     const std::string::size_type mark = out.size();
     try {
-        _transform(&_writeToString, &out, xslt, document, paramName, paramValue);
+        _transform(out, xslt, document, paramName, paramValue, limits);
     } catch (...) {
         out.resize(mark);
         throw;
+    }
+}
+
+void transform(std::ostream& out, boost::shared_ptr<const Xslt> xslt,
+               boost::shared_ptr<const Document> document, const std::string& paramName,
+               const std::string& paramValue, const TransformLimits& limits) {
+    std::string result;
+    _transform(result, xslt, document, paramName, paramValue, limits);
+    if (!out.write(result.data(), static_cast<std::streamsize>(result.size()))) {
+        TAMTK_THROW(XmlException, _source, "Could not write the transformation result");
     }
 }
 
