@@ -28,6 +28,7 @@ void email_channel::do_shutdown() {
         // Left empty, not reset to UTF-8: a reconfiguration without a matching
         // Charset keeps it empty.
         charset_.clear();
+        stylesheet_limits_ = Tamxml::TransformLimits();
     } catch (...) {
         // Shutting down never fails towards the host.
     }

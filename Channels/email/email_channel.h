@@ -34,7 +34,8 @@ public:
     };
 
     // How a placeholder is filled: XPath over the event, a constant, or a stylesheet.
-    typedef Tamtk::triple<boost::optional<Tamxml::XPath>, std::string, boost::shared_ptr<Tamxml::Xslt>>
+    typedef Tamtk::triple<boost::optional<Tamxml::XPath>, std::string,
+                          boost::shared_ptr<Tamxml::Xslt>>
         Token;
     typedef std::map<std::string, Token> TokenMap;
     typedef std::map<unsigned long, event_group> GroupMap;
@@ -50,6 +51,9 @@ public:
     // Configuration steps, in the order do_configure runs them.
     void load_defaults(boost::shared_ptr<const Tamxml::Element> defaults);
     void get_charset(boost::shared_ptr<const Tamxml::Element> defaults);
+    // The optional Limits element: how long one stylesheet run may take and
+    // how much it may write. Refuses values it cannot use.
+    void get_limits(boost::shared_ptr<const Tamxml::Element> defaults);
     void populate_extra_headers(boost::shared_ptr<const Tamxml::Element> context, const char* path,
                                 HeaderMap& headers);
     void merge_extra_headers(HeaderMap& group, const HeaderMap& defaults);
@@ -77,6 +81,7 @@ public:
     const Tamtk::Utf8Array& sender_name() const { return sender_name_; }
     const Tamtk::Utf8Array& charset() const { return charset_; }
     const char* locale() const { return locale_; }
+    const Tamxml::TransformLimits& stylesheet_limits() const { return stylesheet_limits_; }
 
 private:
     TokenMap tokens_;
@@ -92,6 +97,7 @@ private:
     Tamtk::Utf8Array sender_name_;
     Tamtk::Utf8Array charset_;
     char locale_[64];
+    Tamxml::TransformLimits stylesheet_limits_;
 };
 
 namespace internal {

@@ -5,7 +5,6 @@
 #include "Channels/email/config_fault.h"
 #include "Channels/email/email_channel.h"
 
-
 namespace Osk {
 
 namespace {
@@ -50,6 +49,7 @@ bool email_channel::do_configure(const ChannelCfg& cfg) {
     boost::shared_ptr<const Tamxml::Element> defaults = p->front();
     load_defaults(defaults);
     get_charset(defaults);
+    get_limits(defaults);
 
     HeaderMap defaultHeaders;
     populate_extra_headers(defaults, "ExtraHeaders/*", defaultHeaders);
@@ -140,8 +140,9 @@ void email_channel::get_charset(boost::shared_ptr<const Tamxml::Element> default
         // The name is written into the Content-Type header and into every
         // encoded word: only a MIME charset token may go there, never a line break.
         if (!_is_charset_token(*pData)) {
-            throw ConfigException(Tamtk::ExceptionString("Invalid charset name [[ " + pData->str() + " ]]"),
-                                  TAMTK_HERE("email_channel"));
+            throw ConfigException(
+                Tamtk::ExceptionString("Invalid charset name [[ " + pData->str() + " ]]"),
+                TAMTK_HERE("email_channel"));
         }
         charset_ = *pData;
         return;

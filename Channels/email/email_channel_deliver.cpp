@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Channels/email/encode.h"
 #include "Channels/email/email_channel.h"
+#include "Channels/email/encode.h"
 #include "Toolkit/Abi.h"
 
 namespace Osk {
@@ -43,8 +43,9 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         get_extra_header_values(event, headers, values);
 
         // The values are not needed afterwards: handed over, not copied.
-        const std::string mail = EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_,
-                                                          recipients_, subject_, body, std::move(values));
+        const std::string mail =
+            EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_, recipients_,
+                                     subject_, body, std::move(values));
         if (send_email_ == nullptr) {
             throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                               TAMTK_HERE(_source));
@@ -91,7 +92,8 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
                 _document_of(*event);
                 // Written straight onto the body; a stylesheet that fails
                 // part-way adds nothing to it.
-                Tamxml::transform(out, token->second.third, event->document(), "locale", locale_);
+                Tamxml::transform(out, token->second.third, event->document(), "locale", locale_,
+                                  stylesheet_limits_);
             } else if (token->second.first) {
                 _document_of(*event);
                 boost::shared_ptr<const Tamtk::Utf8Array> value =
@@ -131,7 +133,8 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
     }
 }
 
-void email_channel::get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
+void email_channel::get_extra_header_values(boost::shared_ptr<ChannelEvent> event,
+                                            HeaderMap& headers,
                                             std::map<std::string, std::string>& values) {
     for (const auto& header : headers) {
         if (header.second.xpath) {

@@ -118,7 +118,8 @@ void installRunHooks() {
     // The hooks live in this library: it must stay loaded as long as libxml2
     // and libxslt can call them, even when whoever loaded it lets it go.
     Dl_info self;
-    if (dladdr(reinterpret_cast<void*>(&installRunHooks), &self) != 0 && self.dli_fname != nullptr) {
+    if (dladdr(reinterpret_cast<void*>(&installRunHooks), &self) != 0 &&
+        self.dli_fname != nullptr) {
         dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
     }
     _previousDebug = xsltGenericDebug;
@@ -157,7 +158,8 @@ bool RunBound::admit(std::size_t more) {
     tick();
     if (more > memory_ || held_ > memory_ - more) {
         if (reason_.empty()) {
-            stop("it needed more than its bound of " + std::to_string(memory_) + " bytes of memory");
+            stop("it needed more than its bound of " + std::to_string(memory_) +
+                 " bytes of memory");
         }
         return false;
     }

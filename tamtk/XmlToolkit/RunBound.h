@@ -26,7 +26,7 @@ namespace internal {
 void installRunHooks();
 
 class RunBound {
-  public:
+public:
     RunBound(xsltTransformContextPtr context, std::chrono::milliseconds time, std::size_t memory);
     ~RunBound();
     RunBound(const RunBound&) = delete;
@@ -43,7 +43,7 @@ class RunBound {
     void add(std::size_t more);
     void release(std::size_t less);
 
-  private:
+private:
     void stop(const std::string& reason);
 
     xsltTransformContextPtr context_;

@@ -147,8 +147,8 @@ void _write(_Sink& sink, xmlDocPtr result, xsltStylesheetPtr style,
     const int closed = xmlOutputBufferClose(buffer);
     if (sink.over) {
         TAMTK_THROW(XmlException, _source,
-                    "Could not apply stylesheet: its output passed its bound of "
-                        << sink.bound << " bytes");
+                    "Could not apply stylesheet: its output passed its bound of " << sink.bound
+                                                                                  << " bytes");
     }
     if (saved < 0 || closed < 0) {
         TAMTK_THROW(XmlException, _source,
@@ -247,7 +247,8 @@ void _transform(std::string& out, const boost::shared_ptr<const Xslt>& xslt,
         // The result document is freed outside the bound: what the run
         // returns is the caller's, not the run's.
         internal::RunBound bound(context.get(), limits.time, limits.memory());
-        result.reset(xsltApplyStylesheetUser(style, source, nullptr, nullptr, nullptr, context.get()));
+        result.reset(
+            xsltApplyStylesheetUser(style, source, nullptr, nullptr, nullptr, context.get()));
         if (bound.stopReason().empty() && result && context->state == XSLT_STATE_OK) {
             _write(sink, result.get(), style, errors);
         }

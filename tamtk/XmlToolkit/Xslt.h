@@ -21,7 +21,7 @@ namespace Tamxml {
 // use the network (document(), exsl:document). A stylesheet that tries fails
 // with Tamxml::XmlException naming what was refused.
 class TAMTK_API Xslt {
-  public:
+public:
     // Takes ownership of a compiled stylesheet.
     explicit Xslt(xsltStylesheetPtr style);
     ~Xslt();
@@ -33,7 +33,7 @@ class TAMTK_API Xslt {
     // libxslt does in place.
     bool stripsSpace() const { return stripsSpace_; }
 
-  private:
+private:
     xsltStylesheetPtr style_;
     bool stripsSpace_;
 };
