@@ -13,6 +13,7 @@
 #include <string>
 
 #include "Osk/Channel.h"
+#include "Osk/ConfigCheck.h"
 #include "Osk/EventStream.h"
 #include "Osk/HostLog.h"
 #include "XmlToolkit/Xml.h"
@@ -21,6 +22,7 @@ namespace {
 
 const char* const _usage =
     "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] [--progress]\n"
+    "       osk-host --check --config FILE [--probe] [--channel PATH]\n"
     "\n"
     "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
     "the configuration, do_log for every event, then do_flush and do_shutdown.\n"
@@ -30,6 +32,11 @@ const char* const _usage =
     "  --channel PATH   the plug-in to load (default: the email channel built with this program)\n"
     "  --syslog IDENT   also write reports to the system log under IDENT\n"
     "  --progress       show a live count of events on standard error\n"
+    "  --check          only check the configuration, send nothing: the channel's verdict, tokens\n"
+    "                   that do not load and the messages they cut, placeholders without a token,\n"
+    "                   groups without events, duplicates, the agent and its parameters; one line\n"
+    "                   per finding on standard output; exit 0 clean, 1 warnings, 2 errors\n"
+    "  --probe          with --check, also ask every SMTP relay of the agent's url for EHLO\n"
     "  --help           this text\n"
     "\n"
     "Event stream:\n"
@@ -56,6 +63,8 @@ struct Options {
     std::string channel;
     std::string syslogIdent;
     bool progress = false;
+    bool check = false;
+    bool probe = false;
 };
 
 // The email channel built beside this program: <prefix>/bin/osk-host and <prefix>/lib/.
@@ -95,6 +104,10 @@ bool _parse(int argc, char** argv, Options& options) {
             if (!value(options.syslogIdent)) return false;
         } else if (arg == "--progress") {
             options.progress = true;
+        } else if (arg == "--check") {
+            options.check = true;
+        } else if (arg == "--probe") {
+            options.probe = true;
         } else {
             std::cerr << "osk-host: unknown option " << arg << "\n";
             return false;
@@ -102,6 +115,10 @@ bool _parse(int argc, char** argv, Options& options) {
     }
     if (options.config.empty()) {
         std::cerr << "osk-host: --config is required\n";
+        return false;
+    }
+    if (options.probe && !options.check) {
+        std::cerr << "osk-host: --probe goes with --check\n";
         return false;
     }
     if (options.channel.empty()) {
@@ -259,6 +276,9 @@ int main(int argc, char** argv) {
     if (!_parse(argc, argv, options)) {
         std::cerr << _usage;
         return 64;
+    }
+    if (options.check) {
+        return Osk::checkConfiguration({options.config, options.channel, options.probe}, std::cout);
     }
     Osk::HostLog log(options.syslogIdent);
     return _run(options, log);

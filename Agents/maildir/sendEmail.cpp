@@ -8,5 +8,9 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
                                 const Osk::EmailChannel::ToList& /*to*/, const char* message,
                                 const std::map<std::string, std::string>& params) {
     using namespace Osk::EmailAgents;
-    deliverToMaildir(MaildirSettings::fromParams(params), message);
+    const MaildirSettings settings = MaildirSettings::fromParams(params);
+    if (message == nullptr) {
+        return;  // a check of the parameters only
+    }
+    deliverToMaildir(settings, message);
 }

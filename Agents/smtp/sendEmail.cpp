@@ -8,6 +8,12 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
                                 const char* message,
                                 const std::map<std::string, std::string>& params) {
     using namespace Osk::EmailAgents;
+    if (message == nullptr && to.empty()) {
+        // A check of the parameters only: no agent, so no connection and no
+        // retry of a spool left by an earlier run.
+        SmtpSettings::fromParams(params);
+        return;
+    }
     SmtpAgent& agent = smtpAgentFor(params);
     std::vector<std::string> recipients;
     recipients.reserve(to.size());

@@ -11,6 +11,11 @@
 // `message` is the complete mail (headers and body, line feeds only,
 // NUL-terminated); `params` are the <EmailAgent> parameters of the
 // configuration, passed unchanged. Failures are signalled by exceptions.
+//
+// A call with a null `message` and an empty `to` is a check, made by
+// `osk-host --check`: the agent reads `params` as it would for a delivery
+// and throws what it would throw for them, but sends, writes, connects and
+// starts nothing.
 
 #include <map>
 #include <string>

@@ -25,7 +25,8 @@ std::vector<_Call>& _calls() {
 }  // namespace
 
 OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
-                                const char* message, const std::map<std::string, std::string>& params) {
+                                const char* message,
+                                const std::map<std::string, std::string>& params) {
     auto fail = params.find("fail");
     if (fail != params.end()) {
         if (fail->second == "tamtk") {
@@ -35,6 +36,9 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
             throw std::runtime_error("agent broke");
         }
         throw 7;
+    }
+    if (message == nullptr) {
+        return;  // a check of the parameters: nothing to record
     }
     _Call call;
     call.from = from.asPlainString(false);
@@ -46,9 +50,13 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
     _calls().push_back(call);
 }
 
-OSK_AGENT_EXPORT std::size_t testAgentCallCount() { return _calls().size(); }
+OSK_AGENT_EXPORT std::size_t testAgentCallCount() {
+    return _calls().size();
+}
 
-OSK_AGENT_EXPORT const char* testAgentMessage(std::size_t i) { return _calls().at(i).message.c_str(); }
+OSK_AGENT_EXPORT const char* testAgentMessage(std::size_t i) {
+    return _calls().at(i).message.c_str();
+}
 
 OSK_AGENT_EXPORT const char* testAgentRecipients(std::size_t i) {
     static std::string joined;
@@ -59,4 +67,6 @@ OSK_AGENT_EXPORT const char* testAgentRecipients(std::size_t i) {
     return joined.c_str();
 }
 
-OSK_AGENT_EXPORT void testAgentReset() { _calls().clear(); }
+OSK_AGENT_EXPORT void testAgentReset() {
+    _calls().clear();
+}

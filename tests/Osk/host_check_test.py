@@ -1,0 +1,107 @@
+#!/usr/bin/python3
+"""osk-host --check end to end: one configuration per finding, its lines
+and the exit status (0 clean, 1 warnings, 2 errors), and nothing sent."""
+
+import socket
+import unittest
+
+from host_harness import MAILDIR_AGENT, SMTP_AGENT, HostTest, SmtpServer, channel_config
+
+XSL = 'xmlns:xsl="http://www.w3.org/1999/XSL/Transform"'
+HOST = '<Token name="host" xpath="/alarm/host"/>\n'
+
+
+def stylesheet(name, body):
+    return (f'<Token name="{name}"><xsl:stylesheet version="1.0" {XSL}>{body}'
+            '</xsl:stylesheet></Token>')
+
+
+def group(message, *ids, enabled="yes"):
+    events = "".join(f'<Event id="{i}" enabled="{enabled}"/>' for i in ids)
+    return f'<EventGroup enabled="yes"><Message>{message}</Message>{events}</EventGroup>\n'
+
+
+class CheckTest(HostTest):
+
+    def check(self, config, *args):
+        result = self.host(config, args=("--check",) + args)
+        self.assertFalse((self.dir / "mail").exists(), "the check wrote into the Maildir")
+        self.assertEqual("", result.stderr)
+        return result
+
+    def test_each_finding_and_its_status(self):
+        def maildir(groups=group("Host %host%", 7), tokens=HOST, params=(), defaults=""):
+            return channel_config(MAILDIR_AGENT, [("path", "mail")] + list(params), groups,
+                                  tokens=tokens, defaults_extra=defaults)
+
+        rows = [
+            ("clean", maildir(), 0,
+             ["ok: the channel accepts the configuration", "ok: the agent " + MAILDIR_AGENT]),
+            ("stylesheet that does not compile cuts its template",
+             maildir(group("Host %host% / %s% / end", 7),
+                     HOST + stylesheet("s", '<xsl:template match="/"><xsl:value-of select="(("/>'
+                                       '</xsl:template>')), 1,
+             ["warning: the token %s% (line 14) does not load: its stylesheet does not compile",
+              "warning: the message of the event group at line 16 is cut at %s%: that token does not load"]),
+            ("import refused by the sandbox",
+             maildir(group("%s%", 7), HOST + stylesheet("s", '<xsl:import href="/etc/site.xsl"/>')), 1,
+             ['does not load: its stylesheet has xsl:import href="/etc/site.xsl" (line 14), which is refused',
+              "is cut at %s%"]),
+            ("placeholder naming no token", maildir(group("Host %hots% is down", 7)), 1,
+             ["warning: the message of the event group at line 16 has %hots%, which names no token"]),
+            ("last placeholder followed by a percent sign", maildir(group("Load on %host%% now", 7)), 1,
+             ["is cut at %host%%: the last token's placeholder followed by"]),
+            ("group without an enabled event",
+             maildir(group("Host %host%", 7) + group("never %host%", 8, enabled="no")), 1,
+             ["warning: the event group at line 17 has no enabled event: it never sends mail"]),
+            ("duplicate token and event id",
+             maildir(group("a %host%", 7, 9) + group("b %host%", 7), HOST + '<Token name="host" default="x"/>'), 1,
+             ["warning: the token %host% is defined again at line 14 (first at line 13)",
+              "warning: event id 7 is enabled again at line 17: only the event group at line 16 sends mail"]),
+            ("agent refuses its parameters", maildir(params=[("colour", "blue")]), 2,
+             ["error: the agent " + MAILDIR_AGENT + " refuses its parameters: Maildir agent"]),
+            ("agent library missing",
+             channel_config("/nonexistent/libagent.so", [], group("Host %host%", 7), tokens=HOST), 2,
+             ["error: the channel refuses the configuration: Opening of module",
+              "error: the agent /nonexistent/libagent.so does not load"]),
+            ("bound the channel refuses", maildir(defaults='<Limits stylesheet_seconds="soon"/>'), 2,
+             ["error: the channel refuses the configuration: Invalid Limits/@stylesheet_seconds [[ soon ]]"]),
+            ("no token loads", maildir(tokens='<Token name="x" xpath="(("/>'), 2,
+             ["error: the channel does not take the configuration: no token loads",
+              "warning: the token %x% (line 13) does not load: its xpath does not compile"]),
+            ("not XML", "<Channel><Default>", 2, ["error: the configuration cannot be read"]),
+        ]
+        for name, config, status, expected in rows:
+            with self.subTest(name):
+                result = self.check(config)
+                self.assertEqual(status, result.returncode, result.stdout)
+                for line in expected:
+                    self.assertIn(line, result.stdout)
+                findings = [l for l in result.stdout.splitlines() if l.startswith(("error:", "warning:"))]
+                self.assertEqual(len(findings), len([l for l in expected if not l.startswith("ok:")])
+                                 + result.stdout.count("the channel reports"), result.stdout)
+
+    def test_probe_asks_every_relay_and_sends_nothing(self):
+        server = SmtpServer(self.dir)
+        self.addCleanup(server.stop)
+        with socket.socket() as unused:
+            unused.bind(("127.0.0.1", 0))
+            closed = f"smtp://127.0.0.1:{unused.getsockname()[1]}"
+        rows = [
+            (server.url, 0, [f"ok: the relay {server.url} answers"]),
+            (closed, 2, [f"error: the relay {closed} does not answer: Couldn't connect to server"]),
+        ]
+        for url, status, expected in rows:
+            with self.subTest(url):
+                config = channel_config(SMTP_AGENT, [("url", url), ("starttls", "no")],
+                                        group("Host %host%", 7), tokens=HOST)
+                result = self.check(config, "--probe")
+                self.assertEqual(status, result.returncode, result.stdout)
+                for line in expected:
+                    self.assertIn(line, result.stdout)
+        self.assertEqual([], server.messages())
+        self.assertIn("C ", server.record.read_text())
+
+
+if __name__ == "__main__":
+    unittest.main()
