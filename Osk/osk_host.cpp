@@ -21,7 +21,8 @@
 namespace {
 
 const char* const _usage =
-    "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] [--progress]\n"
+    "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] "
+    "[--progress]\n"
     "       osk-host --check --config FILE [--probe] [--channel PATH]\n"
     "\n"
     "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
@@ -95,13 +96,17 @@ bool _parse(int argc, char** argv, Options& options) {
             std::cout << _usage;
             std::exit(0);
         } else if (arg == "--config") {
-            if (!value(options.config)) return false;
+            if (!value(options.config))
+                return false;
         } else if (arg == "--events") {
-            if (!value(options.events)) return false;
+            if (!value(options.events))
+                return false;
         } else if (arg == "--channel") {
-            if (!value(options.channel)) return false;
+            if (!value(options.channel))
+                return false;
         } else if (arg == "--syslog") {
-            if (!value(options.syslogIdent)) return false;
+            if (!value(options.syslogIdent))
+                return false;
         } else if (arg == "--progress") {
             options.progress = true;
         } else if (arg == "--check") {
@@ -137,16 +142,19 @@ public:
     explicit Progress(bool enabled) : enabled_(enabled), shown_(false), drawnOnce_(false) {}
 
     void update(unsigned long events) {
-        if (!enabled_) return;
+        if (!enabled_)
+            return;
         const auto now = std::chrono::steady_clock::now();
-        if (drawnOnce_ && now - drawn_ < std::chrono::milliseconds(200)) return;
+        if (drawnOnce_ && now - drawn_ < std::chrono::milliseconds(200))
+            return;
         draw(events);
         drawn_ = now;
         drawnOnce_ = true;
     }
     // Leaves the final count on its own line.
     void finish(unsigned long events) {
-        if (!enabled_) return;
+        if (!enabled_)
+            return;
         draw(events);
         interrupt();
     }
@@ -175,11 +183,13 @@ private:
 // the parent had resident when it started us.
 unsigned long _peakKib() {
     std::FILE* status = std::fopen("/proc/self/status", "r");
-    if (status == nullptr) return 0;
+    if (status == nullptr)
+        return 0;
     char line[256];
     unsigned long kib = 0;
     while (std::fgets(line, sizeof line, status) != nullptr) {
-        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1) break;
+        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1)
+            break;
     }
     std::fclose(status);
     return kib;
@@ -187,7 +197,8 @@ unsigned long _peakKib() {
 
 std::string _position(const std::string& events, int line) {
     std::string where = events == "-" ? "stdin" : events;
-    if (line > 0) where += ":" + std::to_string(line);
+    if (line > 0)
+        where += ":" + std::to_string(line);
     return where;
 }
 
@@ -210,10 +221,11 @@ int _run(const Options& options, Osk::HostLog& log) {
     const auto started = std::chrono::steady_clock::now();
     {
         boost::shared_ptr<Osk::Channel> channel = create();
-        channel->set_reporter([&log, &progress](const Tamlog::severity_mask& sev, const std::string& text) {
-            progress.interrupt();
-            log.report(sev, text);
-        });
+        channel->set_reporter(
+            [&log, &progress](const Tamlog::severity_mask& sev, const std::string& text) {
+                progress.interrupt();
+                log.report(sev, text);
+            });
 
         bool configured = false;
         try {
@@ -223,7 +235,8 @@ int _run(const Options& options, Osk::HostLog& log) {
                 std::cerr << "osk-host: the channel did not accept " << options.config << "\n";
             }
         } catch (const Tamtk::Exception& e) {
-            std::cerr << "osk-host: configuration failed: " << e.what() << "\n  at " << e.location() << "\n";
+            std::cerr << "osk-host: configuration failed: " << e.what() << "\n  at " << e.location()
+                      << "\n";
         } catch (const std::exception& e) {
             std::cerr << "osk-host: configuration failed: " << e.what() << "\n";
         }
@@ -241,11 +254,13 @@ int _run(const Options& options, Osk::HostLog& log) {
                     std::cerr << "osk-host: " << _position(options.events, problem.line) << ": "
                               << problem.message << "\n";
                     status = 1;
-                    if (problem.fatal) break;
+                    if (problem.fatal)
+                        break;
                     ++skipped;
                     continue;
                 }
-                if (!event) break;
+                if (!event)
+                    break;
                 channel->do_log(event);
                 ++events;
                 progress.update(events);
@@ -261,9 +276,11 @@ int _run(const Options& options, Osk::HostLog& log) {
     std::snprintf(timing, sizeof timing, "%.3f s, %.0f events/s", seconds,
                   seconds > 0 ? events / seconds : 0.0);
     std::cerr << "osk-host: " << events << " events read";
-    if (skipped > 0) std::cerr << " (" << skipped << " skipped)";
+    if (skipped > 0)
+        std::cerr << " (" << skipped << " skipped)";
     std::cerr << ", reports: " << log.summary() << ", " << timing;
-    if (const unsigned long kib = _peakKib()) std::cerr << ", peak memory " << kib << " KiB";
+    if (const unsigned long kib = _peakKib())
+        std::cerr << ", peak memory " << kib << " KiB";
     std::cerr << "\n";
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
