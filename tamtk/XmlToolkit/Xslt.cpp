@@ -244,8 +244,7 @@ void _transform(std::string& out, const boost::shared_ptr<const Xslt>& xslt,
     _Sink sink{out, limits.output, limits.output, false};
     _DocHolder result;
     {
-        // The result document is freed outside the bound: what the run
-        // returns is the caller's, not the run's.
+        // Serialising is part of the run: its time and memory count too.
         internal::RunBound bound(context.get(), limits.time, limits.memory());
         result.reset(
             xsltApplyStylesheetUser(style, source, nullptr, nullptr, nullptr, context.get()));
