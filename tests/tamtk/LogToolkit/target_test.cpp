@@ -144,6 +144,11 @@ TEST(StreamTarget, WritesOneLineWithNamesTextAndLocation) {
         << "an empty function text is left out";
 
     out.str("");
+    t.sendlog(sev::warning, Tamtk::Location(), "report_error", "disk full");
+    EXPECT_EQ(out.str(), "EVENT: report_error SEV: warning WHY: disk full\n")
+        << "a record of unknown origin carries no location";
+
+    out.str("");
     t.sendlog(sev::no_sev, here, "ignored", "not accepted");
     EXPECT_EQ(out.str(), "") << "a record the target does not accept is dropped";
 }
