@@ -27,7 +27,7 @@ SANITIZED = os.environ.get("OSK_SANITIZED", "OFF").upper() in ("ON", "1", "TRUE"
 TIMEOUT = 120 if SANITIZED else 60
 
 SUMMARY = re.compile(
-    r"^osk-host: (\d+) events read(?: \((\d+) skipped\))?, reports: (.+?), "
+    r"^osk-host: (\d+) events read(?: \((\d+) skipped\))?, lost alerts: (\d+), reports: (.+?), "
     r"(\d+\.\d{3}) s, (\d+) events/s(?:, peak memory (\d+) KiB)?$", re.M)
 
 
@@ -42,7 +42,7 @@ class HostResult:
         lines = SUMMARY.findall(self.stderr)
         if len(lines) != 1:
             raise AssertionError("expected one summary line in:\n" + self.stderr)
-        read, skipped, reports = lines[0][:3]
+        read, skipped, _, reports = lines[0][:4]
         counts = {}
         if reports != "none":
             for part in reports.split(", "):
@@ -50,9 +50,13 @@ class HostResult:
                 counts[severity] = int(n)
         return int(read), int(skipped or 0), counts
 
+    def lost(self):
+        """The alerts the closing line counts as lost."""
+        return int(SUMMARY.findall(self.stderr)[0][2])
+
     def peak_kib(self):
         """The host's own peak resident size, from the closing line."""
-        peak = SUMMARY.findall(self.stderr)[0][5]
+        peak = SUMMARY.findall(self.stderr)[0][6]
         if not peak:
             raise AssertionError("no peak memory in the summary:\n" + self.stderr)
         return int(peak)

@@ -149,8 +149,9 @@ class CommandLineTest(HostTest):
         result = self.host(channel_config(MAILDIR_AGENT, [("path", "/dev/null/mail")], GROUPS,
                                           tokens=TOKENS),
                            events_xml((1, alarm("a")), (1, alarm("b")), (7, alarm("c"))))
-        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual(3, result.returncode, result.stderr)
         self.assertEqual((3, 0, {"warning": 2}), result.summary())
+        self.assertEqual(2, result.lost())
 
     def test_syslog_option_is_accepted(self):
         # A run without reports: the system log target is set up but nothing
@@ -189,7 +190,7 @@ class CommandLineTest(HostTest):
         reader.join(TIMEOUT)
         text = bytes(seen).decode()
         self.assertIn("\rosk-host: 4 events\n", text)
-        self.assertIn("osk-host: 4 events read, reports: none, ", text)
+        self.assertIn("osk-host: 4 events read, lost alerts: 0, reports: none, ", text)
 
 
 if __name__ == "__main__":
