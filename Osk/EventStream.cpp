@@ -350,16 +350,24 @@ void EventStream::take(xmlNodePtr element) {
                  line});
         return;
     }
+    // The document is moved out of the parser's tree, not copied: an event
+    // near the bounds then needs its tree once, not twice. Its names and
+    // short texts live in the parser's dictionary, which the new document
+    // shares; namespaces declared above it are declared again on its root.
     xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
     if (doc == nullptr) {
         throw std::bad_alloc();
     }
-    xmlNodePtr copy = xmlDocCopyNode(child, doc, 1);
-    if (copy == nullptr) {
+    if (parser_->dict != nullptr) {
+        doc->dict = parser_->dict;
+        xmlDictReference(doc->dict);
+    }
+    xmlUnlinkNode(child);
+    xmlDocSetRootElement(doc, child);
+    if (xmlReconciliateNs(doc, child) < 0) {
         xmlFreeDoc(doc);
         throw std::bad_alloc();
     }
-    xmlDocSetRootElement(doc, copy);
     boost::shared_ptr<const Tamxml::Document> document = Tamxml::Document::adopt(doc);
     ready_.push_back(
         Item{boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, document)), Problem{}, line});

@@ -45,7 +45,11 @@ std::vector<std::string> readAll(const std::string& content,
                 break;
             boost::shared_ptr<const Tamtk::Utf8Array> text =
                 Tamxml::find_first_value(event->document(), "string(/*)");
-            seen.push_back(std::to_string(event->id()) + ":" + (text ? text->str() : ""));
+            boost::shared_ptr<const Tamtk::Utf8Array> ns =
+                Tamxml::find_first_value(event->document(), "namespace-uri(/*)");
+            seen.push_back(std::to_string(event->id()) + ":" +
+                           (ns && ns->length() ? "{" + ns->str() + "}" : "") +
+                           (text ? text->str() : ""));
         }
     }
     unlink(path);
@@ -60,10 +64,12 @@ int countEvents(const std::vector<std::string>& seen) {
 }
 
 TEST(EventStream, DeliversEveryEventInOrder) {
-    EXPECT_EQ((std::vector<std::string>{"1:a", "22:b", "3:c"}),
-              readAll("<?xml version='1.0'?>\n<Events>\n<Event id='1'><x>a</x></Event>"
-                      "<Event id='22'><y>b</y></Event>\n<!-- c -->\n"
-                      "<Event id='3'>\n  <z>c</z>\n</Event>\n</Events>\n"));
+    EXPECT_EQ(
+        (std::vector<std::string>{"1:a", "22:b", "3:c", "4:{urn:a}d"}),
+        readAll(
+            "<?xml version='1.0'?>\n<Events xmlns:a='urn:a'>\n<Event id='1'><x>a</x></Event>"
+            "<Event id='22'><y>b</y></Event>\n<!-- c -->\n"
+            "<Event id='3'>\n  <z>c</z>\n</Event>\n<Event id='4'><a:z>d</a:z></Event></Events>\n"));
 }
 
 // Whatever point a stream breaks off at, every event whose end tag came
