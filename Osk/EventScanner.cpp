@@ -9,6 +9,12 @@ namespace Osk {
 
 namespace {
 
+// The push parser holds a tag, comment, CDATA section or processing
+// instruction whole in its buffer, with whatever it has not discarded yet in
+// front of it, and stops the stream when that passes XML_MAX_LOOKUP_LIMIT.
+// Text is parsed as it comes and may reach XML_MAX_TEXT_LENGTH.
+const std::size_t _wholeLimit = XML_MAX_LOOKUP_LIMIT - 1000000;
+
 bool _blank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
@@ -160,7 +166,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                     closeMarkup();
                 } else {
                     marks_ = c == '-' ? marks_ + 1 : 0;
-                    checkRun(run_, XML_MAX_TEXT_LENGTH, "a comment");
+                    checkRun(run_, _wholeLimit, "a comment");
                 }
                 break;
             case cdataOpen:
@@ -174,7 +180,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                     closeMarkup();
                 } else {
                     marks_ = c == ']' ? marks_ + 1 : 0;
-                    checkRun(run_, XML_MAX_TEXT_LENGTH, "a CDATA section");
+                    checkRun(run_, _wholeLimit, "a CDATA section");
                 }
                 break;
             case pi:
@@ -182,7 +188,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                     closeMarkup();
                 } else {
                     marks_ = c == '?' ? 1 : 0;
-                    checkRun(run_, XML_MAX_TEXT_LENGTH, "a processing instruction");
+                    checkRun(run_, _wholeLimit, "a processing instruction");
                 }
                 break;
             case decl:
@@ -211,7 +217,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                 if (quote_ != 0) {
                     if (c == quote_)
                         quote_ = 0;
-                    checkRun(run_, XML_MAX_TEXT_LENGTH, "an attribute value");
+                    checkRun(run_, _wholeLimit, "an attribute value");
                 } else if (c == '"' || c == '\'') {
                     quote_ = c;
                     name_ = 0;
@@ -231,7 +237,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                         lastInTag_ = c;
                     name_ = _nameEnd(c) ? 0 : name_ + 1;
                     checkRun(name_, XML_MAX_NAME_LENGTH, "a name");
-                    checkRun(run_, XML_MAX_TEXT_LENGTH, "a tag");
+                    checkRun(run_, _wholeLimit, "a tag");
                 }
                 break;
             case endTag:

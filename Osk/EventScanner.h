@@ -11,8 +11,9 @@ namespace Osk {
 // parser never builds a tree of it and memory stays near the bound however
 // large the event. Besides the host's own bounds, an event is dropped where
 // libxml2 (without XML_PARSE_HUGE, which would also lift its guards against
-// entity expansion) would stop the whole stream: a text, attribute value or
-// comment over XML_MAX_TEXT_LENGTH, a name over XML_MAX_NAME_LENGTH, or
+// entity expansion) would stop the whole stream: a text over
+// XML_MAX_TEXT_LENGTH, a tag, comment, CDATA section or processing
+// instruction near XML_MAX_LOOKUP_LIMIT, a name over XML_MAX_NAME_LENGTH, or
 // elements nested deeper than the parser allows.
 //
 // The scanner understands just enough XML to find where elements start and
