@@ -13,6 +13,7 @@ import shutil
 import subprocess
 import tempfile
 import threading
+import time
 import unittest
 
 OSK_HOST = os.environ.get("OSK_HOST", "")
@@ -94,6 +95,13 @@ class HostTest(unittest.TestCase):
         return HostResult(done.returncode, done.stdout.decode("utf-8", "replace"),
                           done.stderr.decode("utf-8", "replace"))
 
+    def live_host(self, config, args=(), stderr_limit=None):
+        """osk-host reading standard input from the test as it goes; see LiveHost."""
+        host = LiveHost([OSK_HOST, "--config", str(self.write("config.xml", config)), "--events", "-"]
+                        + list(args), self.dir, stderr_limit)
+        self.addCleanup(host.reap)
+        return host
+
     def maildir(self, name="mail"):
         """The messages delivered into the Maildir `name`, parsed."""
         new = self.dir / name / "new"
@@ -101,6 +109,57 @@ class HostTest(unittest.TestCase):
 
     def assertNoMailDefects(self, msg):
         self.assertEqual([], msg.defects, msg.as_string())
+
+
+class LiveHost:
+    """A running osk-host: the test writes its events with send() while a
+    thread collects standard error into `seen`. With `stderr_limit`, the
+    thread closes standard error after that many bytes, like `| head -c`."""
+
+    def __init__(self, command, cwd, stderr_limit=None):
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.PIPE, cwd=cwd, env=_clean_env(None))
+        self.seen = bytearray()
+        self.reader = threading.Thread(target=self._read, args=(stderr_limit,), daemon=True)
+        self.reader.start()
+
+    def _read(self, limit):
+        pipe = self.process.stderr
+        for piece in iter(lambda: os.read(pipe.fileno(), 4096), b""):
+            self.seen.extend(piece)
+            if limit is not None and len(self.seen) >= limit:
+                break
+        pipe.close()
+
+    def send(self, text):
+        self.process.stdin.write(text.encode())
+        self.process.stdin.flush()
+
+    def wait_for(self, condition):
+        """Waits (up to TIMEOUT) until condition() holds; returns whether it did."""
+        deadline = time.monotonic() + TIMEOUT
+        while not condition() and time.monotonic() < deadline:
+            time.sleep(0.02)
+        return condition()
+
+    def finish(self, text=""):
+        """Sends the rest of the stream, closes it; osk-host's exit status."""
+        if text:
+            self.send(text)
+        self.process.stdin.close()
+        status = self.process.wait(TIMEOUT)
+        self.reader.join(TIMEOUT)
+        return status
+
+    def stderr(self):
+        return bytes(self.seen).decode("utf-8", "replace")
+
+    def reap(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        if not self.process.stdin.closed:
+            self.process.stdin.close()
 
 
 def _clean_env(extra):
