@@ -127,11 +127,15 @@ class CommandLineTest(HostTest):
         done = subprocess.run([OSK_HOST, "--help"], capture_output=True, text=True, timeout=TIMEOUT)
         self.assertEqual(0, done.returncode)
         for text in ("--config FILE", "--events FILE", "--channel PATH", "--syslog IDENT",
-                     "--progress", "<Events>", '<Event id="7">', "Exit status"):
+                     "--progress", "--max-event-size BYTES", "--max-event-nodes COUNT", "<Events>",
+                     '<Event id="7">', "An alert is lost when", "SIGTERM", "Exit status",
+                     "3 an alert was lost"):
             self.assertIn(text, done.stdout)
 
     def test_bad_command_lines(self):
-        for args in (["--bogus"], [], ["--config"], ["--events", "-"]):
+        for args in (["--bogus"], [], ["--config"], ["--events", "-"],
+                     ["--config", "c.xml", "--max-event-size", "0"],
+                     ["--config", "c.xml", "--max-event-nodes", "1e6"]):
             with self.subTest(args=args):
                 done = subprocess.run([OSK_HOST] + args, capture_output=True, text=True,
                                       timeout=TIMEOUT)
