@@ -263,6 +263,13 @@ void EventStream::_onStart(void* context, const xmlChar* localname, const xmlCha
                            int attributeCount, int defaultedCount, const xmlChar** attributes) {
     xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
     EventStream& self = _stream(context);
+    if (parser != self.parser_) {
+        // The content of an entity, parsed in a context of its own that
+        // inherits our hooks: it belongs to the event, it is none.
+        xmlSAX2StartElementNs(context, localname, prefix, uri, namespaceCount, namespaces,
+                              attributeCount, defaultedCount, attributes);
+        return;
+    }
     if (parser->nodeNr == 0 && !_is(localname, "Events")) {
         self.fail("the stream's root element must be Events, not " + _text(localname),
                   self.parserLine());
@@ -280,7 +287,7 @@ void EventStream::_onEnd(void* context, const xmlChar* localname, const xmlChar*
                          const xmlChar* uri) {
     xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
     xmlSAX2EndElementNs(context, localname, prefix, uri);
-    if (parser->nodeNr != 1 || parser->node == nullptr) {
+    if (parser != _stream(context).parser_ || parser->nodeNr != 1 || parser->node == nullptr) {
         return;
     }
     // A child of Events is complete: hand it on, then drop everything the

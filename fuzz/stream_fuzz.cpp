@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -80,7 +81,9 @@ bool _oracle(const uint8_t* data, size_t size, std::vector<std::string>& seen) {
         xmlFree(id);
         xmlNodePtr body = child->children;
         while (body && body->type != XML_ELEMENT_NODE) body = body->next;
-        const bool numeric = !text.empty() && text.size() < 20 &&
+        errno = 0;
+        std::strtoul(text.c_str(), nullptr, 10);
+        const bool numeric = !text.empty() && errno == 0 &&
                              text.find_first_not_of("0123456789") == std::string::npos;
         if (xmlStrcmp(child->name, BAD_CAST "Event") != 0 || !numeric || body == nullptr) {
             seen.push_back("skip");

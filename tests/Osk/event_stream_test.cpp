@@ -155,6 +155,8 @@ TEST(EventStream, StreamsThatAreNoEventStreams) {
     EXPECT_EQ("cannot open the event stream: No such file or directory", missing.at(0));
 }
 
+// An internal entity whose text is markup stays inside the event that uses
+// it: its elements are neither taken for events nor expanded.
 TEST(EventStream, ExternalEntitiesAreNeverRead) {
     char secret[] = "/tmp/event_stream_secret.XXXXXX";
     const int fd = mkstemp(secret);
@@ -165,9 +167,11 @@ TEST(EventStream, ExternalEntitiesAreNeverRead) {
     const std::vector<std::string> seen = readAll(
         std::string("<?xml version='1.0'?>\n<!DOCTYPE Events [\n<!ENTITY s SYSTEM 'file://") +
         secret + "'>\n<!ENTITY p SYSTEM '" + secret +
-        "'>\n]>\n<Events><Event id='1'><d>[&s;][&p;]</d></Event></Events>");
+        "'>\n<!ENTITY i '<Event id=\"9\"><x/></Event>'>" +
+        "\n]>\n<Events><Event id='1'><d>[&s;][&p;][&i;]</d></Event><Event "
+        "id='2'><d>&i;</d></Event></Events>");
     unlink(secret);
-    EXPECT_EQ((std::vector<std::string>{"1:[][]"}), seen);
+    EXPECT_EQ((std::vector<std::string>{"1:[][][]", "2:"}), seen);
 }
 
 TEST(EventStream, EntityExpansionBombStopsTheStreamAfterWhatCameBefore) {
