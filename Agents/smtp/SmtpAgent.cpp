@@ -18,13 +18,14 @@ const _Clock::time_point _idle = _Clock::time_point::max();
 // The sender may be empty (the null sender, "MAIL FROM:<>"); a recipient not.
 void _checkAddress(const std::string& address, const char* role) {
     if (address.empty() && std::string(role) != "sender") {
-        TAMTK_THROW(DeliveryException, _source, "SMTP agent: empty " << role << " address");
+        TAMTK_THROW(LostException, _source,
+                    "SMTP agent: empty " << role << " address; the alert is lost");
     }
     for (char c : address) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-            TAMTK_THROW(DeliveryException, _source,
+            TAMTK_THROW(LostException, _source,
                         "SMTP agent: the " << role << " address \"" << address
-                                           << "\" holds a control character");
+                                           << "\" holds a control character; the alert is lost");
         }
     }
 }
@@ -119,7 +120,8 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
                      const char* message) {
     TAMTK_ASSERT(message, _source);
     if (to.empty()) {
-        TAMTK_THROW(DeliveryException, _source, "SMTP agent: the message has no recipients");
+        TAMTK_THROW(LostException, _source,
+                    "SMTP agent: the message has no recipients; the alert is lost");
     }
     _checkAddress(from, "sender");
     for (const std::string& r : to) {
@@ -137,7 +139,15 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
         }
     }
     if (!downSince.empty()) {
-        spool_->put(spooled);
+        try {
+            spool_->put(spooled);
+        } catch (const Tamtk::Exception& e) {
+            TAMTK_THROW(LostException, _source,
+                        "SMTP agent (" << settings_.url << "): the server could not be reached at "
+                                       << "the last attempt (" << downSince
+                                       << ") and the spool could not take the message (" << e.what()
+                                       << "); the alert is lost");
+        }
         noteSpooled(false, false, downSince);
         TAMTK_THROW(DeliveryException, _source,
                     "SMTP agent (" << settings_.url << "): the server could not be reached at "
@@ -155,6 +165,12 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
     if (!settled.temporary.empty() && settled.spoolError.empty() && spool_) {
         noteSpooled(result.connectionFailure, result.configurationFault,
                     settled.temporary.front().reason);
+    }
+    // A copy neither delivered nor filed away is lost.
+    const bool lost = (!settled.permanent.empty() && !(spool_ && settled.failedError.empty())) ||
+                      (!settled.temporary.empty() && !(spool_ && settled.spoolError.empty()));
+    if (lost) {
+        TAMTK_THROW(LostException, _source, describe(settled, to.size()));
     }
     TAMTK_THROW(DeliveryException, _source, describe(settled, to.size()));
 }
@@ -375,7 +391,7 @@ namespace {
 
 // One agent per parameter set, alive until the process ends.
 class _Registry {
-  public:
+public:
     SmtpAgent& get(const Params& params) {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = agents_.find(params);
@@ -386,7 +402,7 @@ class _Registry {
         return *it->second;
     }
 
-  private:
+private:
     std::mutex mutex_;
     std::map<Params, std::unique_ptr<SmtpAgent>> agents_;
 };

@@ -25,6 +25,9 @@ const Tamxml::Document& _document_of(const ChannelEvent& event) {
 }  // namespace
 
 void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
+    // Until the agent has the mail, any failure loses the alert; after, the
+    // agent's exception tells.
+    bool handedOver = false;
     try {
         if (!event) {
             return;
@@ -50,18 +53,24 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
             throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                               TAMTK_HERE(_source));
         }
+        handedOver = true;
         send_email_(sender_, recipients_, mail.c_str(), agent_params_);
     } catch (const ConfigException& e) {
         std::ostringstream text;
         text << "Channel config exception: [ " << e << " ]";
         report_error(Tamlog::sev::warning, text.str());
+        count_lost_alert();
     } catch (const Tamtk::Exception& e) {
         std::ostringstream text;
         text << "Tamtk exception:: [ " << e << " ]";
         report_error(Tamlog::sev::warning, text.str());
+        if (!handedOver || dynamic_cast<const EmailChannel::AlertLost*>(&e) != nullptr) {
+            count_lost_alert();
+        }
     } catch (...) {
         report_error(Tamlog::sev::warning,
                      "Other exception: [ " + Tamtk::internal::abi::current_exception() + " ]");
+        count_lost_alert();
     }
 }
 
