@@ -54,6 +54,9 @@ class Spool {
     // Moves an unreadable file from new/ to failed/ as it is.
     void quarantine(const std::string& name);
 
+    // Removes the files a crashed writer left in tmp/ (call under the lock).
+    std::size_t removeLeftovers();
+
     // Only one process (and one agent) retries a spool at a time, or a
     // message could be sent twice. Non-blocking; true when this one holds it.
     bool tryLock();
