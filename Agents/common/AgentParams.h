@@ -15,7 +15,7 @@ namespace EmailAgents {
 typedef std::map<std::string, std::string> Params;
 
 class ParamReader {
-  public:
+public:
     // `agent` names the agent in messages ("Maildir agent"). Throws
     // AgentParamException when `params` holds a name not in `known`.
     ParamReader(const char* agent, const Params& params, std::initializer_list<const char*> known);
@@ -40,7 +40,7 @@ class ParamReader {
     // Raises AgentParamException: "<agent>: parameter "<name>" <problem>".
     [[noreturn]] void fail(const char* name, const std::string& problem) const;
 
-  private:
+private:
     const char* agent_;
     const Params& params_;
 };

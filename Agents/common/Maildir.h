@@ -19,7 +19,7 @@ struct Piece {
 };
 
 class Maildir {
-  public:
+public:
     // `sync`: flush each file and new/ to disk before deliver() returns.
     Maildir(std::string path, bool sync);
 
@@ -37,7 +37,7 @@ class Maildir {
     const std::string& path() const { return path_; }
     std::string newDir() const { return path_ + "/new"; }
 
-  private:
+private:
     std::string path_;
     bool sync_;
 };

@@ -42,8 +42,8 @@ std::string deliverToMaildir(const MaildirSettings& settings, const char* messag
     const Maildir maildir(settings.path, settings.fsync);
     _cleanOnce(maildir);
     const std::string headers = missingHeaders(message);
-    const std::string name =
-        maildir.deliver({Piece{headers.data(), headers.size()}, Piece{message, std::strlen(message)}});
+    const std::string name = maildir.deliver(
+        {Piece{headers.data(), headers.size()}, Piece{message, std::strlen(message)}});
     return maildir.newDir() + "/" + name;
 }
 

@@ -17,7 +17,7 @@ namespace Osk {
 namespace EmailAgents {
 
 class Relays {
-  public:
+public:
     Relays(const SmtpSettings& settings, const std::atomic<bool>* abort);
 
     // The outcome at the relay that decided it (Attempt::relay); with every
@@ -27,7 +27,7 @@ class Relays {
     Attempt send(const std::string& from, const std::vector<std::string>& to,
                  const std::string& wire);
 
-  private:
+private:
     std::vector<std::unique_ptr<SmtpSession>> sessions_;
     const std::atomic<bool>* abort_;
     std::size_t current_ = 0;

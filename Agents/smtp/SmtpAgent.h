@@ -26,12 +26,12 @@ namespace Osk {
 namespace EmailAgents {
 
 class SmtpAgent {
-  public:
+public:
     struct DrainResult {
         std::size_t delivered = 0;
         std::size_t failed = 0;  // moved to failed/
         std::size_t waiting = 0;
-        bool locked = false;  // another process holds the spool
+        bool locked = false;                // another process holds the spool
         std::vector<std::string> problems;  // one text per mail not delivered
     };
 
@@ -61,7 +61,7 @@ class SmtpAgent {
     // Messages waiting in the spool (0 without a spool).
     std::size_t waiting() const;
 
-  private:
+private:
     struct Settled;
     struct Pass {
         DrainResult result;

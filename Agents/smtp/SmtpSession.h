@@ -51,7 +51,7 @@ struct Attempt {
 std::string toWireFormat(const char* message);
 
 class SmtpSession {
-  public:
+public:
     // `relay` is one of settings.relays. `abort`, when set, stops a transfer
     // under way (used at shutdown and when a drain runs out of time).
     SmtpSession(const SmtpSettings& settings, const std::string& relay,
@@ -74,7 +74,7 @@ class SmtpSession {
 
     const std::string& relay() const { return relay_; }
 
-  private:
+private:
     void open();
     void drop();
     Attempt perform(const std::string& from, const std::vector<std::string>& to,

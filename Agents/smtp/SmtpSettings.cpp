@@ -81,10 +81,10 @@ std::string _readPasswordFile(const ParamReader& reader, const std::string& path
 }  // namespace
 
 SmtpSettings SmtpSettings::fromParams(const Params& params) {
-    ParamReader reader("SMTP agent", params,
-                       {"url", "starttls", "verify_peer", "ca_file", "username", "password",
-                        "password_file", "allow_plaintext_auth", "timeout", "spool", "drain",
-                        "connections"});
+    ParamReader reader(
+        "SMTP agent", params,
+        {"url", "starttls", "verify_peer", "ca_file", "username", "password", "password_file",
+         "allow_plaintext_auth", "timeout", "spool", "drain", "connections"});
     SmtpSettings s;
     s.url = reader.required("url");
     s.relays = _relays(s.url);

@@ -24,10 +24,10 @@ struct SmtpSettings {
     // "allow_plaintext_auth": credentials may cross an unencrypted link. Off,
     // they never do: with credentials, starttls=try is taken as required.
     bool allowPlaintextAuth = false;
-    long timeoutMs = 30000;             // "timeout", in seconds
-    std::string spool;                  // "spool": directory; empty: none
-    long drainMs = 30000;               // "drain": seconds spent on the spool at exit; 0: none
-    unsigned connections = 2;           // "connections": parallel connections draining the spool
+    long timeoutMs = 30000;    // "timeout", in seconds
+    std::string spool;         // "spool": directory; empty: none
+    long drainMs = 30000;      // "drain": seconds spent on the spool at exit; 0: none
+    unsigned connections = 2;  // "connections": parallel connections draining the spool
 
     // Not parameters: how spooled messages are retried, and whether one
     // connection serves many messages. Tests and benchmarks change them.

@@ -30,7 +30,7 @@ struct SpooledMessage {
 };
 
 class Spool {
-  public:
+public:
     // Creates the spool's folders when missing.
     explicit Spool(const std::string& dir);
     ~Spool();
@@ -66,7 +66,7 @@ class Spool {
     static std::string format(const SpooledMessage& message, const std::string& failure);
     static bool parse(const std::string& text, SpooledMessage& out);
 
-  private:
+private:
     Maildir pending_;
     Maildir failed_;
     int lockFd_;
