@@ -54,6 +54,8 @@ public:
     // Moves an unreadable file from new/ to failed/ as it is.
     void quarantine(const std::string& name);
 
+    // Whether tmp/ holds anything: a write under way, or one a crash cut off.
+    bool unfinished() const;
     // Removes the files a crashed writer left in tmp/ (call under the lock).
     std::size_t removeLeftovers();
 
