@@ -164,9 +164,12 @@ void SmtpAgent::finishRun() {
             out << " and will be sent when the agent next starts";
         }
         std::cerr << out.str() << std::endl;
-    } catch (const std::exception& e) {
+    } catch (const Tamtk::Exception& e) {
         std::cerr << "SMTP agent (" << settings_.url << "): the spool \"" << spool_->dir()
                   << "\" could not be drained: " << e.what() << std::endl;
+    } catch (...) {
+        std::cerr << "SMTP agent (" << settings_.url << "): the spool \"" << spool_->dir()
+                  << "\" could not be drained" << std::endl;
     }
 }
 
@@ -362,7 +365,7 @@ void SmtpAgent::retryLoop() {
         Pass pass;
         try {
             pass = drainPass(Clock::time_point::max(), true);
-        } catch (const std::exception&) {
+        } catch (...) {
             // The spool itself failed (disk full, removed folder): try again later.
             pass.result.waiting = 1;
         }
@@ -513,8 +516,12 @@ void SmtpAgent::drainWorker(const std::vector<std::string>& names, std::atomic<s
                 stopTaking = true;
             }
         }
-    } catch (const std::exception& e) {
+    } catch (const Tamtk::Exception& e) {
         // The spool failed (disk full, folder removed): what is left waits.
+        std::lock_guard<std::mutex> lock(passMutex);
+        pass.result.problems.push_back(e.what());
+        stopTaking = true;
+    } catch (const std::exception& e) {
         std::lock_guard<std::mutex> lock(passMutex);
         pass.result.problems.push_back(e.what());
         stopTaking = true;

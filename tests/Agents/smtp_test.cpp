@@ -407,7 +407,7 @@ TEST(SmtpAgent, DrainDeliversTheSpoolOverSeveralConnections) {
             spool.put({"a@b", {to}, "n" + std::to_string(i) + "\n", 0});
         }
         // Another process holding the spool keeps this one out.
-        const int fd = open((dir / "spool/lock").c_str(), O_RDWR);
+        const int fd = open((dir / "spool/lock").c_str(), O_RDWR | O_CREAT, 0600);
         ASSERT_EQ(flock(fd, LOCK_EX), 0);
         const SmtpAgent::DrainResult locked = agent.drain(std::chrono::seconds(10));
         close(fd);
