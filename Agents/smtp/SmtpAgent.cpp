@@ -432,9 +432,10 @@ SmtpAgent::Pass SmtpAgent::drainPass(Clock::time_point deadline, bool background
     std::atomic<bool> abort{false};
     std::mutex passMutex;
     std::condition_variable done;
-    std::size_t running = std::min<std::size_t>(settings_.connections, names.size());
+    const std::size_t count = std::min<std::size_t>(settings_.connections, names.size());
+    std::size_t running = count;  // under passMutex once the workers run
     std::vector<std::thread> workers;
-    for (std::size_t i = 0; i < running; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         workers.push_back(_quietThread([&] {
             drainWorker(names, next, stopTaking, abort, pass, passMutex);
             std::lock_guard<std::mutex> lock(passMutex);

@@ -353,7 +353,7 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
         std::string urls;
         std::size_t arrivesLive;            // of two messages
         std::vector<std::string> expected;  // in the first message's exception
-        const char* absent;                 // not in it
+        std::string absent;                 // not in it
     };
     const std::vector<Case> cases = {
         {dead.url() + " " + live.url(), 2, {}, ""},
@@ -362,7 +362,7 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
         {refusing.url() + " " + live.url(),
          0,
          {"SMTP agent (" + refusing.url() + "): the server refused", "554 5.7.1"},
-         live.url().c_str()},
+         live.url()},
         // Nobody takes it: the last relay is named, and the others' answers.
         {dead.url() + " " + busy.url(),
          0,
@@ -379,7 +379,7 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
         for (const std::string& part : c.expected) {
             EXPECT_TRUE(contains(text, part)) << "'" << part << "' not in: " << text;
         }
-        if (*c.absent) {
+        if (!c.absent.empty()) {
             EXPECT_FALSE(contains(text, c.absent)) << text;
         }
         if (c.arrivesLive == 2 && c.urls.find(busy.url()) == 0) {
