@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <functional>
 #include <string>
@@ -33,9 +34,15 @@ public:
 
     // Records a problem of the channel; never throws.
     void report_error(const Tamlog::internal::severity::severity_mask& sev, const char* text);
-    void report_error(const Tamlog::internal::severity::severity_mask& sev, const std::string& text);
+    void report_error(const Tamlog::internal::severity::severity_mask& sev,
+                      const std::string& text);
 
     const std::string& name() const { return name_; }
+
+    // Records that an event's alert reached nobody and was kept nowhere.
+    // The channel also reports why; the host reads the count for its summary.
+    void count_lost_alert() noexcept { ++lostAlerts_; }
+    unsigned long lost_alerts() const noexcept { return lostAlerts_; }
 
     // This channel's reporter; an empty one falls back to the default.
     void set_reporter(Reporter reporter);
@@ -46,6 +53,7 @@ private:
     std::string name_;
     bool hostState_;  // the host's own flag; channels never touch it
     Reporter reporter_;
+    std::atomic<unsigned long> lostAlerts_{0};
 };
 
 }  // namespace Osk

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <libxml/SAX2.h>
 #include <libxml/parserInternals.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,19 +51,45 @@ bool _parse_id(const xmlChar* text, unsigned long& id) {
     return errno == 0 && end && *end == '\0';
 }
 
+// UTF-16 and UTF-32 (with or without a byte order mark) hide the markup
+// from the byte scanner.
+bool _wide(const char* data, ssize_t size) {
+    const unsigned char* b = reinterpret_cast<const unsigned char*>(data);
+    if (size < 2)
+        return false;
+    return (b[0] == 0xFE && b[1] == 0xFF) || (b[0] == 0xFF && b[1] == 0xFE) || b[0] == 0 ||
+           b[1] == 0;
+}
+
+void _release(std::string& text) {
+    if (text.capacity() > (1u << 20)) {
+        std::string().swap(text);
+    } else {
+        text.clear();
+    }
+}
+
 EventStream& _stream(void* context) {
     return *static_cast<EventStream*>(static_cast<xmlParserCtxtPtr>(context)->_private);
 }
 
 }  // namespace
 
-EventStream::EventStream(const std::string& path, const volatile std::sig_atomic_t* interrupted)
+EventStream::EventStream(const std::string& path, const EventScanner::Limits& limits, int stop)
     : fd_(-1),
       ownsFd_(false),
-      interrupted_(interrupted),
+      stop_(stop),
+      stopped_(false),
       block_(_blockSize),
       blockSize_(0),
-      blockParsed_(0),
+      blockScanned_(0),
+      scanner_(limits),
+      parsed_(0),
+      drop_(false),
+      dropped_{0, "", 0},
+      ended_(false),
+      lineOffset_(0),
+      line_(0),
       parser_(nullptr),
       finished_(false),
       failed_(false),
@@ -101,6 +128,7 @@ boost::shared_ptr<ChannelEvent> EventStream::next(Problem& problem, bool& hadPro
     }
     Item item = std::move(ready_.front());
     ready_.pop_front();
+    line_ = item.line;
     if (!item.event) {
         hadProblem = true;
         problem = std::move(item.problem);
@@ -111,67 +139,122 @@ boost::shared_ptr<ChannelEvent> EventStream::next(Problem& problem, bool& hadPro
 void EventStream::fail(const std::string& message, int line) {
     if (!failed_) {
         failed_ = true;
-        ready_.push_back(Item{{}, Problem{message, line, true}});
+        ready_.push_back(Item{{}, Problem{message, line, true}, line});
     }
     finished_ = true;
 }
 
+int EventStream::parserLine() const {
+    return parser_ ? static_cast<int>(xmlSAX2GetLineNumber(parser_) + lineOffset_) : 0;
+}
+
+// One step: parse a slice of what the scanner let through, or hand out a
+// dropped event once everything before it is parsed, or scan more of the
+// block, or read the next block.
 void EventStream::feed() {
-    bool end = false;
-    if (blockParsed_ == blockSize_) {
-        ssize_t got;
-        do {
-            got = ::read(fd_, block_.data(), block_.size());
-            // Stopped on request: what was parsed is all there is, whatever
-            // the read brought (the stream may end early, being cut off).
-            if (interrupted_ && *interrupted_) {
-                finished_ = true;
-                return;
-            }
-        } while (got < 0 && errno == EINTR);
-        if (got < 0) {
-            fail("cannot read the event stream: " + std::string(std::strerror(errno)),
-                 parser_ ? xmlSAX2GetLineNumber(parser_) : 0);
-            return;
-        }
-        blockSize_ = static_cast<std::size_t>(got);
-        blockParsed_ = 0;
-        end = got == 0;
-        if (parser_ == nullptr && end) {
+    if (parsed_ < toParse_.size()) {
+        parseSlice();
+        return;
+    }
+    if (!toParse_.empty()) {
+        _release(toParse_);
+        parsed_ = 0;
+    }
+    if (drop_) {
+        drop_ = false;
+        ready_.push_back(Item{
+            {}, Problem{"event skipped: " + dropped_.why, dropped_.line, false}, dropped_.line});
+        lineOffset_ += dropped_.newlines;
+        return;
+    }
+    if (ended_) {
+        if (parser_ == nullptr) {
             fail("the event stream is empty", 0);
             return;
         }
-    }
-    if (parser_ == nullptr) {
-        xmlSAXHandler sax;
-        std::memset(&sax, 0, sizeof sax);
-        xmlSAXVersion(&sax, 2);  // libxml2's tree builder, with our hooks around it
-        sax.startElementNs = &EventStream::_onStart;
-        sax.endElementNs = &EventStream::_onEnd;
-        sax.serror = &EventStream::_onError;
-        // The first bytes let the parser detect the encoding.
-        const std::size_t head = blockSize_ < 4 ? blockSize_ : 4;
-        parser_ =
-            xmlCreatePushParserCtxt(&sax, nullptr, block_.data(), static_cast<int>(head), nullptr);
-        if (parser_ == nullptr) {
-            fail("cannot start the XML parser", 0);
-            return;
+        const int rc = xmlParseChunk(parser_, nullptr, 0, 1);
+        if (rc != 0 || !parser_->wellFormed) {
+            fail(error_.empty() ? "broken XML" : error_, errorLine_ ? errorLine_ : parserLine());
         }
-        xmlCtxtUseOptions(parser_, _parseOptions);
-        parser_->_private = this;
-        blockParsed_ = head;
+        finished_ = true;
+        return;
     }
-    const std::size_t left = blockSize_ - blockParsed_;
+    if (blockScanned_ < blockSize_) {
+        blockScanned_ += scanner_.scan(block_.data() + blockScanned_, blockSize_ - blockScanned_,
+                                       toParse_, dropped_, drop_);
+        return;
+    }
+    if (!readBlock()) {
+        scanner_.finish(toParse_, dropped_, drop_);
+        ended_ = true;
+    }
+}
+
+bool EventStream::readBlock() {
+    for (;;) {
+        if (stop_ >= 0) {
+            pollfd watch[2] = {{fd_, POLLIN, 0}, {stop_, POLLIN, 0}};
+            if (::poll(watch, 2, -1) < 0) {
+                if (errno == EINTR)
+                    continue;
+            } else if (watch[1].revents != 0) {
+                stopped_ = true;
+                finished_ = true;
+                return true;
+            }
+        }
+        const ssize_t got = ::read(fd_, block_.data(), block_.size());
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            fail("cannot read the event stream: " + std::string(std::strerror(errno)),
+                 parserLine());
+            return true;
+        }
+        if (got > 0 && parser_ == nullptr && toParse_.empty() && _wide(block_.data(), got)) {
+            fail("the event stream must be in an encoding that keeps ASCII as it is, such as UTF-8",
+                 1);
+            return true;
+        }
+        blockSize_ = static_cast<std::size_t>(got);
+        blockScanned_ = 0;
+        return got > 0;
+    }
+}
+
+void EventStream::startParser() {
+    xmlSAXHandler sax;
+    std::memset(&sax, 0, sizeof sax);
+    xmlSAXVersion(&sax, 2);  // libxml2's tree builder, with our hooks around it
+    sax.startElementNs = &EventStream::_onStart;
+    sax.endElementNs = &EventStream::_onEnd;
+    sax.serror = &EventStream::_onError;
+    // The first bytes let the parser detect the encoding.
+    const std::size_t left = toParse_.size() - parsed_;
+    const std::size_t head = left < 4 ? left : 4;
+    parser_ = xmlCreatePushParserCtxt(&sax, nullptr, toParse_.data() + parsed_,
+                                      static_cast<int>(head), nullptr);
+    if (parser_ == nullptr) {
+        fail("cannot start the XML parser", 0);
+        return;
+    }
+    xmlCtxtUseOptions(parser_, _parseOptions);
+    parser_->_private = this;
+    parsed_ += head;
+}
+
+void EventStream::parseSlice() {
+    if (parser_ == nullptr) {
+        startParser();
+        return;
+    }
+    const std::size_t left = toParse_.size() - parsed_;
     const std::size_t slice = left < _sliceSize ? left : _sliceSize;
-    const int rc =
-        xmlParseChunk(parser_, block_.data() + blockParsed_, static_cast<int>(slice), end ? 1 : 0);
-    blockParsed_ += slice;
+    const int rc = xmlParseChunk(parser_, toParse_.data() + parsed_, static_cast<int>(slice), 0);
+    parsed_ += slice;
     if (rc != 0 || !parser_->wellFormed) {
         // Everything completed before the fault is already queued ahead of this.
-        fail(error_.empty() ? "broken XML" : error_,
-             errorLine_ ? errorLine_ : xmlSAX2GetLineNumber(parser_));
-    } else if (end) {
-        finished_ = true;
+        fail(error_.empty() ? "broken XML" : error_, errorLine_ ? errorLine_ : parserLine());
     }
 }
 
@@ -180,14 +263,21 @@ void EventStream::_onStart(void* context, const xmlChar* localname, const xmlCha
                            int attributeCount, int defaultedCount, const xmlChar** attributes) {
     xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
     EventStream& self = _stream(context);
+    if (parser != self.parser_) {
+        // The content of an entity, parsed in a context of its own that
+        // inherits our hooks: it belongs to the event, it is none.
+        xmlSAX2StartElementNs(context, localname, prefix, uri, namespaceCount, namespaces,
+                              attributeCount, defaultedCount, attributes);
+        return;
+    }
     if (parser->nodeNr == 0 && !_is(localname, "Events")) {
         self.fail("the stream's root element must be Events, not " + _text(localname),
-                  xmlSAX2GetLineNumber(parser));
+                  self.parserLine());
         xmlStopParser(parser);
         return;
     }
     if (parser->nodeNr == 1) {
-        self.eventLine_ = xmlSAX2GetLineNumber(parser);
+        self.eventLine_ = self.parserLine();
     }
     xmlSAX2StartElementNs(context, localname, prefix, uri, namespaceCount, namespaces,
                           attributeCount, defaultedCount, attributes);
@@ -197,7 +287,7 @@ void EventStream::_onEnd(void* context, const xmlChar* localname, const xmlChar*
                          const xmlChar* uri) {
     xmlParserCtxtPtr parser = static_cast<xmlParserCtxtPtr>(context);
     xmlSAX2EndElementNs(context, localname, prefix, uri);
-    if (parser->nodeNr != 1 || parser->node == nullptr) {
+    if (parser != _stream(context).parser_ || parser->nodeNr != 1 || parser->node == nullptr) {
         return;
     }
     // A child of Events is complete: hand it on, then drop everything the
@@ -206,7 +296,7 @@ void EventStream::_onEnd(void* context, const xmlChar* localname, const xmlChar*
     try {
         _stream(context).take(root->last);
     } catch (...) {
-        _stream(context).fail("out of memory", xmlSAX2GetLineNumber(parser));
+        _stream(context).fail("out of memory", _stream(context).parserLine());
         xmlStopParser(parser);
     }
     while (root->children != nullptr) {
@@ -227,7 +317,7 @@ void EventStream::_onError(void* context, xmlErrorPtr error) {
         while (!self.error_.empty() && (self.error_.back() == '\n' || self.error_.back() == ' ')) {
             self.error_.pop_back();
         }
-        self.errorLine_ = error->line;
+        self.errorLine_ = error->line ? static_cast<int>(error->line + self.lineOffset_) : 0;
         self.errorFatal_ = fatal;
     }
 }
@@ -238,8 +328,10 @@ void EventStream::take(xmlNodePtr element) {
     }
     const int line = eventLine_;
     if (!_is(element->name, "Event")) {
-        ready_.push_back(Item{
-            {}, Problem{"unexpected element " + _text(element->name) + " skipped", line, false}});
+        ready_.push_back(
+            Item{{},
+                 Problem{"unexpected element " + _text(element->name) + " skipped", line, false},
+                 line});
         return;
     }
     unsigned long id = 0;
@@ -248,8 +340,10 @@ void EventStream::take(xmlNodePtr element) {
     const std::string shown = _text(idText);
     xmlFree(idText);
     if (!goodId) {
-        ready_.push_back(Item{
-            {}, Problem{"event without a numeric id (id=\"" + shown + "\") skipped", line, false}});
+        ready_.push_back(
+            Item{{},
+                 Problem{"event without a numeric id (id=\"" + shown + "\") skipped", line, false},
+                 line});
         return;
     }
     xmlNodePtr child = element->children;
@@ -257,23 +351,33 @@ void EventStream::take(xmlNodePtr element) {
         child = child->next;
     }
     if (child == nullptr) {
-        ready_.push_back(Item{
-            {}, Problem{"event " + std::to_string(id) + " has no document; skipped", line, false}});
+        ready_.push_back(
+            Item{{},
+                 Problem{"event " + std::to_string(id) + " has no document; skipped", line, false},
+                 line});
         return;
     }
+    // The document is moved out of the parser's tree, not copied: an event
+    // near the bounds then needs its tree once, not twice. Its names and
+    // short texts live in the parser's dictionary, which the new document
+    // shares; namespaces declared above it are declared again on its root.
     xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
     if (doc == nullptr) {
         throw std::bad_alloc();
     }
-    xmlNodePtr copy = xmlDocCopyNode(child, doc, 1);
-    if (copy == nullptr) {
+    if (parser_->dict != nullptr) {
+        doc->dict = parser_->dict;
+        xmlDictReference(doc->dict);
+    }
+    xmlUnlinkNode(child);
+    xmlDocSetRootElement(doc, child);
+    if (xmlReconciliateNs(doc, child) < 0) {
         xmlFreeDoc(doc);
         throw std::bad_alloc();
     }
-    xmlDocSetRootElement(doc, copy);
     boost::shared_ptr<const Tamxml::Document> document = Tamxml::Document::adopt(doc);
     ready_.push_back(
-        Item{boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, document)), Problem{}});
+        Item{boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, document)), Problem{}, line});
 }
 
 }  // namespace Osk

@@ -1,11 +1,22 @@
 #include "Osk/HostLog.h"
 
-#include <sstream>
+#include <cstdio>
 
 #include "LogToolkit/LogTarget.h"
 #include "LogToolkit/OSLoggerTarget.h"
 
 namespace Osk {
+
+namespace {
+
+void _put(const std::string& line) {
+    // A closed or full standard error loses the line, never the run.
+    if (std::fwrite(line.data(), 1, line.size(), stderr) != line.size()) {
+        std::clearerr(stderr);
+    }
+}
+
+}  // namespace
 
 HostLog::HostLog(const std::string& syslogIdent) : syslog_(!syslogIdent.empty()) {
     Tamlog::LogTarget::initStdErr();
@@ -14,33 +25,71 @@ HostLog::HostLog(const std::string& syslogIdent) : syslog_(!syslogIdent.empty())
     }
 }
 
+std::string HostLog::clean(const std::string& text) {
+    static const char hex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7f) {
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        } else if (c == 0xc2 && i + 1 < text.size() &&
+                   static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+                   static_cast<unsigned char>(text[i + 1]) <= 0x9f) {
+            // U+0080..U+009F: terminals take some of them (CSI) as commands.
+            const unsigned char code = static_cast<unsigned char>(text[++i]);
+            out += "\\u00";
+            out += hex[code >> 4];
+            out += hex[code & 15];
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
 void HostLog::report(const Tamlog::severity_mask& sev, const std::string& text) {
     ++counts_[Tamlog::severityName(sev)];
+    const std::string why = clean(text);
+    // The report's own text says where the channel raised it; the host's
+    // location would only tell which line of the host passed it on.
+    const Tamtk::Location nowhere;
     try {
         Tamlog::LogTargetSet targets;
         targets.insert(Tamlog::LogTarget::byname("stderr"));
         if (syslog_) {
             targets |= Tamlog::LogTarget::byname("oslogger");
         }
-        Tamlog::sendlog(targets, sev, TAMTK_HERE("osk-host"), "report_error", text);
+        Tamlog::sendlog(targets, sev, nowhere, "report_error", why);
     } catch (const Tamtk::Exception& e) {
-        std::ostringstream line;
-        line << "osk-host: could not log a report (" << e << "): " << text << '\n';
-        std::fputs(line.str().c_str(), stderr);
+        // Every target was tried; standard error may be the one that failed.
+        note("could not log a report (" + std::string(e.what()) + "): " + text);
     }
+}
+
+void HostLog::note(const std::string& text) const {
+    _put("osk-host: " + clean(text) + "\n");
 }
 
 std::string HostLog::summary() const {
     if (counts_.empty()) {
         return "none";
     }
-    std::ostringstream out;
+    std::string out;
     const char* separator = "";
     for (const auto& count : counts_) {
-        out << separator << count.second << ' ' << count.first;
+        out += separator + std::to_string(count.second) + ' ' + count.first;
         separator = ", ";
     }
-    return out.str();
+    return out;
 }
 
 }  // namespace Osk

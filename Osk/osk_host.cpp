@@ -3,14 +3,18 @@
 // writes every report of the channel to the log targets.
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <map>
+#include <sstream>
 #include <string>
 
 #include "Osk/Channel.h"
@@ -23,16 +27,22 @@ namespace {
 const char* const _usage =
     "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] "
     "[--progress]\n"
+    "                [--max-event-size BYTES] [--max-event-nodes COUNT]\n"
     "\n"
     "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
     "the configuration, do_log for every event, then do_flush and do_shutdown.\n"
     "\n"
-    "  --config FILE    the channel's XML configuration (required)\n"
-    "  --events FILE    the event stream; - or no option reads standard input\n"
-    "  --channel PATH   the plug-in to load (default: the email channel built with this program)\n"
-    "  --syslog IDENT   also write reports to the system log under IDENT\n"
-    "  --progress       show a live count of events on standard error\n"
-    "  --help           this text\n"
+    "  --config FILE            the channel's XML configuration (required)\n"
+    "  --events FILE            the event stream; - or no option reads standard input\n"
+    "  --channel PATH           the plug-in to load (default: the email channel built with this\n"
+    "                           program)\n"
+    "  --syslog IDENT           also write reports to the system log under IDENT\n"
+    "  --progress               show a live count of events on standard error\n"
+    "  --max-event-size BYTES   skip an event larger than this, from <Event to its end tag\n"
+    "                           (default 16777216, 16 MiB)\n"
+    "  --max-event-nodes COUNT  skip an event of more elements than this, itself included\n"
+    "                           (default 1000000)\n"
+    "  --help                   this text\n"
     "\n"
     "Event stream:\n"
     "  <Events>\n"
@@ -41,20 +51,31 @@ const char* const _usage =
     "  </Events>\n"
     "The single child element of each Event is that event's XML document; id is a decimal number.\n"
     "Events are handled as they arrive, so the stream may be a pipe that stays open. An event\n"
-    "without a numeric id or without a document is reported with its line and skipped; at a\n"
-    "syntax error every event before it has been delivered, and reading stops there. Entity\n"
-    "references are not expanded and nothing outside the stream is ever read.\n"
+    "without a numeric id or without a document, or over a bound, is reported with its line and\n"
+    "skipped; an event over a bound is dropped while it is read, so memory stays near the bound.\n"
+    "Besides the two bounds above, an event is skipped where the XML parser would give up: a\n"
+    "text over 10,000,000 bytes, a tag (with its attributes), comment, CDATA section or\n"
+    "processing instruction over 9,000,000 bytes, a name over 50,000 bytes, elements nested\n"
+    "deeper than 256. At a syntax error every event before it has been delivered, and\n"
+    "reading stops there. Entity references are not expanded and nothing outside the stream is\n"
+    "ever read. The stream must be in an encoding that keeps ASCII as it is (UTF-8, ISO-8859-n).\n"
     "\n"
-    "Reports of the channel go to standard error (and the system log with --syslog). At the end\n"
-    "one line on standard error gives the events read, the reports by severity, the time taken,\n"
-    "the events per second and the peak memory used.\n"
+    "Reports of the channel go to standard error (and the system log with --syslog), with their\n"
+    "control characters escaped (\\n, \\x1b, ...), as does everything else osk-host writes there.\n"
+    "At the end one line on standard error gives the events read (and skipped), the lost alerts,\n"
+    "the reports by severity, the time taken, the events per second and the peak memory used.\n"
+    "An alert is lost when no copy of its mail was delivered or kept anywhere (a Maildir on a\n"
+    "full disk, an SMTP server that refused it with no spool to keep it), or when the channel\n"
+    "could not build it; a mail waiting in the SMTP agent's spool is not lost. The report of a\n"
+    "lost alert says why, and osk-host names the event after it.\n"
     "\n"
-    "SIGINT or SIGTERM stops reading: the events read so far are handled and the program ends\n"
-    "normally (agents finish their work, e.g. the SMTP agent drains its spool); a second signal\n"
-    "ends it at once.\n"
+    "SIGINT or SIGTERM stops reading; the channel is flushed and shut down, the summary is\n"
+    "written and osk-host exits as below (a second signal ends it at once). A closed standard\n"
+    "error (or output) never stops the delivery.\n"
     "\n"
-    "Exit status: 0 configured and every event read; 1 an event skipped or the stream broken;\n"
-    "2 configuration failed; 64 bad command line; 69 the plug-in could not be loaded.\n";
+    "Exit status: 0 configured and every event read and delivered or kept; 1 an event skipped or\n"
+    "the stream broken; 2 configuration failed; 3 an alert was lost (wins over 1); 64 bad\n"
+    "command line; 69 the plug-in could not be loaded.\n";
 
 struct Options {
     std::string config;
@@ -62,6 +83,7 @@ struct Options {
     std::string channel;
     std::string syslogIdent;
     bool progress = false;
+    Osk::EventScanner::Limits limits;
 };
 
 // The email channel built beside this program: <prefix>/bin/osk-host and <prefix>/lib/.
@@ -77,12 +99,24 @@ std::string _defaultChannel() {
     return dir.substr(0, dir.rfind('/')) + "/lib/libemail_channel.so";
 }
 
+// A positive decimal count; the whole text must be digits.
+bool _count(const std::string& text, std::size_t& out) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    errno = 0;
+    const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
+    if (errno != 0 || value == 0 || value > static_cast<unsigned long long>(SIZE_MAX))
+        return false;
+    out = static_cast<std::size_t>(value);
+    return true;
+}
+
 bool _parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&](std::string& out) {
             if (i + 1 >= argc) {
-                std::cerr << "osk-host: " << arg << " needs a value\n";
+                std::cerr << "osk-host: " << Osk::HostLog::clean(arg) << " needs a value\n";
                 return false;
             }
             out = argv[++i];
@@ -105,8 +139,18 @@ bool _parse(int argc, char** argv, Options& options) {
                 return false;
         } else if (arg == "--progress") {
             options.progress = true;
+        } else if (arg == "--max-event-size" || arg == "--max-event-nodes") {
+            std::string text;
+            if (!value(text))
+                return false;
+            if (!_count(text, arg == "--max-event-size" ? options.limits.maxBytes
+                                                        : options.limits.maxNodes)) {
+                std::cerr << "osk-host: " << arg << " needs a positive number, not "
+                          << Osk::HostLog::clean(text) << "\n";
+                return false;
+            }
         } else {
-            std::cerr << "osk-host: unknown option " << arg << "\n";
+            std::cerr << "osk-host: unknown option " << Osk::HostLog::clean(arg) << "\n";
             return false;
         }
     }
@@ -121,6 +165,37 @@ bool _parse(int argc, char** argv, Options& options) {
 }
 
 typedef boost::shared_ptr<Osk::Channel> (*CreateChannel)();
+
+// SIGINT and SIGTERM end the run the ordinary way, so the plug-ins' static
+// destructors run (the SMTP agent drains its spool there). The handler only
+// writes the signal's number into a pipe that the event reader watches.
+int _stopPipe[2] = {-1, -1};
+volatile std::sig_atomic_t _stopSignal = 0;
+
+void _onStopSignal(int sig) {
+    const int saved = errno;
+    _stopSignal = sig;
+    const char byte = 1;
+    if (::write(_stopPipe[1], &byte, 1) < 0) {
+        // The pipe holds a byte already: the reader will stop all the same.
+    }
+    errno = saved;
+}
+
+void _installSignals() {
+    // Standard error or output may be a pipe whose reader is gone; a write
+    // there must fail, not kill the run.
+    std::signal(SIGPIPE, SIG_IGN);
+    if (::pipe2(_stopPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return;
+    struct sigaction action;
+    std::memset(&action, 0, sizeof action);
+    action.sa_handler = &_onStopSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESETHAND;  // a second signal takes the default way out
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
 
 // The live count of --progress: one line on standard error, redrawn at most
 // a few times a second. Anything else written to standard error first ends
@@ -183,26 +258,6 @@ unsigned long _peakKib() {
     return kib;
 }
 
-// Set by SIGINT or SIGTERM: the host stops reading and shuts down the way
-// it does at the end of the stream, so that plug-ins finish their work.
-volatile std::sig_atomic_t _interrupted = 0;
-
-void _onSignal(int signal) {
-    _interrupted = signal;
-}
-
-// Without SA_RESTART, so a read waiting for input returns; SA_RESETHAND,
-// so a second signal ends the program at once.
-void _stopOnSignals() {
-    struct sigaction action;
-    std::memset(&action, 0, sizeof action);
-    action.sa_handler = _onSignal;
-    action.sa_flags = SA_RESETHAND;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
-
 std::string _position(const std::string& events, int line) {
     std::string where = events == "-" ? "stdin" : events;
     if (line > 0)
@@ -213,18 +268,19 @@ std::string _position(const std::string& events, int line) {
 int _run(const Options& options, Osk::HostLog& log) {
     void* plugin = dlopen(options.channel.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (plugin == nullptr) {
-        std::cerr << "osk-host: cannot load " << options.channel << ": " << dlerror() << "\n";
+        log.note("cannot load " + options.channel + ": " + dlerror());
         return 69;
     }
     CreateChannel create = reinterpret_cast<CreateChannel>(dlsym(plugin, "createChannel"));
     if (create == nullptr) {
-        std::cerr << "osk-host: " << options.channel << " has no createChannel\n";
+        log.note(options.channel + " has no createChannel");
         return 69;
     }
 
     int status = 0;
     unsigned long events = 0;
     unsigned long skipped = 0;
+    unsigned long lost = 0;
     Progress progress(options.progress);
     const auto started = std::chrono::steady_clock::now();
     {
@@ -240,29 +296,28 @@ int _run(const Options& options, Osk::HostLog& log) {
             Osk::ChannelCfg cfg(Tamxml::Document::fromFile(options.config));
             configured = channel->do_configure(cfg);
             if (!configured) {
-                std::cerr << "osk-host: the channel did not accept " << options.config << "\n";
+                log.note("the channel did not accept " + options.config);
             }
         } catch (const Tamtk::Exception& e) {
-            std::cerr << "osk-host: configuration failed: " << e.what() << "\n  at " << e.location()
-                      << "\n";
+            std::ostringstream where;
+            where << e.location();
+            log.note("configuration failed: " + std::string(e.what()));
+            log.note("  at " + where.str());
         } catch (const std::exception& e) {
-            std::cerr << "osk-host: configuration failed: " << e.what() << "\n";
+            log.note("configuration failed: " + std::string(e.what()));
         }
 
         if (!configured) {
             status = 2;
         } else {
-            Osk::EventStream stream(options.events, &_interrupted);
+            Osk::EventStream stream(options.events, options.limits, _stopPipe[0]);
             for (;;) {
-                if (_interrupted)
-                    break;
                 Osk::EventStream::Problem problem;
                 bool hadProblem = false;
                 boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
                 if (hadProblem) {
                     progress.interrupt();
-                    std::cerr << "osk-host: " << _position(options.events, problem.line) << ": "
-                              << problem.message << "\n";
+                    log.note(_position(options.events, problem.line) + ": " + problem.message);
                     status = 1;
                     if (problem.fatal)
                         break;
@@ -271,30 +326,44 @@ int _run(const Options& options, Osk::HostLog& log) {
                 }
                 if (!event)
                     break;
+                const unsigned long lostBefore = channel->lost_alerts();
                 channel->do_log(event);
                 ++events;
+                if (channel->lost_alerts() != lostBefore) {
+                    progress.interrupt();
+                    log.note(_position(options.events, stream.line()) + ": event " +
+                             std::to_string(event->id()) + ": the alert is lost");
+                }
                 progress.update(events);
+                if (_stopSignal != 0)
+                    break;
             }
             progress.finish(events);
-            if (_interrupted) {
-                std::cerr << "osk-host: " << strsignal(_interrupted) << ": stopped reading\n";
+            if (_stopSignal != 0 || stream.stopped()) {
+                log.note(std::string("stopped by ") +
+                         (_stopSignal == SIGINT ? "SIGINT" : "SIGTERM") +
+                         "; shutting the channel down");
             }
         }
         channel->do_flush();
         channel->do_shutdown();
+        lost = channel->lost_alerts();
     }
+    if (lost > 0)
+        status = 3;
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     char timing[64];
     std::snprintf(timing, sizeof timing, "%.3f s, %.0f events/s", seconds,
                   seconds > 0 ? events / seconds : 0.0);
-    std::cerr << "osk-host: " << events << " events read";
+    std::string summary = std::to_string(events) + " events read";
     if (skipped > 0)
-        std::cerr << " (" << skipped << " skipped)";
-    std::cerr << ", reports: " << log.summary() << ", " << timing;
+        summary += " (" + std::to_string(skipped) + " skipped)";
+    summary +=
+        ", lost alerts: " + std::to_string(lost) + ", reports: " + log.summary() + ", " + timing;
     if (const unsigned long kib = _peakKib())
-        std::cerr << ", peak memory " << kib << " KiB";
-    std::cerr << "\n";
+        summary += ", peak memory " + std::to_string(kib) + " KiB";
+    log.note(summary);
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
 }
@@ -307,7 +376,7 @@ int main(int argc, char** argv) {
         std::cerr << _usage;
         return 64;
     }
+    _installSignals();
     Osk::HostLog log(options.syslogIdent);
-    _stopOnSignals();
     return _run(options, log);
 }

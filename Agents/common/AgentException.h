@@ -4,6 +4,7 @@
 // Tamtk::Exception; the finer families let tests and callers tell a
 // configuration mistake from a delivery problem.
 
+#include "Channels/email/EmailAgent.h"
 #include "Toolkit/Exceptions.h"
 
 namespace Osk {
@@ -18,6 +19,18 @@ typedef Tamtk::ExceptionT<agent_tag> AgentException;
 typedef Tamtk::ExceptionT<param_tag, AgentException> AgentParamException;
 // A message could not be delivered (completely); the text says where it went.
 typedef Tamtk::ExceptionT<delivery_tag, AgentException> DeliveryException;
+
+// Nothing kept the message (or one recipient's copy of it): the channel
+// counts the alert as lost. The text ends saying so.
+class LostException : public DeliveryException, public EmailChannel::AlertLost {
+public:
+    LostException(const Tamtk::ExceptionString& message, const Tamtk::Location& where) noexcept
+        : DeliveryException(message, where) {}
+};
+
+// Raises `failure` again as a LostException at its own location, its text
+// followed by "; the alert is lost".
+[[noreturn]] void throwLost(const Tamtk::Exception& failure);
 
 }  // namespace EmailAgents
 }  // namespace Osk

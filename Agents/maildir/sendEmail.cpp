@@ -1,6 +1,7 @@
 // The Maildir agent's plug-in entry: the message already carries its
 // recipients in its header, so the envelope is not needed.
 
+#include "Agents/common/AgentException.h"
 #include "Agents/maildir/MaildirAgent.h"
 #include "Channels/email/EmailAgent.h"
 
@@ -8,5 +9,10 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
                                 const Osk::EmailChannel::ToList& /*to*/, const char* message,
                                 const std::map<std::string, std::string>& params) {
     using namespace Osk::EmailAgents;
-    deliverToMaildir(MaildirSettings::fromParams(params), message);
+    try {
+        deliverToMaildir(MaildirSettings::fromParams(params), message);
+    } catch (const Tamtk::Exception& e) {
+        // A Maildir keeps no copy of what it could not write.
+        throwLost(e);
+    }
 }

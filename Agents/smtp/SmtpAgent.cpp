@@ -22,13 +22,14 @@ const std::chrono::steady_clock::time_point _idle = std::chrono::steady_clock::t
 // The sender may be empty (the null sender, "MAIL FROM:<>"); a recipient not.
 void _checkAddress(const std::string& address, const char* role) {
     if (address.empty() && std::string(role) != "sender") {
-        TAMTK_THROW(DeliveryException, _source, "SMTP agent: empty " << role << " address");
+        TAMTK_THROW(LostException, _source,
+                    "SMTP agent: empty " << role << " address; the alert is lost");
     }
     for (char c : address) {
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-            TAMTK_THROW(DeliveryException, _source,
+            TAMTK_THROW(LostException, _source,
                         "SMTP agent: the " << role << " address \"" << address
-                                           << "\" holds a control character");
+                                           << "\" holds a control character; the alert is lost");
         }
     }
 }
@@ -74,9 +75,9 @@ std::string _failures(const std::vector<RecipientOutcome>& outcomes) {
     return out;
 }
 
-// The agent's threads take no process signal: the host's handlers (osk-host
-// stops reading on SIGTERM) must run on the host's own thread, where they
-// break off a waiting read. They start with every signal blocked.
+// The agent's threads take no process signal: a host that waits for input
+// expects its signals on its own threads, where they break off the wait.
+// They start with every signal blocked.
 template <typename Body>
 std::thread _quietThread(Body body) {
     sigset_t all, old;
@@ -181,7 +182,8 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
                      const char* message) {
     TAMTK_ASSERT(message, _source);
     if (to.empty()) {
-        TAMTK_THROW(DeliveryException, _source, "SMTP agent: the message has no recipients");
+        TAMTK_THROW(LostException, _source,
+                    "SMTP agent: the message has no recipients; the alert is lost");
     }
     _checkAddress(from, "sender");
     for (const std::string& r : to) {
@@ -201,7 +203,16 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
         }
     }
     if (!downSince.empty()) {
-        spool_->put(spooled);
+        try {
+            spool_->put(spooled);
+        } catch (const Tamtk::Exception& e) {
+            TAMTK_THROW(LostException, _source,
+                        "SMTP agent (" << settings_.url << "): the server could not be reached at "
+                                       << "the last attempt (" << downSince
+                                       << ") and the spool could not take the message (" << e.what()
+                                       << "); the alert is lost");
+        }
+        noteSpooled(false, false, downSince);
         TAMTK_THROW(DeliveryException, _source,
                     "SMTP agent (" << settings_.url << "): the server could not be reached at "
                                    << "the last attempt (" << downSince
@@ -222,6 +233,12 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
     if (!settled.temporary.empty() && settled.spoolError.empty() && spool_) {
         noteSpooled(result.connectionFailure, result.configurationFault,
                     settled.temporary.front().reason);
+    }
+    // A copy neither delivered nor filed away is lost.
+    const bool lost = (!settled.permanent.empty() && !(spool_ && settled.failedError.empty())) ||
+                      (!settled.temporary.empty() && !(spool_ && settled.spoolError.empty()));
+    if (lost) {
+        TAMTK_THROW(LostException, _source, describe(settled, to.size(), result.relay));
     }
     TAMTK_THROW(DeliveryException, _source, describe(settled, to.size(), result.relay));
 }

@@ -1,6 +1,7 @@
 // The SMTP agent's plug-in entry: turns the channel's addresses into the
 // plain envelope addresses SMTP needs and hands over to the agent.
 
+#include "Agents/common/AgentException.h"
 #include "Agents/smtp/SmtpAgent.h"
 #include "Channels/email/EmailAgent.h"
 
@@ -8,7 +9,13 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
                                 const char* message,
                                 const std::map<std::string, std::string>& params) {
     using namespace Osk::EmailAgents;
-    SmtpAgent& agent = smtpAgentFor(params);
+    SmtpAgent* found = nullptr;
+    try {
+        found = &smtpAgentFor(params);
+    } catch (const Tamtk::Exception& e) {
+        throwLost(e);  // no agent for these parameters: nothing can keep the mail
+    }
+    SmtpAgent& agent = *found;
     std::vector<std::string> recipients;
     recipients.reserve(to.size());
     for (const Tamnet::EmailAddr& r : to) {

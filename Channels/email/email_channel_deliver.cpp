@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Channels/email/encode.h"
 #include "Channels/email/email_channel.h"
+#include "Channels/email/encode.h"
 #include "Toolkit/Abi.h"
 
 namespace Osk {
@@ -25,6 +25,9 @@ const Tamxml::Document& _document_of(const ChannelEvent& event) {
 }  // namespace
 
 void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
+    // Until the agent has the mail, any failure loses the alert; after, the
+    // agent's exception tells.
+    bool handedOver = false;
     try {
         if (!event) {
             return;
@@ -43,24 +46,31 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         get_extra_header_values(event, headers, values);
 
         // The values are not needed afterwards: handed over, not copied.
-        const std::string mail = EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_,
-                                                          recipients_, subject_, body, std::move(values));
+        const std::string mail =
+            EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_, recipients_,
+                                     subject_, body, std::move(values));
         if (send_email_ == nullptr) {
             throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                               TAMTK_HERE(_source));
         }
+        handedOver = true;
         send_email_(sender_, recipients_, mail.c_str(), agent_params_);
     } catch (const ConfigException& e) {
         std::ostringstream text;
         text << "Channel config exception: [ " << e << " ]";
         report_error(Tamlog::sev::warning, text.str());
+        count_lost_alert();
     } catch (const Tamtk::Exception& e) {
         std::ostringstream text;
         text << "Tamtk exception:: [ " << e << " ]";
         report_error(Tamlog::sev::warning, text.str());
+        if (!handedOver || dynamic_cast<const EmailChannel::AlertLost*>(&e) != nullptr) {
+            count_lost_alert();
+        }
     } catch (...) {
         report_error(Tamlog::sev::warning,
                      "Other exception: [ " + Tamtk::internal::abi::current_exception() + " ]");
+        count_lost_alert();
     }
 }
 
@@ -131,7 +141,8 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
     }
 }
 
-void email_channel::get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
+void email_channel::get_extra_header_values(boost::shared_ptr<ChannelEvent> event,
+                                            HeaderMap& headers,
                                             std::map<std::string, std::string>& values) {
     for (const auto& header : headers) {
         if (header.second.xpath) {

@@ -16,7 +16,11 @@ std::string formatRecord(const SeverityBag& severities, const Tamtk::Location& w
             separator = ", ";
         }
     }
-    out << "  [" << where << ']';
+    // A record without a known origin (file and line both unset) carries no
+    // location rather than a meaningless "?:0".
+    if (where.line != 0 || (where.file.c_str() && *where.file.c_str())) {
+        out << "  [" << where << ']';
+    }
     return out.str();
 }
 

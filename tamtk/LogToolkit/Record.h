@@ -22,7 +22,7 @@ typedef std::function<std::string(const SeverityBag& severities, const Tamtk::Lo
 // The one-line layout of the standard targets:
 //   EVENT: <event> SEV: <names> WHY: <why>[ INFO: k=v, k=v]  [<location>]
 // Severities are named by severityNames; the location's function is shown
-// only when it is known.
+// only when it is known, and a default-constructed location is left out.
 TAMTK_API std::string formatRecord(const SeverityBag& severities, const Tamtk::Location& where,
                                    const Event& event, const std::string& why, const InfoBag& info);
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -16,7 +17,8 @@ namespace {
 
 // What the reader handed out, in order: "7:value" for an event (its id and
 // the text of the document's root), "skip@line" or "FATAL@line: message".
-std::vector<std::string> readAll(const std::string& content) {
+std::vector<std::string> readAll(const std::string& content,
+                                 const Osk::EventScanner::Limits& limits = {}) {
     char path[] = "/tmp/event_stream_test.XXXXXX";
     const int fd = mkstemp(path);
     EXPECT_GE(fd, 0);
@@ -25,23 +27,29 @@ std::vector<std::string> readAll(const std::string& content) {
 
     std::vector<std::string> seen;
     {
-        Osk::EventStream stream(path);
+        Osk::EventStream stream(path, limits);
         for (int guard = 0; guard < 100000; ++guard) {
             Osk::EventStream::Problem problem;
             bool hadProblem = false;
             boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
             if (hadProblem) {
                 if (problem.fatal) {
-                    seen.push_back("FATAL@" + std::to_string(problem.line) + ": " + problem.message);
+                    seen.push_back("FATAL@" + std::to_string(problem.line) + ": " +
+                                   problem.message);
                     break;
                 }
                 seen.push_back("skip@" + std::to_string(problem.line));
                 continue;
             }
-            if (!event) break;
+            if (!event)
+                break;
             boost::shared_ptr<const Tamtk::Utf8Array> text =
                 Tamxml::find_first_value(event->document(), "string(/*)");
-            seen.push_back(std::to_string(event->id()) + ":" + (text ? text->str() : ""));
+            boost::shared_ptr<const Tamtk::Utf8Array> ns =
+                Tamxml::find_first_value(event->document(), "namespace-uri(/*)");
+            seen.push_back(std::to_string(event->id()) + ":" +
+                           (ns && ns->length() ? "{" + ns->str() + "}" : "") +
+                           (text ? text->str() : ""));
         }
     }
     unlink(path);
@@ -50,15 +58,18 @@ std::vector<std::string> readAll(const std::string& content) {
 
 int countEvents(const std::vector<std::string>& seen) {
     int n = 0;
-    for (const auto& s : seen) n += s.find(':') != std::string::npos && s.compare(0, 5, "FATAL") != 0;
+    for (const auto& s : seen)
+        n += s.find(':') != std::string::npos && s.compare(0, 5, "FATAL") != 0;
     return n;
 }
 
 TEST(EventStream, DeliversEveryEventInOrder) {
-    EXPECT_EQ((std::vector<std::string>{"1:a", "22:b", "3:c"}),
-              readAll("<?xml version='1.0'?>\n<Events>\n<Event id='1'><x>a</x></Event>"
-                      "<Event id='22'><y>b</y></Event>\n<!-- c -->\n"
-                      "<Event id='3'>\n  <z>c</z>\n</Event>\n</Events>\n"));
+    EXPECT_EQ(
+        (std::vector<std::string>{"1:a", "22:b", "3:c", "4:{urn:a}d"}),
+        readAll(
+            "<?xml version='1.0'?>\n<Events xmlns:a='urn:a'>\n<Event id='1'><x>a</x></Event>"
+            "<Event id='22'><y>b</y></Event>\n<!-- c -->\n"
+            "<Event id='3'>\n  <z>c</z>\n</Event>\n<Event id='4'><a:z>d</a:z></Event></Events>\n"));
 }
 
 // Whatever point a stream breaks off at, every event whose end tag came
@@ -85,9 +96,9 @@ TEST(EventStream, EveryPrefixDeliversTheEventsCompleteInIt) {
 }
 
 TEST(EventStream, SyntaxErrorIsReportedWhereItIs) {
-    const std::vector<std::string> seen =
-        readAll("<Events>\n<Event id='1'><x>a</x></Event>\n<Event id='2'><x>b</y></Event>\n"
-                "<Event id='3'><x>c</x></Event>\n</Events>\n");
+    const std::vector<std::string> seen = readAll(
+        "<Events>\n<Event id='1'><x>a</x></Event>\n<Event id='2'><x>b</y></Event>\n"
+        "<Event id='3'><x>c</x></Event>\n</Events>\n");
     ASSERT_EQ(2u, seen.size());
     EXPECT_EQ("1:a", seen[0]);
     EXPECT_EQ(0u, seen[1].rfind("FATAL@3: Opening and ending tag mismatch", 0)) << seen[1];
@@ -117,7 +128,8 @@ TEST(EventStream, UnusableEventsAreSkippedWithTheirLine) {
 
 TEST(EventStream, LineNumbersPastSixtyFiveThousand) {
     const std::string seen =
-        readAll("<Events>" + std::string(70000, '\n') + "<Event id='z'><d/></Event></Events>").at(0);
+        readAll("<Events>" + std::string(70000, '\n') + "<Event id='z'><d/></Event></Events>")
+            .at(0);
     EXPECT_EQ("skip@70001", seen);
 }
 
@@ -143,6 +155,8 @@ TEST(EventStream, StreamsThatAreNoEventStreams) {
     EXPECT_EQ("cannot open the event stream: No such file or directory", missing.at(0));
 }
 
+// An internal entity whose text is markup stays inside the event that uses
+// it: its elements are neither taken for events nor expanded.
 TEST(EventStream, ExternalEntitiesAreNeverRead) {
     char secret[] = "/tmp/event_stream_secret.XXXXXX";
     const int fd = mkstemp(secret);
@@ -150,12 +164,14 @@ TEST(EventStream, ExternalEntitiesAreNeverRead) {
     const std::string content = "TOP-SECRET-CONTENT";
     ASSERT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
     close(fd);
-    const std::vector<std::string> seen =
-        readAll(std::string("<?xml version='1.0'?>\n<!DOCTYPE Events [\n<!ENTITY s SYSTEM 'file://") +
-                secret + "'>\n<!ENTITY p SYSTEM '" + secret +
-                "'>\n]>\n<Events><Event id='1'><d>[&s;][&p;]</d></Event></Events>");
+    const std::vector<std::string> seen = readAll(
+        std::string("<?xml version='1.0'?>\n<!DOCTYPE Events [\n<!ENTITY s SYSTEM 'file://") +
+        secret + "'>\n<!ENTITY p SYSTEM '" + secret +
+        "'>\n<!ENTITY i '<Event id=\"9\"><x/></Event>'>" +
+        "\n]>\n<Events><Event id='1'><d>[&s;][&p;][&i;]</d></Event><Event "
+        "id='2'><d>&i;</d></Event></Events>");
     unlink(secret);
-    EXPECT_EQ((std::vector<std::string>{"1:[][]"}), seen);
+    EXPECT_EQ((std::vector<std::string>{"1:[][][]", "2:"}), seen);
 }
 
 TEST(EventStream, EntityExpansionBombStopsTheStreamAfterWhatCameBefore) {
@@ -166,11 +182,76 @@ TEST(EventStream, EntityExpansionBombStopsTheStreamAfterWhatCameBefore) {
         dtd += "<!ENTITY l" + std::to_string(i) + " '" + ten + "'>";
     }
     const std::vector<std::string> seen =
-        readAll("<!DOCTYPE Events [" + dtd + "]>\n<Events><Event id='1'><d>a</d></Event>\n"
+        readAll("<!DOCTYPE Events [" + dtd +
+                "]>\n<Events><Event id='1'><d>a</d></Event>\n"
                 "<Event id='2'><d>&l9;</d></Event><Event id='3'><d>c</d></Event></Events>");
     ASSERT_EQ(2u, seen.size());
     EXPECT_EQ("1:a", seen[0]);
     EXPECT_EQ(0u, seen[1].rfind("FATAL@", 0)) << seen[1];
+}
+
+// An event over a bound, the host's or the parser's, is skipped where it
+// starts and the events after it arrive with their own lines.
+TEST(EventStream, EventsOverABoundAreSkippedAndTheStreamGoesOn) {
+    Osk::EventScanner::Limits small;
+    small.maxBytes = 200;
+    small.maxNodes = 5;
+    const std::string big(10000001, 'x');
+    std::string deep;
+    for (int i = 0; i < 300; ++i) deep += "<n>";
+    for (int i = 0; i < 300; ++i) deep += "</n>";
+    struct Case {
+        std::string event;
+        Osk::EventScanner::Limits limits;
+        const char* why;
+    };
+    const Case cases[] = {
+        {"<Event id='5'><d>" + std::string(300, 'v') + "</d></Event>", small,
+         "larger than 200 bytes"},
+        {"<Event id='5'>\n<d/><d/>\n<d/><d/><d/></Event>", small, "more than 5 elements"},
+        {"<Event id='5' a='" + std::string(300, '>') + "'/>", small, "larger than 200 bytes"},
+        {"<Event id='5'><d>" + big + "</d></Event>", {}, "a text longer than 10000000"},
+        {"<Event id='5'><d a='" + big + "'/></Event>", {}, "an attribute value longer"},
+        {"<Event id='5'><!--" + big + "--></Event>", {}, "a comment longer"},
+        {"<Event id='5'><" + std::string(50001, 'n') + "/></Event>", {}, "a name longer"},
+        {"<Event id='5'>" + deep + "</Event>", {}, "nest deeper than 256"},
+    };
+    for (const Case& c : cases) {
+        const std::string tail = "\n<Event id='2'><d>b</d></Event>\n<Event id='x'/>\n</Events>";
+        std::vector<std::string> seen;
+        Osk::EventStream::Problem dropped;
+        {
+            const std::string content =
+                "<Events>\n<Event id='1'><d>a</d></Event>\n\n" + c.event + tail;
+            char path[] = "/tmp/event_stream_test.XXXXXX";
+            const int fd = mkstemp(path);
+            ASSERT_EQ(static_cast<ssize_t>(content.size()),
+                      write(fd, content.data(), content.size()));
+            close(fd);
+            Osk::EventStream stream(path, c.limits);
+            for (bool had = false;;) {
+                Osk::EventStream::Problem problem;
+                boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, had);
+                if (had && problem.message.rfind("event skipped: ", 0) == 0)
+                    dropped = problem;
+                if (had)
+                    seen.push_back((problem.fatal ? "FATAL@" : "skip@") +
+                                   std::to_string(problem.line));
+                if (!had && !event)
+                    break;
+                if (event)
+                    seen.push_back(std::to_string(event->id()) + "@" +
+                                   std::to_string(stream.line()));
+            }
+            unlink(path);
+        }
+        const int lines = static_cast<int>(std::count(c.event.begin(), c.event.end(), '\n'));
+        EXPECT_EQ((std::vector<std::string>{"1@2", "skip@4", "2@" + std::to_string(5 + lines),
+                                            "skip@" + std::to_string(6 + lines)}),
+                  seen)
+            << c.why;
+        EXPECT_NE(std::string::npos, dropped.message.find(c.why)) << dropped.message;
+    }
 }
 
 TEST(EventStream, EncodingDeclarationIsHonoured) {

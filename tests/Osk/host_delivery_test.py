@@ -5,6 +5,9 @@ channel's failure reports as they appear in the program's output."""
 
 import email.utils
 import os
+import re
+import socket
+import subprocess
 import time
 import unittest
 
@@ -193,15 +196,61 @@ class FailureTest(HostTest):
         # template stops at "%b%%"; id 9 belongs to no group and sends nothing.
         self.assertEqual(sorted(["before A | ", "Host A", "plain B text"]), bodies)
 
-    def test_agent_that_throws_maildir(self):
+    def full_disk(self):
+        """A directory on a tmpfs that is already full, or None where this
+        process may not mount one."""
+        mount = self.dir / "full"
+        mount.mkdir()
+        done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", str(mount)],
+                              capture_output=True)
+        if done.returncode != 0:
+            return None
+        self.addCleanup(subprocess.run, ["umount", "-l", str(mount)], capture_output=True)
+        with open(mount / "filler", "wb") as filler:
+            try:
+                while True:
+                    filler.write(b"\0" * 65536)
+                    filler.flush()
+            except OSError:
+                pass
+        return mount
+
+    def test_lost_alerts(self):
+        # Every way an alert is lost: the report says so and why, osk-host
+        # names the event, counts it and exits 3. A mail the spool keeps is
+        # not lost.
         self.write("afile", "a file where the Maildir's folder should be")
-        result = self.run_failures(MAILDIR_AGENT, [("path", self.dir / "afile" / "mail")],
-                                   [(3, "<e/>"), (3, "<e/>")])
-        self.assertEqual(0, result.returncode, result.stderr)
-        self.assertEqual((2, 0, {"warning": 2}), result.summary())
-        for warning in result.reports("warning"):
-            self.assertTrue(warning.startswith('Tamtk exception:: [ Maildir "'), warning)
-            self.assertIn("afile", warning)
+        full = self.full_disk()
+        with socket.socket() as probe:  # a port nobody listens on
+            probe.bind(("127.0.0.1", 0))
+            dead = "smtp://127.0.0.1:%d" % probe.getsockname()[1]
+        smtp = [("url", dead), ("starttls", "no"), ("timeout", "5")]
+        cases = [
+            ("Maildir behind a file", MAILDIR_AGENT, [("path", self.dir / "afile" / "mail")],
+             "a file of that name is in the way; the alert is lost", 2),
+            ("Maildir on a full disk", MAILDIR_AGENT, [("path", full and full / "mail")],
+             "No space left on device; the alert is lost", 2),
+            ("SMTP server down, no spool", SMTP_AGENT, smtp,
+             "it is lost: no spool directory is configured", 2),
+            ("SMTP server down, spool on a full disk", SMTP_AGENT,
+             smtp + [("spool", full and full / "spool")], "No space left on device", 2),
+            ("SMTP server down, spool kept", SMTP_AGENT, smtp + [("spool", self.dir / "spool")],
+             "was kept in the spool", 0),
+        ]
+        for name, agent, params, why, lost in cases:
+            with self.subTest(name):
+                if None in (v for _, v in params):
+                    self.skipTest("cannot mount a tmpfs here: the full-disk case is not run")
+                result = self.run_failures(agent, params, [(3, "<e/>"), (3, "<e/>")])
+                self.assertEqual(3 if lost else 0, result.returncode, result.stderr)
+                self.assertEqual((2, 0, {"warning": 2}), result.summary())
+                self.assertEqual(lost, result.lost())
+                for warning in result.reports("warning"):
+                    self.assertTrue(warning.startswith("Tamtk exception:: [ "), warning)
+                    self.assertIn(why, warning)
+                    self.assertNotIn("[osk-host:", warning)
+                self.assertEqual(lost, len(re.findall(r"^osk-host: \S+:\d+: event 3: the alert is lost$",
+                                                      result.stderr, re.M)))
 
     def test_agent_that_throws_smtp_refusal(self):
         server = SmtpServer(self.dir)
@@ -210,8 +259,10 @@ class FailureTest(HostTest):
                                                 ("timeout", "20")],
                                    [(3, "<e/>")],
                                    recipients=("ops@example.com", "r550.nobody@example.com"))
-        self.assertEqual(0, result.returncode, result.stderr)
+        # One recipient's copy is gone: without a spool nothing kept it.
+        self.assertEqual(3, result.returncode, result.stderr)
         self.assertEqual((1, 0, {"warning": 1}), result.summary())
+        self.assertEqual(1, result.lost())
         [warning] = result.reports("warning")
         self.assertTrue(warning.startswith("Tamtk exception:: [ SMTP agent ("), warning)
         self.assertIn("r550.nobody@example.com", warning)

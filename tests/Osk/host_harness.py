@@ -14,6 +14,7 @@ import signal
 import subprocess
 import tempfile
 import threading
+import time
 import unittest
 
 OSK_HOST = os.environ.get("OSK_HOST", "")
@@ -28,7 +29,7 @@ SANITIZED = os.environ.get("OSK_SANITIZED", "OFF").upper() in ("ON", "1", "TRUE"
 TIMEOUT = 120 if SANITIZED else 60
 
 SUMMARY = re.compile(
-    r"^osk-host: (\d+) events read(?: \((\d+) skipped\))?, reports: (.+?), "
+    r"^osk-host: (\d+) events read(?: \((\d+) skipped\))?, lost alerts: (\d+), reports: (.+?), "
     r"(\d+\.\d{3}) s, (\d+) events/s(?:, peak memory (\d+) KiB)?$", re.M)
 
 
@@ -43,7 +44,7 @@ class HostResult:
         lines = SUMMARY.findall(self.stderr)
         if len(lines) != 1:
             raise AssertionError("expected one summary line in:\n" + self.stderr)
-        read, skipped, reports = lines[0][:3]
+        read, skipped, _, reports = lines[0][:4]
         counts = {}
         if reports != "none":
             for part in reports.split(", "):
@@ -51,9 +52,13 @@ class HostResult:
                 counts[severity] = int(n)
         return int(read), int(skipped or 0), counts
 
+    def lost(self):
+        """The alerts the closing line counts as lost."""
+        return int(SUMMARY.findall(self.stderr)[0][2])
+
     def peak_kib(self):
         """The host's own peak resident size, from the closing line."""
-        peak = SUMMARY.findall(self.stderr)[0][5]
+        peak = SUMMARY.findall(self.stderr)[0][6]
         if not peak:
             raise AssertionError("no peak memory in the summary:\n" + self.stderr)
         return int(peak)
@@ -91,6 +96,13 @@ class HostTest(unittest.TestCase):
         return HostResult(done.returncode, done.stdout.decode("utf-8", "replace"),
                           done.stderr.decode("utf-8", "replace"))
 
+    def live_host(self, config, args=(), stderr_limit=None):
+        """osk-host reading standard input from the test as it goes; see LiveHost."""
+        host = LiveHost([OSK_HOST, "--config", str(self.write("config.xml", config)), "--events", "-"]
+                        + list(args), self.dir, stderr_limit)
+        self.addCleanup(host.reap)
+        return host
+
     def maildir(self, name="mail"):
         """The messages delivered into the Maildir `name`, parsed."""
         new = self.dir / name / "new"
@@ -98,6 +110,57 @@ class HostTest(unittest.TestCase):
 
     def assertNoMailDefects(self, msg):
         self.assertEqual([], msg.defects, msg.as_string())
+
+
+class LiveHost:
+    """A running osk-host: the test writes its events with send() while a
+    thread collects standard error into `seen`. With `stderr_limit`, the
+    thread closes standard error after that many bytes, like `| head -c`."""
+
+    def __init__(self, command, cwd, stderr_limit=None):
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.PIPE, cwd=cwd, env=_clean_env(None))
+        self.seen = bytearray()
+        self.reader = threading.Thread(target=self._read, args=(stderr_limit,), daemon=True)
+        self.reader.start()
+
+    def _read(self, limit):
+        pipe = self.process.stderr
+        for piece in iter(lambda: os.read(pipe.fileno(), 4096), b""):
+            self.seen.extend(piece)
+            if limit is not None and len(self.seen) >= limit:
+                break
+        pipe.close()
+
+    def send(self, text):
+        self.process.stdin.write(text.encode())
+        self.process.stdin.flush()
+
+    def wait_for(self, condition):
+        """Waits (up to TIMEOUT) until condition() holds; returns whether it did."""
+        deadline = time.monotonic() + TIMEOUT
+        while not condition() and time.monotonic() < deadline:
+            time.sleep(0.02)
+        return condition()
+
+    def finish(self, text=""):
+        """Sends the rest of the stream, closes it; osk-host's exit status."""
+        if text:
+            self.send(text)
+        self.process.stdin.close()
+        status = self.process.wait(TIMEOUT)
+        self.reader.join(TIMEOUT)
+        return status
+
+    def stderr(self):
+        return bytes(self.seen).decode("utf-8", "replace")
+
+    def reap(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        if not self.process.stdin.closed:
+            self.process.stdin.close()
 
 
 def _clean_env(extra):

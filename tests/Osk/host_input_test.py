@@ -3,13 +3,12 @@
 came before it, and the command line does what --help says."""
 
 import base64
-import os
+import signal
 import subprocess
-import threading
 import time
 import unittest
 
-from host_harness import (MAILDIR_AGENT, OSK_HOST, TIMEOUT, HostTest, _clean_env, channel_config,
+from host_harness import (COUNTING_AGENT, MAILDIR_AGENT, OSK_HOST, TIMEOUT, HostTest, channel_config,
                           events_xml)
 
 TOKENS = '<Token name="host" xpath="/alarm/host"/>'
@@ -19,6 +18,16 @@ GROUPS = """
     <ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>
     <Event id="1" enabled="yes"/>
   </EventGroup>"""
+
+
+# A token whose stylesheet always fails: a critical report for every event,
+# and the mail is still sent.
+FAILING_TOKEN = """
+    <Token name="boom">
+      <xsl:stylesheet version="1.0" xmlns:xsl="http://www.w3.org/1999/XSL/Transform">
+        <xsl:template match="/"><xsl:message terminate="yes">boom</xsl:message></xsl:template>
+      </xsl:stylesheet>
+    </Token>"""
 
 
 def maildir_config(**kwargs):
@@ -71,8 +80,10 @@ class BadInputTest(HostTest):
         self.assertNotIn(base64.b64encode(b"TOP-SECRET")[:12], raw)
 
     def test_event_ids_that_are_no_numbers(self):
+        # An id that tries to forge a line of its own stays on its line.
+        forged = "7&#10;osk-host: 9 events read&#13;&#155;2J"
         events = events_xml((1, alarm("one")), ("abc", alarm("bad")), (1, alarm("two")),
-                            ("", alarm("empty")), (1, alarm("three")))
+                            ("", alarm("empty")), (1, alarm("three")), (forged, alarm("x")))
         result = self.host(maildir_config(), events)
         self.assertEqual(1, result.returncode, result.stderr)
         self.assertEqual(["Alert on one", "Alert on three", "Alert on two"], self.bodies())
@@ -81,7 +92,10 @@ class BadInputTest(HostTest):
                       result.stderr)
         self.assertIn(f'osk-host: {where}:6: event without a numeric id (id="") skipped',
                       result.stderr)
-        self.assertEqual((3, 2, {}), result.summary())
+        self.assertIn(f'osk-host: {where}:8: event without a numeric id '
+                      f'(id="7\\nosk-host: 9 events read\\r\\u009b2J") skipped', result.stderr)
+        self.assertNotIn("\x9b", result.stderr)
+        self.assertEqual((3, 3, {}), result.summary())
 
     def test_configurations_that_fault(self):
         good = maildir_config()
@@ -108,25 +122,20 @@ class BadInputTest(HostTest):
                 self.assertEqual([], self.maildir())
 
 
-def _reap(process):
-    if process.poll() is None:
-        process.kill()
-    process.wait()
-    for pipe in (process.stdin, process.stderr):
-        if pipe and not pipe.closed:
-            pipe.close()
-
-
 class CommandLineTest(HostTest):
     def test_help_explains_options_and_event_format(self):
         done = subprocess.run([OSK_HOST, "--help"], capture_output=True, text=True, timeout=TIMEOUT)
         self.assertEqual(0, done.returncode)
         for text in ("--config FILE", "--events FILE", "--channel PATH", "--syslog IDENT",
-                     "--progress", "<Events>", '<Event id="7">', "Exit status"):
+                     "--progress", "--max-event-size BYTES", "--max-event-nodes COUNT", "<Events>",
+                     '<Event id="7">', "An alert is lost when", "SIGTERM", "Exit status",
+                     "3 an alert was lost"):
             self.assertIn(text, done.stdout)
 
     def test_bad_command_lines(self):
-        for args in (["--bogus"], [], ["--config"], ["--events", "-"]):
+        for args in (["--bogus"], [], ["--config"], ["--events", "-"],
+                     ["--config", "c.xml", "--max-event-size", "0"],
+                     ["--config", "c.xml", "--max-event-nodes", "1e6"]):
             with self.subTest(args=args):
                 done = subprocess.run([OSK_HOST] + args, capture_output=True, text=True,
                                       timeout=TIMEOUT)
@@ -149,8 +158,9 @@ class CommandLineTest(HostTest):
         result = self.host(channel_config(MAILDIR_AGENT, [("path", "/dev/null/mail")], GROUPS,
                                           tokens=TOKENS),
                            events_xml((1, alarm("a")), (1, alarm("b")), (7, alarm("c"))))
-        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual(3, result.returncode, result.stderr)
         self.assertEqual((3, 0, {"warning": 2}), result.summary())
+        self.assertEqual(2, result.lost())
 
     def test_syslog_option_is_accepted(self):
         # A run without reports: the system log target is set up but nothing
@@ -161,35 +171,48 @@ class CommandLineTest(HostTest):
         self.assertEqual((1, 0, {}), result.summary())
 
     def test_progress_shows_a_live_count(self):
-        config = self.write("config.xml", maildir_config())
-        host = subprocess.Popen([OSK_HOST, "--config", str(config), "--events", "-", "--progress"],
-                                stdin=subprocess.PIPE, stderr=subprocess.PIPE, cwd=self.dir,
-                                env=_clean_env(None))
-        self.addCleanup(_reap, host)
-        seen = bytearray()
-
-        def read():
-            for piece in iter(lambda: os.read(host.stderr.fileno(), 4096), b""):
-                seen.extend(piece)
-
-        reader = threading.Thread(target=read, daemon=True)
-        reader.start()
-        host.stdin.write(("<Events>\n" + f'<Event id="1">{alarm("first")}</Event>\n').encode())
-        host.stdin.flush()
+        host = self.live_host(maildir_config(), ["--progress"])
+        host.send("<Events>\n" + f'<Event id="1">{alarm("first")}</Event>\n')
         # The count appears while the stream is still open.
-        deadline = time.monotonic() + TIMEOUT
-        while b"osk-host: 1 events" not in seen and time.monotonic() < deadline:
-            time.sleep(0.02)
-        self.assertIn(b"\rosk-host: 1 events", bytes(seen))
+        self.assertTrue(host.wait_for(lambda: b"\rosk-host: 1 events" in host.seen), host.stderr())
         self.assertEqual(1, len(self.maildir()))
-        host.stdin.write(("".join(f'<Event id="1">{alarm(i)}</Event>\n' for i in range(3)) +
-                          "</Events>\n").encode())
-        host.stdin.close()
-        self.assertEqual(0, host.wait(TIMEOUT))
-        reader.join(TIMEOUT)
-        text = bytes(seen).decode()
+        self.assertEqual(0, host.finish("".join(f'<Event id="1">{alarm(i)}</Event>\n' for i in range(3))
+                                        + "</Events>\n"))
+        text = host.stderr()
         self.assertIn("\rosk-host: 4 events\n", text)
-        self.assertIn("osk-host: 4 events read, reports: none, ", text)
+        self.assertIn("osk-host: 4 events read, lost alerts: 0, reports: none, ", text)
+
+    def test_delivery_goes_on_when_standard_error_is_gone(self):
+        # osk-host ... 2>&1 >/dev/null | head -c 100: every event reports (a
+        # stylesheet fails) and every mail is still delivered.
+        config = channel_config(MAILDIR_AGENT, [("path", "mail"), ("fsync", "no")],
+                                GROUPS.replace("%host%", "%host% %boom%"), tokens=TOKENS + FAILING_TOKEN)
+        host = self.live_host(config, ["--progress"], stderr_limit=100)
+        host.send("<Events>\n" + f'<Event id="1">{alarm("first")}</Event>\n')
+        host.reader.join(TIMEOUT)
+        self.assertFalse(host.reader.is_alive())
+        self.assertEqual(0, host.finish("".join(f'<Event id="1">{alarm(i)}</Event>\n' for i in range(199))
+                                        + "</Events>\n"))
+        self.assertEqual(200, len(self.maildir()))
+
+    def test_signal_ends_the_run_in_order(self):
+        for sig, name in ((signal.SIGTERM, "SIGTERM"), (signal.SIGINT, "SIGINT")):
+            with self.subTest(name):
+                host = self.live_host(channel_config(COUNTING_AGENT, [], GROUPS, tokens=TOKENS),
+                                      ["--progress"])
+                host.send("<Events>\n" + f'<Event id="1">{alarm("a")}</Event>\n')
+                self.assertTrue(host.wait_for(lambda: b"osk-host: 1 events" in host.seen))
+                # The next event is still open: the reader waits in the middle of it.
+                host.send('<Event id="1"><alarm>')
+                host.process.send_signal(sig)
+                status = host.process.wait(TIMEOUT)
+                host.reader.join(TIMEOUT)
+                text = host.stderr()
+                self.assertEqual(0, status, text)
+                self.assertIn(f"osk-host: stopped by {name}; shutting the channel down", text)
+                self.assertIn("osk-host: 1 events read, lost alerts: 0, ", text)
+                # The agent's static destructor ran: the process ended normally.
+                self.assertIn("counting agent: 1 messages", text)
 
 
 if __name__ == "__main__":

@@ -99,6 +99,10 @@ TEST(StreamTarget, WritesOneLinePerAcceptedRecord) {
     EXPECT_EQ(buf.syncs, 2);
 
     buf.str("");
+    t.sendlog(sev::warning, Tamtk::Location(), "report_error", "disk full");
+    EXPECT_EQ(buf.str(), "EVENT: report_error SEV: warning WHY: disk full\n")
+        << "a record of unknown origin carries no location";
+    buf.str("");
     t.setFormatter([](const SeverityBag& s, const Tamtk::Location&, const Event& e,
                       const std::string& why,
                       const InfoBag&) { return severityNames(s) + "/" + e + "/" + why; });

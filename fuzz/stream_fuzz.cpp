@@ -1,0 +1,124 @@
+// The event stream reader on any bytes. Besides crashes: no event handed out
+// has more elements than the bound, and on a well-formed stream from which
+// nothing was dropped, the reader hands out exactly the events that libxml2
+// finds in the whole document (ids and element counts, in order): the byte
+// scanner in front of the parser never misreads a stream it lets through.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "FuzzCheck.h"
+#include "Osk/EventStream.h"
+#include "XmlToolkit/Xml.h"
+
+namespace {
+
+const std::size_t _maxNodes = 6;
+
+std::string _count(const boost::shared_ptr<const Tamxml::Document>& doc) {
+    boost::shared_ptr<const Tamtk::Utf8Array> n = Tamxml::find_first_value(doc, "count(//*)");
+    return n ? n->str() : "?";
+}
+
+// "id/elements" for each event, "skip" for each skipped one; `dropped` when
+// a bound was the reason, `fatal` when the stream broke.
+std::vector<std::string> _read(const std::string& path, bool& dropped, bool& fatal) {
+    Osk::EventScanner::Limits limits;
+    limits.maxBytes = 300;
+    limits.maxNodes = _maxNodes;
+    Osk::EventStream stream(path, limits);
+    std::vector<std::string> seen;
+    dropped = fatal = false;
+    for (;;) {
+        Osk::EventStream::Problem problem;
+        bool had = false;
+        boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, had);
+        if (had) {
+            dropped = dropped || problem.message.rfind("event skipped: ", 0) == 0;
+            fatal = fatal || problem.fatal;
+            seen.push_back("skip");
+            continue;
+        }
+        if (!event)
+            break;
+        const std::string elements = _count(event->document());
+        fuzzing::check(std::strtoul(elements.c_str(), nullptr, 10) < _maxNodes,
+                       "an event over the element bound was handed out", elements);
+        seen.push_back(std::to_string(event->id()) + "/" + elements);
+    }
+    return seen;
+}
+
+std::size_t _elements(xmlNodePtr node) {
+    std::size_t n = 1;
+    for (xmlNodePtr child = node->children; child; child = child->next) {
+        if (child->type == XML_ELEMENT_NODE)
+            n += _elements(child);
+    }
+    return n;
+}
+
+// The same from the whole document: what each child element of the root
+// makes of it.
+bool _oracle(const uint8_t* data, size_t size, std::vector<std::string>& seen) {
+    xmlDocPtr doc =
+        xmlReadMemory(reinterpret_cast<const char*>(data), static_cast<int>(size), nullptr, nullptr,
+                      XML_PARSE_NONET | XML_PARSE_NOWARNING | XML_PARSE_NOERROR);
+    if (doc == nullptr)
+        return false;
+    xmlNodePtr root = xmlDocGetRootElement(doc);
+    const bool events = root != nullptr && xmlStrcmp(root->name, BAD_CAST "Events") == 0;
+    for (xmlNodePtr child = events ? root->children : nullptr; child; child = child->next) {
+        if (child->type != XML_ELEMENT_NODE)
+            continue;
+        xmlChar* id = xmlGetNoNsProp(child, BAD_CAST "id");
+        std::string text = id ? reinterpret_cast<const char*>(id) : "";
+        xmlFree(id);
+        xmlNodePtr body = child->children;
+        while (body && body->type != XML_ELEMENT_NODE) body = body->next;
+        errno = 0;
+        std::strtoul(text.c_str(), nullptr, 10);
+        const bool numeric = !text.empty() && errno == 0 &&
+                             text.find_first_not_of("0123456789") == std::string::npos;
+        if (xmlStrcmp(child->name, BAD_CAST "Event") != 0 || !numeric || body == nullptr) {
+            seen.push_back("skip");
+            continue;
+        }
+        const std::size_t elements = _elements(body);
+        seen.push_back(std::to_string(std::strtoul(text.c_str(), nullptr, 10)) + "/" +
+                       std::to_string(elements));
+    }
+    xmlFreeDoc(doc);
+    return events;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const int fd = memfd_create("stream", MFD_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    if (write(fd, data, size) != static_cast<ssize_t>(size)) {
+        close(fd);
+        return 0;
+    }
+    bool dropped = false;
+    bool fatal = false;
+    const std::vector<std::string> seen =
+        _read("/proc/self/fd/" + std::to_string(fd), dropped, fatal);
+    close(fd);
+    std::vector<std::string> expected;
+    if (!dropped && !fatal && _oracle(data, size, expected)) {
+        std::string detail;
+        for (const std::string& s : seen) detail += s + " ";
+        detail += "| whole document: ";
+        for (const std::string& s : expected) detail += s + " ";
+        fuzzing::check(seen == expected, "the reader and the whole document disagree", detail);
+    }
+    return 0;
+}
