@@ -14,7 +14,7 @@ namespace AgentTest {
 
 // A fresh directory under $TMPDIR, removed with everything in it.
 class TempDir {
-  public:
+public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -22,7 +22,7 @@ class TempDir {
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
-  private:
+private:
     std::string path_;
 };
 
@@ -45,7 +45,7 @@ struct Certificate {
 std::string runUnprivileged(const std::function<std::string()>& body);
 
 class SmtpTestServer {
-  public:
+public:
     struct Options {
         bool starttls = false;         // offer STARTTLS with Certificate::get()
         bool requireStarttls = false;  // refuse mail before STARTTLS
@@ -54,6 +54,8 @@ class SmtpTestServer {
         double idleTimeout = 300;      // seconds before an idle client is dropped
         bool record = true;            // write what arrives to a file
         std::string dieOnce;           // marker file: crash on the first "X-Test-Die: yes"
+        std::string mailReply;         // the reply to every MAIL FROM ("451 busy")
+        double delay = 0;              // seconds before each message is answered
     };
     struct Message {
         int connection;
@@ -90,7 +92,7 @@ class SmtpTestServer {
     // AUTH commands received, whether they succeeded or not.
     int authCommands() const { return records('A'); }
 
-  private:
+private:
     int records(char kind) const;
 
     Options options_;
