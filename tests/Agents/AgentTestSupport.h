@@ -14,7 +14,7 @@ namespace AgentTest {
 
 // A fresh directory under $TMPDIR, removed with everything in it.
 class TempDir {
-  public:
+public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -22,7 +22,7 @@ class TempDir {
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
-  private:
+private:
     std::string path_;
 };
 
@@ -45,7 +45,7 @@ struct Certificate {
 std::string runUnprivileged(const std::function<std::string()>& body);
 
 class SmtpTestServer {
-  public:
+public:
     struct Options {
         bool starttls = false;         // offer STARTTLS with Certificate::get()
         bool requireStarttls = false;  // refuse mail before STARTTLS
@@ -90,7 +90,7 @@ class SmtpTestServer {
     // AUTH commands received, whether they succeeded or not.
     int authCommands() const { return records('A'); }
 
-  private:
+private:
     int records(char kind) const;
 
     Options options_;
@@ -100,5 +100,39 @@ class SmtpTestServer {
     int stdout_ = -1;
     int port_ = 0;
 };
+
+// A private Postfix instance on a free 127.0.0.1 port: its own
+// configuration, queue and data directories under a scratch directory, and
+// virtual Maildir delivery for `users`@example.test. The system's Postfix
+// (its /etc/postfix, its queue) is never touched. It offers STARTTLS with
+// Certificate::get() and answers 550 to the recipients in `refused`.
+class PostfixServer {
+public:
+    // Why no instance can run on this machine ("" when one can): Postfix
+    // needs root to start and the postfix package installed.
+    static std::string unavailable();
+
+    // Starts the instance; throws with Postfix's log when it does not start.
+    PostfixServer(const std::vector<std::string>& users, const std::vector<std::string>& refused);
+    // Stops it and waits for its master process to end.
+    ~PostfixServer();
+    PostfixServer(const PostfixServer&) = delete;
+    PostfixServer& operator=(const PostfixServer&) = delete;
+
+    std::string url() const { return "smtp://127.0.0.1:" + std::to_string(port_); }
+    // The messages in the Maildir of `user`@example.test, waiting up to
+    // `seconds` until there are at least `count` (Postfix delivers after it
+    // has answered the client).
+    std::vector<std::string> mailbox(const std::string& user, std::size_t count,
+                                     double seconds) const;
+    std::string log() const { return readFile(dir_ / "maillog"); }
+
+private:
+    TempDir dir_;
+    int port_ = 0;
+};
+
+// A TCP port on 127.0.0.1 that nothing listens on at the moment.
+int freePort();
 
 }  // namespace AgentTest
