@@ -15,7 +15,7 @@ namespace EmailAgents {
 typedef std::map<std::string, std::string> Params;
 
 class ParamReader {
-  public:
+public:
     // `agent` names the agent in messages ("Maildir agent"). Throws
     // AgentParamException when `params` holds a name not in `known`.
     ParamReader(const char* agent, const Params& params, std::initializer_list<const char*> known);
@@ -31,12 +31,16 @@ class ParamReader {
     std::string choice(const char* name, std::initializer_list<const char*> allowed,
                        const char* fallback) const;
     // A positive number of seconds, at most `max`; returned in milliseconds.
-    long milliseconds(const char* name, double fallbackSeconds, double maxSeconds) const;
+    // `zeroAllowed`: 0 is taken too (it switches something off).
+    long milliseconds(const char* name, double fallbackSeconds, double maxSeconds,
+                      bool zeroAllowed = false) const;
+    // A whole number from `min` to `max`.
+    long integer(const char* name, long fallback, long min, long max) const;
 
     // Raises AgentParamException: "<agent>: parameter "<name>" <problem>".
     [[noreturn]] void fail(const char* name, const std::string& problem) const;
 
-  private:
+private:
     const char* agent_;
     const Params& params_;
 };

@@ -66,6 +66,8 @@ public:
     std::string requeue(const std::string& name);
     // Removes a message of failed/.
     void removeFailed(const std::string& name);
+    // Removes the files a crashed writer left in tmp/ (call under the lock).
+    std::size_t removeLeftovers();
 
     // Only one process (and one agent) retries a spool at a time, or a
     // message could be sent twice. Non-blocking; true when this one holds it.
