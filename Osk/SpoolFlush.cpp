@@ -60,7 +60,9 @@ int flushSpool(const std::string& config, std::ostream& out, std::ostream& err) 
             << "\" is not a spool (no new/, tmp/ and failed/ there)\n";
         return 2;
     }
-    // This run is the drain; the agent need not try again when it ends.
+    // This run is the drain: no background pass may take mail out of its
+    // count, and the agent need not try again when it ends.
+    settings.retryAtStart = false;
     settings.drainMs = 0;
 
     EmailAgents::SmtpSession::initialise();

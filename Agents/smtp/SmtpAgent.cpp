@@ -91,7 +91,7 @@ SmtpAgent::SmtpAgent(const SmtpSettings& settings)
         spool_->removeLeftovers();
         spool_->unlock();
     }
-    if (spool_ && !spool_->empty()) {
+    if (spool_ && settings_.retryAtStart && !spool_->empty()) {
         nextPass_ = Clock::now();  // left over from an earlier run
     }
     if (spool_) {
@@ -413,9 +413,12 @@ SmtpAgent::Pass SmtpAgent::drainPass(Clock::time_point deadline, bool background
     std::atomic<bool> abort{false};
     std::mutex passMutex;
     std::condition_variable done;
-    std::size_t running = std::min<std::size_t>(settings_.connections, names.size());
+    // The workers count `running` down as they end, maybe before the last
+    // one is started: the loop counts on its own.
+    const std::size_t count = std::min<std::size_t>(settings_.connections, names.size());
+    std::size_t running = count;
     std::vector<std::thread> workers;
-    for (std::size_t i = 0; i < running; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         workers.emplace_back([&] {
             drainWorker(names, next, stopTaking, abort, pass, passMutex);
             std::lock_guard<std::mutex> lock(passMutex);
