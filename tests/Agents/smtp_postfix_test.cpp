@@ -55,8 +55,8 @@ protected:
             return;
         }
         try {
-            server_.reset(
-                new PostfixServer({"ops", "oncall", "secure", "kept"}, {"gone@example.test"}));
+            server_.reset(new PostfixServer({"ops", "oncall", "secure", "kept", "fallback"},
+                                            {"gone@example.test"}));
         } catch (const std::exception& e) {
             startFailure_ = e.what();
         }
@@ -163,4 +163,18 @@ TEST_F(Postfix, ARefusedRecipientLandsInFailedWhileTheOtherGetsTheMail) {
     EXPECT_EQ(refused.to, std::vector<std::string>{"gone@example.test"});
     EXPECT_TRUE(contains(reply, "gone@example.test: 550 5.1.1")) << reply;
     EXPECT_EQ(body(refused.message), "partly refused\n");
+}
+
+TEST_F(Postfix, AFallbackRelayTakesOverFromADeadOne) {
+    TempDir dir;
+    const std::string dead = "smtp://127.0.0.1:" + std::to_string(freePort());
+    SmtpAgent agent(
+        settingsFor(dead + " " + server_->url(), {{"starttls", "no"}, {"spool", dir / "spool"}}));
+    EXPECT_EQ(sendFailure(agent, "alerts@example.com", {"fallback@example.test"},
+                          alert("fallback@example.test", "via the second relay\n")),
+              "");
+    const std::vector<std::string> got = server_->mailbox("fallback", 1, 20);
+    ASSERT_EQ(got.size(), 1u) << server_->log();
+    EXPECT_EQ(body(got[0]), "via the second relay\n");
+    EXPECT_EQ(listDir(dir / "spool/new"), std::vector<std::string>());
 }
