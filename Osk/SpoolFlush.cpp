@@ -76,8 +76,9 @@ int flushSpool(const std::string& config, std::ostream& out, std::ostream& err) 
     for (const std::string& problem : result.problems) {
         err << "osk-spool: " << problem << "\n";
     }
-    out << result.delivered << " delivered, " << result.failed << " refused (moved to failed/), "
-        << result.waiting << " still waiting\n";
+    out << result.delivered << " delivered, " << result.failed
+        << " refused for some or all recipients (in failed/), " << result.waiting
+        << " still waiting\n";
     return result.waiting == 0 ? 0 : 1;
 }
 
