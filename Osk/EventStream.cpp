@@ -122,11 +122,13 @@ void EventStream::feed() {
         ssize_t got;
         do {
             got = ::read(fd_, block_.data(), block_.size());
-        } while (got < 0 && errno == EINTR && !(interrupted_ && *interrupted_));
-        if (got < 0 && errno == EINTR) {
-            finished_ = true;  // stopped on request: what was read is all there is
-            return;
-        }
+            // Stopped on request: what was parsed is all there is, whatever
+            // the read brought (the stream may end early, being cut off).
+            if (interrupted_ && *interrupted_) {
+                finished_ = true;
+                return;
+            }
+        } while (got < 0 && errno == EINTR);
         if (got < 0) {
             fail("cannot read the event stream: " + std::string(std::strerror(errno)),
                  parser_ ? xmlSAX2GetLineNumber(parser_) : 0);

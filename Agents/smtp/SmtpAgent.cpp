@@ -1,5 +1,8 @@
 #include "Agents/smtp/SmtpAgent.h"
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <ctime>
 #include <iostream>
 #include <map>
@@ -71,6 +74,19 @@ std::string _failures(const std::vector<RecipientOutcome>& outcomes) {
     return out;
 }
 
+// The agent's threads take no process signal: the host's handlers (osk-host
+// stops reading on SIGTERM) must run on the host's own thread, where they
+// break off a waiting read. They start with every signal blocked.
+template <typename Body>
+std::thread _quietThread(Body body) {
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &old);
+    std::thread thread(std::move(body));
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return thread;
+}
+
 }  // namespace
 
 struct SmtpAgent::Settled {
@@ -87,7 +103,7 @@ SmtpAgent::SmtpAgent(const SmtpSettings& settings)
       relays_(settings_, &stopping_),
       nextPass_(_idle),
       backoff_(settings_.retryFirst) {
-    if (spool_ && spool_->tryLock()) {
+    if (spool_ && spool_->unfinished() && spool_->tryLock()) {
         spool_->removeLeftovers();
         spool_->unlock();
     }
@@ -95,7 +111,7 @@ SmtpAgent::SmtpAgent(const SmtpSettings& settings)
         nextPass_ = Clock::now();  // left over from an earlier run
     }
     if (spool_) {
-        retryThread_ = std::thread(&SmtpAgent::retryLoop, this);
+        retryThread_ = _quietThread([this] { retryLoop(); });
     }
 }
 
@@ -148,9 +164,12 @@ void SmtpAgent::finishRun() {
             out << " and will be sent when the agent next starts";
         }
         std::cerr << out.str() << std::endl;
-    } catch (const std::exception& e) {
+    } catch (const Tamtk::Exception& e) {
         std::cerr << "SMTP agent (" << settings_.url << "): the spool \"" << spool_->dir()
                   << "\" could not be drained: " << e.what() << std::endl;
+    } catch (...) {
+        std::cerr << "SMTP agent (" << settings_.url << "): the spool \"" << spool_->dir()
+                  << "\" could not be drained" << std::endl;
     }
 }
 
@@ -346,7 +365,7 @@ void SmtpAgent::retryLoop() {
         Pass pass;
         try {
             pass = drainPass(Clock::time_point::max(), true);
-        } catch (const std::exception&) {
+        } catch (...) {
             // The spool itself failed (disk full, removed folder): try again later.
             pass.result.waiting = 1;
         }
@@ -419,16 +438,18 @@ SmtpAgent::Pass SmtpAgent::drainPass(Clock::time_point deadline, bool background
     std::size_t running = count;
     std::vector<std::thread> workers;
     for (std::size_t i = 0; i < count; ++i) {
-        workers.emplace_back([&] {
+        workers.push_back(_quietThread([&] {
             drainWorker(names, next, stopTaking, abort, pass, passMutex);
             std::lock_guard<std::mutex> lock(passMutex);
             --running;
             done.notify_all();
-        });
+        }));
     }
     // This thread keeps the time: past the deadline, or when shutdown or
-    // drain() wants the spool, no new message is taken and transfers under
-    // way are cut off (a drain() lets them finish).
+    // drain() wants the spool, no new message is taken. Transfers under way
+    // are cut off only past the deadline, or at a shutdown that allows no
+    // drain: a transfer cut after the server took the message would send it
+    // again, and each one ends within `timeout` anyway.
     {
         std::unique_lock<std::mutex> lock(passMutex);
         while (running > 0) {
@@ -438,7 +459,7 @@ SmtpAgent::Pass SmtpAgent::drainPass(Clock::time_point deadline, bool background
             if (late || shutdown || (background && drainsWaiting_ > 0)) {
                 stopTaking = true;
             }
-            if (late || shutdown) {
+            if (late || (shutdown && settings_.drainMs == 0)) {
                 abort = true;
             }
         }
@@ -498,8 +519,12 @@ void SmtpAgent::drainWorker(const std::vector<std::string>& names, std::atomic<s
                 stopTaking = true;
             }
         }
-    } catch (const std::exception& e) {
+    } catch (const Tamtk::Exception& e) {
         // The spool failed (disk full, folder removed): what is left waits.
+        std::lock_guard<std::mutex> lock(passMutex);
+        pass.result.problems.push_back(e.what());
+        stopTaking = true;
+    } catch (const std::exception& e) {
         std::lock_guard<std::mutex> lock(passMutex);
         pass.result.problems.push_back(e.what());
         stopTaking = true;

@@ -222,6 +222,22 @@ void Spool::quarantine(const std::string& name) {
     syncDirectory(pending_.newDir());
 }
 
+bool Spool::unfinished() const {
+    for (const Maildir* m : {&pending_, &failed_}) {
+        if (DIR* d = opendir((m->path() + "/tmp").c_str())) {
+            bool any = false;
+            while (dirent* e = readdir(d)) {
+                any = any || e->d_name[0] != '.';
+            }
+            closedir(d);
+            if (any) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 std::size_t Spool::removeLeftovers() {
     // Every write to the spool is over in moments, so a file whose writer no
     // longer runs is an unfinished one; a day and a half covers a writer

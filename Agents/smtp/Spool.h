@@ -66,6 +66,8 @@ public:
     std::string requeue(const std::string& name);
     // Removes a message of failed/.
     void removeFailed(const std::string& name);
+    // Whether tmp/ holds anything: a write under way, or one a crash cut off.
+    bool unfinished() const;
     // Removes the files a crashed writer left in tmp/ (call under the lock).
     std::size_t removeLeftovers();
 

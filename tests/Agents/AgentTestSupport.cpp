@@ -216,6 +216,12 @@ void SmtpTestServer::start() {
     if (!options_.dieOnce.empty()) {
         args.insert(args.end(), {"--die-once", options_.dieOnce});
     }
+    if (!options_.mailReply.empty()) {
+        args.insert(args.end(), {"--mail-reply", options_.mailReply});
+    }
+    if (options_.delay > 0) {
+        args.insert(args.end(), {"--delay", std::to_string(options_.delay)});
+    }
     if (options_.implicitTls) {
         args.push_back("--implicit-tls");
     }

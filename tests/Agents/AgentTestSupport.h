@@ -54,6 +54,8 @@ public:
         double idleTimeout = 300;      // seconds before an idle client is dropped
         bool record = true;            // write what arrives to a file
         std::string dieOnce;           // marker file: crash on the first "X-Test-Die: yes"
+        std::string mailReply;         // the reply to every MAIL FROM ("451 busy")
+        double delay = 0;              // seconds before each message is answered
     };
     struct Message {
         int connection;

@@ -33,6 +33,20 @@ std::string runUnprivilegedFailure(const std::string& path) {
     return AgentTest::runUnprivileged([&] { return failureOf({{"path", path}}); });
 }
 
+// The file without the Message-ID and Auto-Submitted lines the agent puts in
+// front (in the message's own line ending).
+std::string withoutAddedLines(const std::string& file) {
+    const std::size_t id = file.find('\n');
+    const std::string eol =
+        id != std::string::npos && id > 0 && file[id - 1] == '\r' ? "\r\n" : "\n";
+    const std::string autoLine = "Auto-Submitted: auto-generated" + eol;
+    if (file.compare(0, 13, "Message-ID: <") != 0 || id == std::string::npos ||
+        file.compare(id + 1, autoLine.size(), autoLine) != 0) {
+        return "(no added lines) " + file;
+    }
+    return file.substr(id + 1 + autoLine.size());
+}
+
 std::string hex(const std::string& bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
@@ -115,7 +129,7 @@ TEST(MaildirAgent, CreatesTheMaildirAndStoresTheMessageUnchangedInNew) {
     for (const char* fsync : {"yes", "no"}) {
         const std::string file = deliverToMaildir(
             MaildirSettings::fromParams({{"path", path}, {"fsync", fsync}}), message.c_str());
-        EXPECT_EQ(readFile(file), message);
+        EXPECT_EQ(withoutAddedLines(readFile(file)), message);
         EXPECT_EQ(file.substr(0, path.size() + 5), path + "/new/");
     }
     EXPECT_EQ(listDir(path + "/new").size(), 2u);
@@ -137,7 +151,7 @@ TEST(MaildirAgent, ReadersNeverSeeAHalfWrittenFile) {
         while (!done) {
             for (const std::string& name : listDir(path + "/new")) {
                 const std::string content = readFile(path + "/new/" + name);
-                if (content != message && bad.empty()) {
+                if (withoutAddedLines(content) != message && bad.empty()) {
                     bad = name + " had " + std::to_string(content.size()) + " bytes";
                 }
                 ++checked;
@@ -201,11 +215,16 @@ TEST(MaildirAgent, PythonsMailboxReadsTheMessagesBackByteForByte) {
     for (std::string line; std::getline(lines, line);) {
         read.push_back(line);
     }
-    std::vector<std::string> expected;
-    for (const std::string& m : messages) {
-        expected.push_back(hex(m));
+    std::vector<std::string> expected, stored;
+    for (const std::string& name : listDir(path + "/new")) {
+        expected.push_back(hex(readFile(path + "/new/" + name)));
+        stored.push_back(withoutAddedLines(readFile(path + "/new/" + name)));
     }
     std::sort(read.begin(), read.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(read, expected);
+    std::vector<std::string> given = messages;
+    std::sort(given.begin(), given.end());
+    std::sort(stored.begin(), stored.end());
+    EXPECT_EQ(stored, given);
 }

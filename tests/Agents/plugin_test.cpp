@@ -16,7 +16,7 @@ typedef std::map<std::string, std::string> Params;
 namespace {
 
 class Plugin {
-  public:
+public:
     explicit Plugin(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
         if (!handle_) {
             throw std::runtime_error(dlerror());
@@ -45,7 +45,7 @@ class Plugin {
     }
     bool bound() const { return send_ != nullptr; }
 
-  private:
+private:
     void* handle_;
     Osk::EmailChannel::SendEmailFn* send_ = nullptr;
     bool close_ = true;
@@ -67,7 +67,10 @@ TEST(AgentPlugins, MaildirPluginStoresMessagesAndItsErrorsReachTheHost) {
               "");
     const auto files = AgentTest::listDir(dir / "Maildir/new");
     ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(AgentTest::readFile(dir / ("Maildir/new/" + files[0])), "To: x\n\nhello\n");
+    const std::string stored = AgentTest::readFile(dir / ("Maildir/new/" + files[0]));
+    EXPECT_EQ(stored.compare(0, 13, "Message-ID: <"), 0) << stored;
+    EXPECT_EQ(stored.substr(stored.find("Auto-Submitted: auto-generated\n") + 31),
+              "To: x\n\nhello\n");
 
     const std::string text = plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "x",
                                          {{"path", dir / "Maildir"}, {"colour", "red"}});

@@ -19,6 +19,10 @@ Scripted refusals:
     three-digit code) is refused with that code;
   * a message holding a header line "X-Test-Reply: 451 text" gets that reply
     to its data instead of being accepted;
+  * with --mail-reply "451 text", every MAIL FROM gets that reply: a relay
+    that refuses everything;
+  * with --delay SECONDS, each message is answered that much later (other
+    connections go on meanwhile), like a relay that does real work;
   * with --die-once FILE, a message holding a line "X-Test-Die: yes" is
     recorded and then the server exits without answering, as if it crashed
     at that moment; FILE is created so that a restarted server does not.
@@ -52,9 +56,18 @@ class Recorder:
 
 
 class Handler:
-    def __init__(self, recorder, die_once):
+    def __init__(self, recorder, die_once, mail_reply=None, delay=0.0):
         self.recorder = recorder
         self.die_once = die_once
+        self.mail_reply = mail_reply
+        self.delay = delay
+
+    async def handle_MAIL(self, server, session, envelope, address, mail_options):
+        if self.mail_reply:
+            return self.mail_reply
+        envelope.mail_from = address
+        envelope.mail_options.extend(mail_options)
+        return "250 OK"
 
     async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
         m = _RCPT_CODE.match(address)
@@ -84,6 +97,8 @@ class Handler:
         if self.die_once and _DIE.search(data) and not os.path.exists(self.die_once):
             open(self.die_once, "w").close()
             os._exit(0)
+        if self.delay:
+            await asyncio.sleep(self.delay)
         return "250 OK queued"
 
 
@@ -121,6 +136,9 @@ def main():
     parser.add_argument("--require-starttls", action="store_true")
     parser.add_argument("--auth", help="USER:PASSWORD; AUTH PLAIN is then required")
     parser.add_argument("--die-once", help="marker file; see X-Test-Die above")
+    parser.add_argument("--mail-reply", help="reply to every MAIL FROM, e.g. \"451 busy\"")
+    parser.add_argument("--delay", type=float, default=0.0,
+                        help="seconds before each message is answered")
     parser.add_argument("--idle-timeout", type=float, default=300.0,
                         help="seconds before an idle client is dropped")
     args = parser.parse_args()
@@ -131,7 +149,7 @@ def main():
         context.load_cert_chain(args.cert, args.key)
 
     recorder = Recorder(args.record)
-    handler = Handler(recorder, args.die_once)
+    handler = Handler(recorder, args.die_once, args.mail_reply, args.delay)
     options = dict(
         hostname="test.invalid",
         timeout=args.idle_timeout,

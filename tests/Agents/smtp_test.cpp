@@ -1,5 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "Agents/maildir/MaildirAgent.h"
 #include "Agents/smtp/Spool.h"
 #include "SmtpTestUtil.h"
 
@@ -23,17 +34,26 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
     SmtpAgent agent(settingsFor(server.url()));
     struct Case {
         std::string message;
-        std::string arrives;  // as the server stores it
+        std::string arrives;  // as the server stores it, after the lines the agent adds
+        bool addsId;
+        bool addsAuto;
     };
     const std::vector<Case> cases = {
         {"To: <b@x.example>\nSubject: s\n\nbody\n",
-         "To: <b@x.example>\r\nSubject: s\r\n\r\nbody\r\n"},
+         "To: <b@x.example>\r\nSubject: s\r\n\r\nbody\r\n", true, true},
         {"To: <b@x.example>\n\n.\n..two\n.three\nend\n",
-         "To: <b@x.example>\r\n\r\n.\r\n..two\r\n.three\r\nend\r\n"},
-        {".first line is a dot line\n", ".first line is a dot line\r\n"},
-        {"no final line feed", "no final line feed\r\n"},
-        {"already\r\nCRLF\r\n", "already\r\nCRLF\r\n"},
-        {"\xc3\xa9\xff bytes\n", "\xc3\xa9\xff bytes\r\n"},
+         "To: <b@x.example>\r\n\r\n.\r\n..two\r\n.three\r\nend\r\n", true, true},
+        {".first line is a dot line\n", ".first line is a dot line\r\n", true, true},
+        {"no final line feed", "no final line feed\r\n", true, true},
+        {"already\r\nCRLF\r\n", "already\r\nCRLF\r\n", true, true},
+        {"\xc3\xa9\xff bytes\n", "\xc3\xa9\xff bytes\r\n", true, true},
+        // Headers of the mail's own are kept, wherever and however spelt.
+        {"To: a\nmessage-id : <own@x>\n\nbody\n", "To: a\r\nmessage-id : <own@x>\r\n\r\nbody\r\n",
+         false, true},
+        {"AUTO-SUBMITTED: auto-replied\nMessage-ID: <o@x>\n\nb\n",
+         "AUTO-SUBMITTED: auto-replied\r\nMessage-ID: <o@x>\r\n\r\nb\r\n", false, false},
+        // Only the header counts: the body may say anything.
+        {"To: a\n\nMessage-ID: <body@x>\n", "To: a\r\n\r\nMessage-ID: <body@x>\r\n", true, true},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(
@@ -42,11 +62,26 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
     }
     const auto got = server.messages();
     ASSERT_EQ(got.size(), cases.size());
+    std::set<std::string> ids;
     for (std::size_t i = 0; i < cases.size(); ++i) {
-        EXPECT_EQ(got[i].data, cases[i].arrives) << "case " << i;
+        std::string data = got[i].data;
+        if (cases[i].addsId) {
+            const std::size_t end = data.find(">\r\n");
+            ASSERT_EQ(data.compare(0, 13, "Message-ID: <"), 0) << data;
+            ASSERT_NE(data.find('@'), std::string::npos) << data;
+            ids.insert(data.substr(0, end));
+            data.erase(0, end + 3);
+        }
+        const std::string autoLine = "Auto-Submitted: auto-generated\r\n";
+        if (cases[i].addsAuto) {
+            ASSERT_EQ(data.compare(0, autoLine.size(), autoLine), 0) << data;
+            data.erase(0, autoLine.size());
+        }
+        EXPECT_EQ(data, cases[i].arrives) << "case " << i;
         EXPECT_EQ(got[i].from, "alerts@src.example");
         EXPECT_EQ(got[i].to, (std::vector<std::string>{"b@x.example", "c@y.example"}));
     }
+    EXPECT_EQ(ids.size(), 7u) << "every mail has its own Message-ID";
 }
 
 TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOff) {
@@ -87,8 +122,8 @@ TEST(SmtpAgent, AHungServerDoesNotHoldUpShutdown) {
         EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "x\n"), "");
         server.freeze(true);  // the open connection now gets no answer to QUIT
     }
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
-        std::chrono::steady_clock::now() - start);
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
     server.freeze(false);
     EXPECT_LT(seconds.count(), 30) << "closing waited for the 60 s timeout";
 }
@@ -133,7 +168,8 @@ TEST(SmtpAgent, TemporaryAndPermanentRefusalsOfTheMessage) {
         ASSERT_TRUE(Spool::parse(readFile(dir / ("spool/" + sub + "/" + files[0])), spooled));
         EXPECT_EQ(spooled.from, "a@b");
         EXPECT_EQ(spooled.to, (std::vector<std::string>{"c@d", "e@f"}));
-        EXPECT_EQ(spooled.message, message);
+        EXPECT_EQ(spooled.message.compare(0, 13, "Message-ID: <"), 0) << spooled.message;
+        EXPECT_EQ(spooled.message.substr(spooled.message.size() - message.size()), message);
         EXPECT_EQ(spoolFiles(dir, sub == "new" ? "failed/new" : "new").size(), 0u);
     }
 }
@@ -243,7 +279,7 @@ TEST(SmtpAgent, CredentialsNeverCrossAnUnencryptedLink) {
     EXPECT_TRUE(server.messages()[0].auth);
 }
 
-TEST(SmtpAgent, SpooledMessagesAreRetriedOldestFirstWithoutANewAlert) {
+TEST(SmtpAgent, SpooledMessagesAreRetriedWithoutANewAlertUnderTheirFirstMessageId) {
     TempDir dir;
     SmtpTestServer server;
     server.kill();  // keeps its port for the restart
@@ -253,13 +289,20 @@ TEST(SmtpAgent, SpooledMessagesAreRetriedOldestFirstWithoutANewAlert) {
         EXPECT_TRUE(contains(text, "kept in the spool \"" + dir / "spool" + "\"")) << text;
     }
     EXPECT_EQ(agent.waiting(), 5u);
+    std::set<std::string> spooled;
+    for (const std::string& name : spoolFiles(dir, "new")) {
+        SpooledMessage m;
+        ASSERT_TRUE(Spool::parse(readFile(dir / ("spool/new/" + name)), m));
+        spooled.insert(toWireFormat(m.message.c_str()));
+    }
     server.start();
     ASSERT_TRUE(waitFor([&] { return agent.waiting() == 0; }, 60));
-    const auto got = server.messages();
-    ASSERT_EQ(got.size(), 5u);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(got[i].data, "n" + std::to_string(i) + "\r\n");
+    std::set<std::string> arrived;
+    for (const SmtpTestServer::Message& m : server.messages()) {
+        arrived.insert(m.data);
     }
+    EXPECT_EQ(arrived, spooled);
+    EXPECT_EQ(arrived.size(), 5u);
 }
 
 TEST(SmtpAgent, ASpoolLeftByAnEarlierRunIsDeliveredOnStart) {
@@ -294,6 +337,215 @@ TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
     ASSERT_TRUE(waitFor([&] { return agent.waiting() == 0; }, 60));
     // Taken twice: once by the server that died, once after the restart.
     EXPECT_EQ(server.messages().size(), 2u);
+}
+
+TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
+    SmtpTestServer dead;
+    dead.kill();
+    SmtpTestServer::Options busyOptions;
+    busyOptions.mailReply = "451 4.3.2 busy";
+    SmtpTestServer busy(busyOptions);
+    SmtpTestServer::Options refusingOptions;
+    refusingOptions.mailReply = "554 5.7.1 not from you";
+    SmtpTestServer refusing(refusingOptions);
+    SmtpTestServer live;
+    struct Case {
+        std::string urls;
+        std::size_t arrivesLive;            // of two messages
+        std::vector<std::string> expected;  // in the first message's exception
+        const char* absent;                 // not in it
+    };
+    const std::vector<Case> cases = {
+        {dead.url() + " " + live.url(), 2, {}, ""},
+        {busy.url() + "  " + live.url(), 2, {}, ""},
+        // A permanent refusal is final, and the text names that relay.
+        {refusing.url() + " " + live.url(),
+         0,
+         {"SMTP agent (" + refusing.url() + "): the server refused", "554 5.7.1"},
+         live.url().c_str()},
+        // Nobody takes it: the last relay is named, and the others' answers.
+        {dead.url() + " " + busy.url(),
+         0,
+         {"SMTP agent (" + busy.url() + "): ", "451 4.3.2 busy", "tried before: " + dead.url()},
+         ""},
+    };
+    for (const Case& c : cases) {
+        const std::size_t before = live.messages().size();
+        const int busyConnections = busy.connections();
+        SmtpAgent agent(settingsFor(c.urls));
+        const std::string text = sendFailure(agent, "a@b", {"c@d"}, "first\n");
+        sendFailure(agent, "a@b", {"c@d"}, "second\n");
+        EXPECT_EQ(live.messages().size() - before, c.arrivesLive) << c.urls;
+        for (const std::string& part : c.expected) {
+            EXPECT_TRUE(contains(text, part)) << "'" << part << "' not in: " << text;
+        }
+        if (*c.absent) {
+            EXPECT_FALSE(contains(text, c.absent)) << text;
+        }
+        if (c.arrivesLive == 2 && c.urls.find(busy.url()) == 0) {
+            EXPECT_EQ(busy.connections() - busyConnections, 1) << "the working relay is kept";
+        }
+    }
+}
+
+TEST(SmtpAgent, DrainDeliversTheSpoolOverSeveralConnections) {
+    TempDir dir;
+    SmtpTestServer::Options options;
+    options.delay = 0.02;
+    SmtpTestServer server(options);
+    for (unsigned connections : {1u, 4u}) {
+        SCOPED_TRACE(connections);
+        const int connectionsBefore = server.connections();
+        const std::size_t before = server.messages().size();
+        SmtpSettings settings = settingsFor(
+            server.url(), {{"spool", dir / "spool"}, {"connections", std::to_string(connections)}});
+        settings.retryFirst = std::chrono::seconds(60);  // only drain() delivers
+        SmtpAgent agent(settings);
+        Spool spool(dir / "spool");  // as an earlier run left it
+        for (int i = 0; i < 40; ++i) {
+            const std::string to = i == 7 ? "r550.gone@x" : i == 9 ? "r450.busy@x" : "c@d";
+            spool.put({"a@b", {to}, "n" + std::to_string(i) + "\n", 0});
+        }
+        // Another process holding the spool keeps this one out.
+        const int fd = open((dir / "spool/lock").c_str(), O_RDWR | O_CREAT, 0600);
+        ASSERT_EQ(flock(fd, LOCK_EX), 0);
+        const SmtpAgent::DrainResult locked = agent.drain(std::chrono::seconds(10));
+        close(fd);
+        EXPECT_TRUE(locked.locked);
+        EXPECT_EQ(locked.waiting, 40u);
+        EXPECT_EQ(locked.delivered, 0u);
+
+        const SmtpAgent::DrainResult result = agent.drain(std::chrono::seconds(60));
+        EXPECT_FALSE(result.locked);
+        EXPECT_EQ(result.delivered, 38u);
+        EXPECT_EQ(result.failed, 1u);
+        EXPECT_EQ(result.waiting, 1u);
+        ASSERT_EQ(result.problems.size(), 2u);
+        EXPECT_EQ(server.messages().size() - before, 38u);
+        // One per worker, and a new one after each refusal (a failed connection is not reused).
+        EXPECT_EQ(server.connections() - connectionsBefore, static_cast<int>(connections) + 2);
+        // The mail still waiting is tried again and stays.
+        EXPECT_EQ(agent.drain(std::chrono::seconds(10)).waiting, 1u);
+        for (const std::string& name : spoolFiles(dir, "new")) {
+            spool.remove(name);
+        }
+    }
+}
+
+TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
+    struct Case {
+        const char* drain;
+        bool serverUp;
+        std::size_t left;
+        const char* says;  // on standard error
+    };
+    const std::vector<Case> cases = {
+        {"30", true, 0, "5 spooled mails delivered before exit; 0 mails wait in the spool"},
+        {"0", true, 5, "5 mails wait in the spool"},
+        {"30", false, 5, "the server could not be reached"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.drain);
+        TempDir dir;
+        SmtpTestServer server;
+        server.kill();
+        SmtpSettings settings =
+            settingsFor(server.url(), {{"spool", dir / "spool"}, {"drain", c.drain}});
+        settings.retryFirst = settings.retryMax = std::chrono::seconds(60);
+        std::string said;
+        const auto start = std::chrono::steady_clock::now();
+        {
+            SmtpAgent agent(settings);
+            for (int i = 0; i < 5; ++i) {
+                EXPECT_NE(sendFailure(agent, "a@b", {"c@d"}, "x\n"), "");
+            }
+            if (c.serverUp) {
+                server.start();
+            }
+            testing::internal::CaptureStderr();
+        }
+        said = testing::internal::GetCapturedStderr();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+        EXPECT_EQ(spoolFiles(dir, "new").size(), c.left);
+        EXPECT_EQ(server.messages().size(), 5 - c.left);
+        EXPECT_TRUE(contains(said, c.says)) << said;
+        EXPECT_TRUE(contains(said, dir / "spool")) << said;
+    }
+}
+
+TEST(SmtpAgent, ACertificateThatDoesNotVerifyIsSpooledAndRetriedOnlyAtTheLongestPause) {
+    SmtpTestServer::Options options;
+    options.starttls = true;
+    SmtpTestServer server(options);
+    TempDir dir;
+    run("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+        " -subj /CN=other -keyout " +
+        dir / "other.key" + " -out " + dir / "other.pem" + " 2>/dev/null");
+    const std::vector<Params> cases = {
+        {{"starttls", "required"}},  // the system's authorities do not know it
+        {{"starttls", "try"}},       // offered, so taken, so checked
+        {{"starttls", "required"}, {"ca_file", dir / "other.pem"}},
+    };
+    for (Params params : cases) {
+        TempDir spool;
+        params.insert({"spool", spool / "spool"});
+        SmtpSettings settings = settingsFor(server.url(), params);
+        settings.retryMax = std::chrono::seconds(3);
+        const int before = server.connections();
+        SmtpAgent agent(settings);
+        for (int i = 0; i < 3; ++i) {
+            const std::string text = sendFailure(agent, "a@b", {"c@d"}, "x\n");
+            EXPECT_TRUE(contains(text, i == 0 ? "ca_file" : "could not be reached")) << text;
+            EXPECT_TRUE(contains(text, "kept in the spool")) << text;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        EXPECT_EQ(agent.waiting(), 3u);
+        EXPECT_LE(server.connections() - before, 1) << "retried before the longest pause";
+    }
+    EXPECT_TRUE(server.messages().empty());
+}
+
+TEST(AgentLeftovers, WhatACrashLeftInTmpIsRemovedOnStart) {
+    // A writer that is gone for sure: a child that has ended.
+    const pid_t gone = fork();
+    if (gone == 0) {
+        _exit(0);
+    }
+    waitpid(gone, nullptr, 0);
+    const long day = 24 * 3600;
+    struct Case {
+        bool spool;  // else a Maildir
+        std::string name;
+        long age;  // seconds
+        bool removed;
+    };
+    const std::string host = ".host";
+    const std::vector<Case> cases = {
+        {true, "1.M1P" + std::to_string(gone) + "Q1" + host, 0, true},
+        {true, "1.M1P" + std::to_string(getpid()) + "Q1" + host, 0, false},  // still writing
+        {true, "made-elsewhere", 0, false},
+        {true, "made-elsewhere-long-ago", 2 * day, true},
+        {false, "1.M1P" + std::to_string(gone) + "Q1" + host, 0, false},
+        {false, "1.M1P" + std::to_string(gone) + "Q1" + host + "-old", 2 * day, true},
+        {false, "just-under", day + day / 2 - 60, false},
+    };
+    TempDir dir;
+    for (const char* sub : {"spool", "spool/tmp", "maildir", "maildir/tmp"}) {
+        mkdir((dir / sub).c_str(), 0700);
+    }
+    for (const Case& c : cases) {
+        const std::string path = dir / ((c.spool ? "spool/tmp/" : "maildir/tmp/") + c.name);
+        writeFile(path, "half a mail");
+        const struct timeval times[2] = {{time(nullptr) - c.age, 0}, {time(nullptr) - c.age, 0}};
+        utimes(path.c_str(), times);
+    }
+    SmtpTestServer server;
+    { SmtpAgent agent(settingsFor(server.url(), {{"spool", dir / "spool"}})); }
+    deliverToMaildir(MaildirSettings::fromParams({{"path", dir / "maildir"}}), "To: a\n\nb\n");
+    for (const Case& c : cases) {
+        const auto left = listDir(dir / (c.spool ? "spool/tmp" : "maildir/tmp"));
+        EXPECT_EQ(std::find(left.begin(), left.end(), c.name) == left.end(), c.removed) << c.name;
+    }
 }
 
 TEST(SmtpAgent, AddressesAndRecipientListAreChecked) {

@@ -10,6 +10,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import threading
@@ -151,21 +152,33 @@ def events_xml(*events):
 
 
 class SmtpServer:
-    """tests/Agents/smtp_server.py on 127.0.0.1: what it accepted, parsed."""
+    """tests/Agents/smtp_server.py on 127.0.0.1: what it accepted, parsed.
+    stop() and start() keep the port, so a client sees the same server go
+    down and come back; freeze() makes it hang with its connections open."""
 
-    def __init__(self, directory):
+    def __init__(self, directory, *args):
         if not SMTP_SERVER or not os.path.exists(SMTP_SERVER):
             raise unittest.SkipTest("SMTP_SERVER does not name the test server script")
         self.record = pathlib.Path(directory) / "smtp-record"
+        self.args = list(args)
+        self.port = 0
+        self.process = None
+        self.start()
+        self.url = f"smtp://127.0.0.1:{self.port}"
+
+    def start(self):
         self.process = subprocess.Popen(
-            ["/usr/bin/python3", SMTP_SERVER, "--record", str(self.record)],
+            ["/usr/bin/python3", SMTP_SERVER, "--record", str(self.record),
+             "--port", str(self.port)] + self.args,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         ready = _readline_within(self.process.stdout, 30)
         if not ready.startswith(b"READY "):
             self.stop()
             raise AssertionError(f"SMTP test server did not start: {ready!r}")
         self.port = int(ready.split()[1])
-        self.url = f"smtp://127.0.0.1:{self.port}"
+
+    def freeze(self, frozen):
+        self.process.send_signal(signal.SIGSTOP if frozen else signal.SIGCONT)
 
     def messages(self):
         """[(envelope sender, [recipients], parsed message)] in arrival order."""
@@ -180,6 +193,7 @@ class SmtpServer:
 
     def stop(self):
         if self.process.poll() is None:
+            self.process.send_signal(signal.SIGCONT)
             self.process.terminate()
             try:
                 self.process.wait(10)
