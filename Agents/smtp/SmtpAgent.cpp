@@ -108,7 +108,7 @@ SmtpAgent::SmtpAgent(const SmtpSettings& settings)
         spool_->removeLeftovers();
         spool_->unlock();
     }
-    if (spool_ && !spool_->empty()) {
+    if (spool_ && settings_.retryAtStart && !spool_->empty()) {
         nextPass_ = Clock::now();  // left over from an earlier run
     }
     if (spool_) {

@@ -34,6 +34,10 @@ struct SmtpSettings {
     std::chrono::milliseconds retryFirst{1000};
     std::chrono::milliseconds retryMax{60000};
     bool reuseConnection = true;
+    // Retry what an earlier run left in the spool as soon as the agent
+    // starts. Off for a caller that drains the spool itself and wants every
+    // outcome in its own result.
+    bool retryAtStart = true;
 
     // Throws AgentParamException for unknown names and bad values; the texts
     // never contain the user name or the password.

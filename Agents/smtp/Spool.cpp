@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,6 +44,50 @@ bool _take(const std::string& line, const char* prefix, std::string& value) {
     return true;
 }
 
+std::vector<std::string> _names(const std::string& dir) {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    if (!d) {
+        const int err = errno;
+        TAMTK_THROW(DeliveryException, _source,
+                    "cannot list the spool \"" << dir << "\": " << std::strerror(err));
+    }
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') {
+            names.emplace_back(e->d_name);
+        }
+    }
+    closedir(d);
+    // Names begin with the time they were made, zero-padded.
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool _load(const std::string& path, SpooledMessage& out, std::string* failure) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return false;
+    }
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (!Spool::parse(content.str(), out, failure)) {
+        TAMTK_THROW(DeliveryException, _source,
+                    "the spool file \"" << path << "\" has no valid envelope");
+    }
+    return true;
+}
+
+void _unlink(const std::string& dir, const std::string& name) {
+    const std::string path = dir + "/" + name;
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        const int err = errno;
+        TAMTK_THROW(DeliveryException, _source,
+                    "cannot remove \"" << path << "\" from the spool: " << std::strerror(err));
+    }
+    // A removal that is lost in a crash would deliver the message again.
+    syncDirectory(dir);
+}
+
 }  // namespace
 
 Spool::Spool(const std::string& dir)
@@ -69,8 +114,11 @@ std::string Spool::format(const SpooledMessage& message, const std::string& fail
     return out.str();
 }
 
-bool Spool::parse(const std::string& text, SpooledMessage& out) {
+bool Spool::parse(const std::string& text, SpooledMessage& out, std::string* failure) {
     out = SpooledMessage();
+    if (failure) {
+        failure->clear();
+    }
     bool haveFrom = false;
     std::size_t pos = 0;
     while (pos < text.size()) {
@@ -87,7 +135,9 @@ bool Spool::parse(const std::string& text, SpooledMessage& out) {
         } else if (_take(line, _to, value)) {
             out.to.push_back(value);
         } else if (_take(line, _failure, value)) {
-            // kept in the file for people; a retry does not need it
+            if (failure) {
+                *failure = value;  // a retry does not need it
+            }
         } else if (_take(line, _queued, value)) {
             char* end = nullptr;
             out.queued = static_cast<std::time_t>(std::strtoll(value.c_str(), &end, 10));
@@ -114,49 +164,51 @@ std::string Spool::putFailed(const SpooledMessage& message, const std::string& f
 }
 
 std::vector<std::string> Spool::pending() const {
-    std::vector<std::string> names;
-    const std::string dir = pending_.newDir();
-    DIR* d = opendir(dir.c_str());
-    if (!d) {
-        const int err = errno;
-        TAMTK_THROW(DeliveryException, _source,
-                    "cannot list the spool \"" << dir << "\": " << std::strerror(err));
-    }
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            names.emplace_back(e->d_name);
-        }
-    }
-    closedir(d);
-    // Names begin with the time they were made, zero-padded.
-    std::sort(names.begin(), names.end());
-    return names;
+    return _names(pending_.newDir());
+}
+
+std::vector<std::string> Spool::failed() const {
+    return _names(failed_.newDir());
 }
 
 bool Spool::load(const std::string& name, SpooledMessage& out) const {
-    const std::string path = pending_.newDir() + "/" + name;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return false;
-    }
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (!parse(content.str(), out)) {
-        TAMTK_THROW(DeliveryException, _source,
-                    "the spool file \"" << path << "\" has no valid envelope");
+    return _load(pending_.newDir() + "/" + name, out, nullptr);
+}
+
+bool Spool::loadFailed(const std::string& name, SpooledMessage& out, std::string& failure) const {
+    return _load(failed_.newDir() + "/" + name, out, &failure);
+}
+
+bool Spool::isSpool(const std::string& dir) {
+    struct stat st;
+    for (const char* sub : {"/new", "/tmp", "/failed/new"}) {
+        if (stat((dir + sub).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            return false;
+        }
     }
     return true;
 }
 
-void Spool::remove(const std::string& name) {
-    const std::string path = pending_.newDir() + "/" + name;
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        const int err = errno;
+std::string Spool::requeue(const std::string& name) {
+    SpooledMessage message;
+    std::string failure;
+    if (!loadFailed(name, message, failure)) {
         TAMTK_THROW(DeliveryException, _source,
-                    "cannot remove \"" << path << "\" from the spool: " << std::strerror(err));
+                    "\"" << name << "\" is not in \"" << failed_.newDir() << "\"");
     }
-    // A removal that is lost in a crash would deliver the message again.
-    syncDirectory(pending_.newDir());
+    // The waiting copy first: a crash in between leaves the message in both
+    // places, never in neither.
+    const std::string renamed = put(message);
+    removeFailed(name);
+    return renamed;
+}
+
+void Spool::removeFailed(const std::string& name) {
+    _unlink(failed_.newDir(), name);
+}
+
+void Spool::remove(const std::string& name) {
+    _unlink(pending_.newDir(), name);
 }
 
 void Spool::quarantine(const std::string& name) {

@@ -54,6 +54,18 @@ public:
     // Moves an unreadable file from new/ to failed/ as it is.
     void quarantine(const std::string& name);
 
+    // Whether `dir` holds a spool (its new/, tmp/ and failed/ folders), so
+    // that tools can refuse a mistyped path instead of creating a spool there.
+    static bool isSpool(const std::string& dir);
+    // Names of the messages in failed/, oldest first.
+    std::vector<std::string> failed() const;
+    // Reads a message of failed/ and the server's reply to it; as load().
+    bool loadFailed(const std::string& name, SpooledMessage& out, std::string& failure) const;
+    // Moves a message of failed/ back to the waiting ones, without its
+    // failure line; returns its new name.
+    std::string requeue(const std::string& name);
+    // Removes a message of failed/.
+    void removeFailed(const std::string& name);
     // Whether tmp/ holds anything: a write under way, or one a crash cut off.
     bool unfinished() const;
     // Removes the files a crashed writer left in tmp/ (call under the lock).
@@ -66,7 +78,7 @@ public:
 
     // The file's text for a message (exposed for tests).
     static std::string format(const SpooledMessage& message, const std::string& failure);
-    static bool parse(const std::string& text, SpooledMessage& out);
+    static bool parse(const std::string& text, SpooledMessage& out, std::string* failure = nullptr);
 
 private:
     Maildir pending_;

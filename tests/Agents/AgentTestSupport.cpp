@@ -1,21 +1,27 @@
 #include "AgentTestSupport.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 extern char** environ;
 
@@ -327,6 +333,187 @@ int SmtpTestServer::records(char kind) const {
         count += line.size() > 1 && line[0] == kind && line[1] == ' ' ? 1 : 0;
     }
     return count;
+}
+
+int freePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw std::runtime_error("cannot find a free port");
+    }
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+namespace {
+
+const char* const _postfix = "/usr/sbin/postfix";
+
+// Every service runs outside a chroot, so the scratch paths hold inside them.
+const char* const _postfixServices =
+    "pickup    unix  n  -  n  60   1  pickup\n"
+    "cleanup   unix  n  -  n  -    0  cleanup\n"
+    "qmgr      unix  n  -  n  300  1  qmgr\n"
+    "rewrite   unix  -  -  n  -    -  trivial-rewrite\n"
+    "bounce    unix  -  -  n  -    0  bounce\n"
+    "defer     unix  -  -  n  -    0  bounce\n"
+    "trace     unix  -  -  n  -    0  bounce\n"
+    "verify    unix  -  -  n  -    1  verify\n"
+    "flush     unix  n  -  n  1000 0  flush\n"
+    "proxymap  unix  -  -  n  -    -  proxymap\n"
+    "showq     unix  n  -  n  -    -  showq\n"
+    "error     unix  -  -  n  -    -  error\n"
+    "retry     unix  -  -  n  -    -  error\n"
+    "discard   unix  -  -  n  -    -  discard\n"
+    "virtual   unix  -  n  n  -    -  virtual\n"
+    "anvil     unix  -  -  n  -    1  anvil\n"
+    "scache    unix  -  -  n  -    1  scache\n"
+    "tlsmgr    unix  -  -  n  1000? 1 tlsmgr\n"
+    "postlog   unix-dgram n - n - 1  postlogd\n";
+
+}  // namespace
+
+std::string PostfixServer::unavailable() {
+    if (access(_postfix, X_OK) != 0) {
+        return "Postfix is not installed (Debian package postfix)";
+    }
+    if (geteuid() != 0) {
+        return "a Postfix instance needs root to start";
+    }
+    if (!getpwnam("postfix") || !getpwnam("nobody")) {
+        return "the users postfix and nobody are missing";
+    }
+    return "";
+}
+
+PostfixServer::PostfixServer(const std::vector<std::string>& users,
+                             const std::vector<std::string>& refused)
+    : port_(freePort()) {
+    const passwd* nobody = getpwnam("nobody");
+    const passwd* postfix = getpwnam("postfix");
+    for (const char* sub : {"etc", "queue", "data", "mail"}) {
+        mkdir((dir_ / sub).c_str(), 0755);
+    }
+    if (chown((dir_ / "data").c_str(), postfix->pw_uid, postfix->pw_gid) != 0 ||
+        chown((dir_ / "mail").c_str(), nobody->pw_uid, nobody->pw_gid) != 0) {
+        throw std::runtime_error("cannot hand the Postfix folders over");
+    }
+    const Certificate& certificate = Certificate::get();
+    const std::string etc = dir_ / "etc";
+    std::string refusals;
+    for (const std::string& address : refused) {
+        refusals += address + " 550 5.1.1 mailbox unavailable\n";
+    }
+    writeFile(etc + "/refused", refusals);
+    std::string mailboxes;
+    for (const std::string& user : users) {
+        mailboxes += user + "@example.test " + user + "/\n";  // the slash: a Maildir
+    }
+    writeFile(etc + "/mailboxes", mailboxes);
+    writeFile(etc + "/main.cf",
+              "compatibility_level = 3.6\n"
+              "queue_directory = " +
+                  dir_.path() +
+                  "/queue\n"
+                  "data_directory = " +
+                  dir_.path() +
+                  "/data\n"
+                  "maillog_file = " +
+                  dir_.path() +
+                  "/maillog\n"
+                  "maillog_file_prefixes = " +
+                  dir_.path() +
+                  "\n"
+                  "inet_interfaces = 127.0.0.1\n"
+                  "inet_protocols = ipv4\n"
+                  "myhostname = postfix.test\n"
+                  "mydestination =\n"
+                  "mynetworks = 127.0.0.0/8\n"
+                  "alias_maps =\n"
+                  "alias_database =\n"
+                  "relayhost =\n"
+                  "local_transport = error:local delivery is off\n"
+                  "default_transport = error:this instance sends nothing out\n"
+                  "virtual_mailbox_domains = example.test\n"
+                  "virtual_mailbox_base = " +
+                  dir_.path() +
+                  "/mail\n"
+                  "virtual_mailbox_maps = texthash:" +
+                  etc +
+                  "/mailboxes\n"
+                  "virtual_uid_maps = static:" +
+                  std::to_string(nobody->pw_uid) +
+                  "\n"
+                  "virtual_gid_maps = static:" +
+                  std::to_string(nobody->pw_gid) +
+                  "\n"
+                  "smtpd_recipient_restrictions = check_recipient_access texthash:" +
+                  etc +
+                  "/refused, permit_mynetworks, reject_unauth_destination\n"
+                  "smtpd_tls_security_level = may\n"
+                  "smtpd_tls_cert_file = " +
+                  certificate.cert +
+                  "\n"
+                  "smtpd_tls_key_file = " +
+                  certificate.key +
+                  "\n"
+                  "smtpd_tls_received_header = yes\n");
+    writeFile(etc + "/master.cf",
+              "127.0.0.1:" + std::to_string(port_) + " inet n - n - - smtpd\n" + _postfixServices);
+    try {
+        run(std::string(_postfix) + " -c " + etc + " start 2>&1");
+    } catch (const std::exception& e) {
+        throw std::runtime_error(std::string(e.what()) + "\n" + log());
+    }
+    // master binds the port before it forks the first smtpd; wait for it.
+    for (int i = 0; i < 200; ++i) {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port_));
+        const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        close(fd);
+        if (up) {
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    throw std::runtime_error("Postfix does not listen on port " + std::to_string(port_) + "\n" +
+                             log());
+}
+
+PostfixServer::~PostfixServer() {
+    const std::string pidText = readFile(dir_ / "queue/pid/master.pid");
+    try {
+        run(std::string(_postfix) + " -c " + (dir_ / "etc") + " stop >/dev/null 2>&1");
+    } catch (const std::exception&) {
+    }
+    const pid_t master = static_cast<pid_t>(std::atol(pidText.c_str()));
+    for (int i = 0; master > 0 && i < 200 && ::kill(master, 0) == 0; ++i) {
+        int status = 0;
+        waitpid(master, &status, WNOHANG);  // reaps it should it be our child
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
+std::vector<std::string> PostfixServer::mailbox(const std::string& user, std::size_t count,
+                                                double seconds) const {
+    const std::string dir = dir_ / ("mail/" + user + "/new");
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    while (listDir(dir).size() < count && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::vector<std::string> messages;
+    for (const std::string& name : listDir(dir)) {
+        messages.push_back(readFile(dir + "/" + name));
+    }
+    return messages;
 }
 
 }  // namespace AgentTest

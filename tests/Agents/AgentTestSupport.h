@@ -103,4 +103,38 @@ private:
     int port_ = 0;
 };
 
+// A private Postfix instance on a free 127.0.0.1 port: its own
+// configuration, queue and data directories under a scratch directory, and
+// virtual Maildir delivery for `users`@example.test. The system's Postfix
+// (its /etc/postfix, its queue) is never touched. It offers STARTTLS with
+// Certificate::get() and answers 550 to the recipients in `refused`.
+class PostfixServer {
+public:
+    // Why no instance can run on this machine ("" when one can): Postfix
+    // needs root to start and the postfix package installed.
+    static std::string unavailable();
+
+    // Starts the instance; throws with Postfix's log when it does not start.
+    PostfixServer(const std::vector<std::string>& users, const std::vector<std::string>& refused);
+    // Stops it and waits for its master process to end.
+    ~PostfixServer();
+    PostfixServer(const PostfixServer&) = delete;
+    PostfixServer& operator=(const PostfixServer&) = delete;
+
+    std::string url() const { return "smtp://127.0.0.1:" + std::to_string(port_); }
+    // The messages in the Maildir of `user`@example.test, waiting up to
+    // `seconds` until there are at least `count` (Postfix delivers after it
+    // has answered the client).
+    std::vector<std::string> mailbox(const std::string& user, std::size_t count,
+                                     double seconds) const;
+    std::string log() const { return readFile(dir_ / "maillog"); }
+
+private:
+    TempDir dir_;
+    int port_ = 0;
+};
+
+// A TCP port on 127.0.0.1 that nothing listens on at the moment.
+int freePort();
+
 }  // namespace AgentTest

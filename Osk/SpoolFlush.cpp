@@ -1,0 +1,85 @@
+#include "Osk/SpoolFlush.h"
+
+#include <chrono>
+
+#include "Agents/common/AgentException.h"
+#include "Agents/smtp/SmtpAgent.h"
+#include "Agents/smtp/SmtpSession.h"
+#include "XmlToolkit/Xml.h"
+
+namespace Osk {
+
+namespace {
+
+// Long enough for a large spool over a slow link; a relay that cannot be
+// reached ends the run long before.
+const std::chrono::minutes _budget(10);
+
+struct ConfigError {
+    std::string text;
+};
+
+EmailAgents::Params _agentParams(const std::string& config) {
+    const auto document = Tamxml::Document::fromFile(config);
+    const auto agents = Tamxml::find_elements(document, Tamxml::XPath("/Channel/EmailAgent"));
+    if (!agents || agents->empty()) {
+        throw ConfigError{config + " has no /Channel/EmailAgent element"};
+    }
+    EmailAgents::Params params;
+    const auto children = Tamxml::find_elements(agents->front(), Tamxml::XPath("Param"));
+    for (const auto& param : *children) {
+        const auto name = param->attr("name");
+        const auto value = param->attr("value");
+        if (!name || !value) {
+            throw ConfigError{config + ": a Param of EmailAgent lacks its name or value"};
+        }
+        params[name->value_cast<std::string>()] = value->value_cast<std::string>();
+    }
+    if (params.count("spool") == 0) {
+        throw ConfigError{config + ": the EmailAgent has no \"spool\" parameter, so there is " +
+                          "nothing to flush (is it the SMTP agent?)"};
+    }
+    return params;
+}
+
+}  // namespace
+
+int flushSpool(const std::string& config, std::ostream& out, std::ostream& err) {
+    EmailAgents::SmtpSettings settings;
+    try {
+        settings = EmailAgents::SmtpSettings::fromParams(_agentParams(config));
+    } catch (const ConfigError& e) {
+        err << "osk-spool: " << e.text << "\n";
+        return 2;
+    } catch (const Tamtk::Exception& e) {
+        err << "osk-spool: " << config << ": " << e.what() << "\n";
+        return 2;
+    }
+    if (!EmailAgents::Spool::isSpool(settings.spool)) {
+        err << "osk-spool: \"" << settings.spool
+            << "\" is not a spool (no new/, tmp/ and failed/ there)\n";
+        return 2;
+    }
+    // This run is the drain: no background pass may take mail out of its
+    // count, and the agent need not try again when it ends.
+    settings.retryAtStart = false;
+    settings.drainMs = 0;
+
+    EmailAgents::SmtpSession::initialise();
+    EmailAgents::SmtpAgent agent(settings);
+    const auto result = agent.drain(_budget);
+    if (result.locked) {
+        err << "osk-spool: the spool \"" << settings.spool
+            << "\" is being delivered by another process; try again in a moment\n";
+        return 1;
+    }
+    for (const std::string& problem : result.problems) {
+        err << "osk-spool: " << problem << "\n";
+    }
+    out << result.delivered << " delivered, " << result.failed
+        << " refused for some or all recipients (in failed/), " << result.waiting
+        << " still waiting\n";
+    return result.waiting == 0 ? 0 : 1;
+}
+
+}  // namespace Osk

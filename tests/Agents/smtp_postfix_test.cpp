@@ -1,0 +1,180 @@
+// The SMTP agent against a real Postfix: what a production relay makes of
+// the agent's dialogue, its TLS and its handling of a refused recipient.
+// Skipped, saying why, where Postfix cannot run (not root, not installed).
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "Agents/smtp/Spool.h"
+#include "SmtpTestUtil.h"
+
+using namespace Osk::EmailAgents;
+using namespace AgentTest;
+
+namespace {
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+std::string headers(const std::string& message) {
+    return message.substr(0, message.find("\n\n") + 1);
+}
+
+std::string body(const std::string& message) {
+    const std::size_t end = message.find("\n\n");
+    return end == std::string::npos ? "" : message.substr(end + 2);
+}
+
+// A complete message, as the channel builds it: Postfix adds nothing of its
+// own below its trace headers.
+std::string alert(const std::string& to, const std::string& bodyText) {
+    static int count = 0;
+    return "Date: Mon, 23 Nov 2026 10:00:00 +0000\n"
+           "From: Alerts <alerts@example.com>\n"
+           "To: <" +
+           to +
+           ">\n"
+           "Subject: =?UTF-8?Q?St=C3=B6rung?=\n"
+           "Message-ID: <" +
+           std::to_string(++count) +
+           ".test@example.com>\n"
+           "MIME-Version: 1.0\n"
+           "Content-Type: text/plain; charset=UTF-8\n"
+           "Content-Transfer-Encoding: 8bit\n"
+           "\n" +
+           bodyText;
+}
+
+class Postfix : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (!PostfixServer::unavailable().empty()) {
+            return;
+        }
+        try {
+            server_.reset(new PostfixServer({"ops", "oncall", "secure", "kept", "fallback"},
+                                            {"gone@example.test"}));
+        } catch (const std::exception& e) {
+            startFailure_ = e.what();
+        }
+    }
+    static void TearDownTestSuite() { server_.reset(); }
+
+    void SetUp() override {
+        const std::string why = PostfixServer::unavailable();
+        if (!why.empty()) {
+            GTEST_SKIP() << "no Postfix here: " << why;
+        }
+        ASSERT_TRUE(server_) << "Postfix did not start: " << startFailure_;
+    }
+
+    static std::unique_ptr<PostfixServer> server_;
+    static std::string startFailure_;
+};
+
+std::unique_ptr<PostfixServer> Postfix::server_;
+std::string Postfix::startFailure_;
+
+}  // namespace
+
+TEST_F(Postfix, DeliversTheMessageAsSentToEveryRecipient) {
+    SmtpAgent agent(settingsFor(server_->url(), {{"starttls", "no"}}));
+    const std::vector<std::string> bodies = {
+        "Disk full on db1.\n",
+        ".\n..two dots\n.one dot\nend\n",  // SMTP's dot lines, unstuffed by Postfix
+        "\xc3\xa9t\xc3\xa9 \xe2\x9c\x93\n" + std::string(990, 'x') + "\n",
+    };
+    for (const std::string& b : bodies) {
+        ASSERT_EQ(
+            sendFailure(agent, "alerts@example.com", {"ops@example.test", "oncall@example.test"},
+                        alert("ops@example.test", b)),
+            "");
+    }
+    for (const char* user : {"ops", "oncall"}) {
+        const std::vector<std::string> got = server_->mailbox(user, bodies.size(), 20);
+        ASSERT_EQ(got.size(), bodies.size()) << user << "\n" << server_->log();
+        std::vector<std::string> gotBodies;
+        for (const std::string& message : got) {
+            gotBodies.push_back(body(message));
+            const std::string head = headers(message);
+            EXPECT_TRUE(contains(head, "Return-Path: <alerts@example.com>\n")) << head;
+            EXPECT_TRUE(contains(head, "Delivered-To: " + std::string(user) + "@example.test\n"))
+                << head;
+            EXPECT_TRUE(contains(head, "\nSubject: =?UTF-8?Q?St=C3=B6rung?=\n")) << head;
+        }
+        // Postfix's Maildir names do not keep the order of arrival within a second.
+        std::vector<std::string> sent = bodies;
+        std::sort(sent.begin(), sent.end());
+        std::sort(gotBodies.begin(), gotBodies.end());
+        EXPECT_EQ(gotBodies, sent) << user;
+    }
+}
+
+TEST_F(Postfix, StartTlsRequiredTrustsOnlyTheConfiguredAuthority) {
+    struct Case {
+        std::string caFile;
+        bool delivered;
+    };
+    // Without ca_file the system store is asked, which does not know the
+    // test certificate: the agent must refuse the server, not send in clear.
+    const std::vector<Case> cases = {{Certificate::get().cert, true}, {"", false}};
+    std::size_t expected = 0;
+    for (const Case& c : cases) {
+        Params params = {{"starttls", "required"}};
+        if (!c.caFile.empty()) {
+            params.emplace("ca_file", c.caFile);
+        }
+        SmtpAgent agent(settingsFor(server_->url(), params));
+        const std::string failure =
+            sendFailure(agent, "alerts@example.com", {"secure@example.test"},
+                        alert("secure@example.test", "over TLS\n"));
+        expected += c.delivered ? 1 : 0;
+        if (c.delivered) {
+            EXPECT_EQ(failure, "");
+        } else {
+            EXPECT_TRUE(contains(failure, "certificate")) << failure;
+        }
+        const std::vector<std::string> got = server_->mailbox("secure", expected, 20);
+        ASSERT_EQ(got.size(), expected) << server_->log();
+    }
+    EXPECT_TRUE(contains(headers(server_->mailbox("secure", 1, 0)[0]), "(using TLS"))
+        << "Postfix's Received header names no TLS";
+}
+
+TEST_F(Postfix, ARefusedRecipientLandsInFailedWhileTheOtherGetsTheMail) {
+    TempDir dir;
+    SmtpAgent agent(settingsFor(server_->url(), {{"starttls", "no"}, {"spool", dir / "spool"}}));
+    const std::string failure =
+        sendFailure(agent, "alerts@example.com", {"kept@example.test", "gone@example.test"},
+                    alert("kept@example.test", "partly refused\n"));
+    EXPECT_TRUE(contains(failure, "refused the recipient gone@example.test (550 5.1.1")) << failure;
+    EXPECT_TRUE(contains(failure, "delivered to the other 1 of 2")) << failure;
+
+    EXPECT_EQ(server_->mailbox("kept", 1, 20).size(), 1u) << server_->log();
+    EXPECT_EQ(listDir(dir / "spool/new"), std::vector<std::string>());
+    const std::vector<std::string> failed = listDir(dir / "spool/failed/new");
+    ASSERT_EQ(failed.size(), 1u);
+    SpooledMessage refused;
+    std::string reply;
+    ASSERT_TRUE(Spool::parse(readFile(dir / ("spool/failed/new/" + failed[0])), refused, &reply));
+    EXPECT_EQ(refused.to, std::vector<std::string>{"gone@example.test"});
+    EXPECT_TRUE(contains(reply, "gone@example.test: 550 5.1.1")) << reply;
+    EXPECT_EQ(body(refused.message), "partly refused\n");
+}
+
+TEST_F(Postfix, AFallbackRelayTakesOverFromADeadOne) {
+    TempDir dir;
+    const std::string dead = "smtp://127.0.0.1:" + std::to_string(freePort());
+    SmtpAgent agent(
+        settingsFor(dead + " " + server_->url(), {{"starttls", "no"}, {"spool", dir / "spool"}}));
+    EXPECT_EQ(sendFailure(agent, "alerts@example.com", {"fallback@example.test"},
+                          alert("fallback@example.test", "via the second relay\n")),
+              "");
+    const std::vector<std::string> got = server_->mailbox("fallback", 1, 20);
+    ASSERT_EQ(got.size(), 1u) << server_->log();
+    EXPECT_EQ(body(got[0]), "via the second relay\n");
+    EXPECT_EQ(listDir(dir / "spool/new"), std::vector<std::string>());
+}

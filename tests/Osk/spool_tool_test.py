@@ -1,0 +1,167 @@
+#!/usr/bin/python3
+"""osk-spool end to end: a spool filled by the real channel and SMTP agent
+(osk-host against an unreachable port and against a test server that refuses
+one recipient), then listed, flushed, requeued and dropped."""
+
+import fcntl
+import json
+import os
+import subprocess
+import unittest
+
+from host_harness import (SMTP_AGENT, SUBJECT, TIMEOUT, HostTest, SmtpServer, channel_config,
+                          events_xml)
+
+OSK_SPOOL = os.environ.get("OSK_SPOOL", "")
+
+GROUPS = """
+  <EventGroup enabled="yes">
+    <Message>Disk on %host% is full.</Message>
+    <Event id="100" enabled="yes"/>
+  </EventGroup>"""
+TOKENS = '<Token name="host" xpath="/alarm/host"/>'
+# The subject goes out in ISO-8859-15, so listing it takes a charset conversion.
+CHARSET = '<Charset enabled="yes" locale="de" charset="ISO-8859-15"/>'
+REFUSED = "r550.gone@example.org"
+
+
+class SpoolToolTest(HostTest):
+    def setUp(self):
+        super().setUp()
+        if not OSK_SPOOL or not os.path.exists(OSK_SPOOL):
+            self.fail(f"OSK_SPOOL must name the built program (got {OSK_SPOOL!r})")
+        self.spool = self.dir / "spool"
+        self.server = SmtpServer(self.dir)
+        self.addCleanup(self.server.stop)
+
+    def config(self, url, recipients=("ops@example.com",), name="config.xml"):
+        params = [("url", url), ("starttls", "no"), ("timeout", "5"), ("drain", "0"),
+                  ("spool", str(self.spool))]
+        return self.write(name, channel_config(SMTP_AGENT, params, GROUPS, CHARSET, TOKENS,
+                                               recipients))
+
+    def alert(self, url, host, recipients=("ops@example.com",)):
+        """One alert through osk-host; it ends in the server or in the spool."""
+        config = self.config(url, recipients).read_text()
+        self.host(config, events_xml((100, f"<alarm><host>{host}</host></alarm>")),
+                  env={"TAM_LANG": "de_DE"})
+
+    def spool_tool(self, *args):
+        done = subprocess.run([OSK_SPOOL, *map(str, args)], capture_output=True, cwd=self.dir,
+                              timeout=TIMEOUT)
+        return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+    def listing(self):
+        code, out, err = self.spool_tool("list", self.spool, "--json")
+        self.assertEqual(0, code, err)
+        return json.loads(out)
+
+    def fill(self):
+        """Two mails waiting (server unreachable), one failed (refused)."""
+        self.alert(self.server.url, "db0", ("ops@example.com", REFUSED))
+        self.assertEqual(1, len(self.server.messages()))
+        for host in ("db1", "db2"):
+            self.alert("smtp://127.0.0.1:1", host)
+        entries = self.listing()
+        self.assertEqual(["failed", "waiting", "waiting"], [e["state"] for e in entries])
+        return entries
+
+    def test_list_flush_requeue_drop(self):
+        entries = self.fill()
+        failed, first, second = entries
+        self.assertEqual([REFUSED], failed["recipients"])
+        self.assertIn("550", failed["reason"])
+        self.assertEqual(["ops@example.com"], first["recipients"])
+        self.assertIsNone(first["reason"])
+        for e in entries:
+            self.assertEqual(SUBJECT, e["subject"])
+            self.assertRegex(e["queued"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+
+        code, text, _ = self.spool_tool("list", self.spool)
+        lines = text.splitlines()
+        self.assertEqual(0, code)
+        self.assertEqual("3 mails: 2 waiting, 1 failed", lines[-1])
+        self.assertEqual([e["id"] for e in entries], [line.split()[0] for line in lines[:-1]])
+        self.assertIn(SUBJECT, lines[1])
+        self.assertIn("550", lines[0])
+
+        code, out, err = self.spool_tool("flush", "--config", self.config(self.server.url))
+        self.assertEqual((0, ""), (code, err))
+        self.assertIn("2 delivered", out)
+        self.assertEqual(3, len(self.server.messages()))
+        self.assertEqual([failed["id"]], [e["id"] for e in self.listing()])
+
+        # Back to waiting without the reply; the server refuses it again.
+        code, out, _ = self.spool_tool("requeue", self.spool)
+        self.assertEqual(0, code)
+        (requeued,) = self.listing()
+        self.assertEqual(("waiting", None, [REFUSED]),
+                         (requeued["state"], requeued["reason"], requeued["recipients"]))
+        self.assertIn(requeued["id"], out)
+        code, out, err = self.spool_tool("flush", "--config", self.config(self.server.url))
+        self.assertEqual(0, code, out + err)
+        self.assertIn(REFUSED, err)
+        (refused,) = self.listing()
+        self.assertEqual("failed", refused["state"])
+
+        self.assertEqual(0, self.spool_tool("drop", self.spool, refused["id"])[0])
+        self.assertEqual([], self.listing())
+        self.assertEqual("0 mails: 0 waiting, 0 failed\n", self.spool_tool("list", self.spool)[1])
+
+    def test_mistakes_change_nothing(self):
+        entries = self.fill()
+        ids = [e["id"] for e in entries]
+        not_spool = self.dir / "not-a-spool"
+        not_spool.mkdir()
+        no_spool = self.write("no-spool.xml", channel_config(
+            SMTP_AGENT, [("url", self.server.url)], GROUPS, "", TOKENS))
+        cases = [  # (arguments, what the message says)
+            (("list", not_spool), "is not a spool"),
+            (("drop", not_spool, ids[0]), "is not a spool"),
+            (("list", self.dir / "missing"), "is not a spool"),
+            (("drop", self.spool, ids[1], "no-such-id"), '"no-such-id" is not in the spool'),
+            (("drop", self.spool, "../spool/new/" + ids[1]), "is not in the spool"),
+            (("requeue", self.spool, ids[0], ids[1]), f'"{ids[1]}" is waiting, not failed'),
+            (("flush", "--config", no_spool), 'no "spool" parameter'),
+        ]
+        for args, message in cases:
+            with self.subTest(args=args):
+                code, out, err = self.spool_tool(*args)
+                self.assertEqual(2, code, out + err)
+                self.assertIn(message, err)
+        self.assertEqual(entries, self.listing())
+        self.assertEqual([], os.listdir(not_spool))
+        self.assertFalse((self.dir / "missing").exists())
+        self.assertEqual(1, len(self.server.messages()))
+
+    def test_a_locked_spool_is_left_alone_and_nothing_is_sent_twice(self):
+        entries = self.fill()
+        config = self.config(self.server.url, name="flush.xml")
+        with open(self.spool / "lock", "a") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            for args in (("flush", "--config", config), ("requeue", self.spool),
+                         ("drop", self.spool, entries[1]["id"])):
+                with self.subTest(args=args[0]):
+                    code, out, err = self.spool_tool(*args)
+                    self.assertEqual(1, code, out + err)
+                    self.assertIn("another process", err)
+        self.assertEqual(entries, self.listing())
+        self.assertEqual(1, len(self.server.messages()))
+
+        # Two flushes at once: each mail reaches the server exactly once.
+        for host in range(3, 12):
+            self.alert("smtp://127.0.0.1:1", f"db{host}")
+        runs = [subprocess.Popen([OSK_SPOOL, "flush", "--config", str(config)],
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                for _ in range(2)]
+        for run in runs:
+            out, err = run.communicate(timeout=TIMEOUT)
+            self.assertIn(run.returncode, (0, 1), out + err)
+        bodies = [m.get_content() for _, _, m in self.server.messages()[1:]]
+        self.assertEqual(11, len(bodies), bodies)
+        self.assertEqual(len(bodies), len(set(bodies)))
+        self.assertEqual(["failed"], [e["state"] for e in self.listing()])
+
+
+if __name__ == "__main__":
+    unittest.main()
