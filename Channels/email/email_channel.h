@@ -30,11 +30,14 @@ public:
 
     struct event_group {
         boost::shared_ptr<const Tamtk::Utf8Array> message;
+        // A template like the message's; null: the channel's default subject.
+        boost::shared_ptr<const Tamtk::Utf8Array> subject;
         HeaderMap extra_headers;
     };
 
     // How a placeholder is filled: XPath over the event, a constant, or a stylesheet.
-    typedef Tamtk::triple<boost::optional<Tamxml::XPath>, std::string, boost::shared_ptr<Tamxml::Xslt>>
+    typedef Tamtk::triple<boost::optional<Tamxml::XPath>, std::string,
+                          boost::shared_ptr<Tamxml::Xslt>>
         Token;
     typedef std::map<std::string, Token> TokenMap;
     typedef std::map<unsigned long, event_group> GroupMap;
@@ -59,9 +62,13 @@ public:
 
     // Delivery steps.
     bool get_event_group_info(unsigned long id, boost::shared_ptr<const Tamtk::Utf8Array>& message,
-                              HeaderMap& headers);
+                              HeaderMap& headers,
+                              boost::shared_ptr<const Tamtk::Utf8Array>* subject = nullptr);
     void get_msg(boost::shared_ptr<ChannelEvent> event,
                  boost::shared_ptr<const Tamtk::Utf8Array> message, std::string& out);
+    // The group's subject template rendered like a message, as one line.
+    std::string get_subject(boost::shared_ptr<ChannelEvent> event,
+                            boost::shared_ptr<const Tamtk::Utf8Array> subject);
     void get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
                                  std::map<std::string, std::string>& values);
 
