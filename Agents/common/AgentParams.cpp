@@ -105,6 +105,28 @@ std::string ParamReader::choice(const char* name, std::initializer_list<const ch
     fail(name, "has the value \"" + it->second + "\"; expected one of " + _list(allowed));
 }
 
+unsigned long ParamReader::count(const char* name, unsigned long fallback,
+                                 unsigned long max) const {
+    auto it = params_.find(name);
+    if (it == params_.end()) {
+        return fallback;
+    }
+    // Digits only: strtoul would take a sign, blanks and "0x".
+    unsigned long value = 0;
+    bool valid = !it->second.empty() && it->second.size() <= 19;
+    for (const char c : it->second) {
+        valid = valid && c >= '0' && c <= '9';
+        value = value * 10 + static_cast<unsigned long>(c - '0');
+    }
+    if (!valid || value > max) {
+        std::ostringstream problem;
+        problem << "has the value \"" << it->second << "\"; expected a whole number from 0 to "
+                << max;
+        fail(name, problem.str());
+    }
+    return value;
+}
+
 long ParamReader::milliseconds(const char* name, double fallbackSeconds, double maxSeconds) const {
     auto it = params_.find(name);
     double seconds = fallbackSeconds;

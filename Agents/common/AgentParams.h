@@ -15,7 +15,7 @@ namespace EmailAgents {
 typedef std::map<std::string, std::string> Params;
 
 class ParamReader {
-  public:
+public:
     // `agent` names the agent in messages ("Maildir agent"). Throws
     // AgentParamException when `params` holds a name not in `known`.
     ParamReader(const char* agent, const Params& params, std::initializer_list<const char*> known);
@@ -30,13 +30,15 @@ class ParamReader {
     // One of `allowed` (exact spelling).
     std::string choice(const char* name, std::initializer_list<const char*> allowed,
                        const char* fallback) const;
+    // A whole number from 0 to `max`.
+    unsigned long count(const char* name, unsigned long fallback, unsigned long max) const;
     // A positive number of seconds, at most `max`; returned in milliseconds.
     long milliseconds(const char* name, double fallbackSeconds, double maxSeconds) const;
 
     // Raises AgentParamException: "<agent>: parameter "<name>" <problem>".
     [[noreturn]] void fail(const char* name, const std::string& problem) const;
 
-  private:
+private:
     const char* agent_;
     const Params& params_;
 };
