@@ -215,7 +215,7 @@ std::string decodeWords(const std::string& value) {
             break;
         }
         const std::string between = value.substr(pos, start - pos);
-        if (between.find_first_not_of(" \t") != std::string::npos || pendingCharset.empty()) {
+        if (between.find_first_not_of(" \t\r\n") != std::string::npos || pendingCharset.empty()) {
             settle();
             out += gap + between;
         }
@@ -231,7 +231,7 @@ std::string decodeWords(const std::string& value) {
         }
         pendingBytes += kind == 'B' ? _unbase64(payload) : _unquote(payload);
         pos = close + 2;
-        const std::size_t next = value.find_first_not_of(" \t", pos);
+        const std::size_t next = value.find_first_not_of(" \t\r\n", pos);
         gap = value.substr(pos, (next == std::string::npos ? value.size() : next) - pos);
         pos += gap.size();
     }
