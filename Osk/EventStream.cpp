@@ -31,7 +31,9 @@ bool _is(const xmlChar* name, const char* wanted) {
     return name != nullptr && std::strcmp(reinterpret_cast<const char*>(name), wanted) == 0;
 }
 
-std::string _text(const xmlChar* text) { return text ? reinterpret_cast<const char*>(text) : ""; }
+std::string _text(const xmlChar* text) {
+    return text ? reinterpret_cast<const char*>(text) : "";
+}
 
 // Only plain decimal digits make an event id.
 bool _parse_id(const xmlChar* text, unsigned long& id) {
@@ -39,7 +41,8 @@ bool _parse_id(const xmlChar* text, unsigned long& id) {
         return false;
     }
     for (const xmlChar* p = text; *p; ++p) {
-        if (*p < '0' || *p > '9') return false;
+        if (*p < '0' || *p > '9')
+            return false;
     }
     errno = 0;
     char* end = nullptr;
@@ -53,9 +56,10 @@ EventStream& _stream(void* context) {
 
 }  // namespace
 
-EventStream::EventStream(const std::string& path)
+EventStream::EventStream(const std::string& path, const volatile std::sig_atomic_t* interrupted)
     : fd_(-1),
       ownsFd_(false),
+      interrupted_(interrupted),
       block_(_blockSize),
       blockSize_(0),
       blockParsed_(0),
@@ -118,7 +122,11 @@ void EventStream::feed() {
         ssize_t got;
         do {
             got = ::read(fd_, block_.data(), block_.size());
-        } while (got < 0 && errno == EINTR);
+        } while (got < 0 && errno == EINTR && !(interrupted_ && *interrupted_));
+        if (got < 0 && errno == EINTR) {
+            finished_ = true;  // stopped on request: what was read is all there is
+            return;
+        }
         if (got < 0) {
             fail("cannot read the event stream: " + std::string(std::strerror(errno)),
                  parser_ ? xmlSAX2GetLineNumber(parser_) : 0);
@@ -141,7 +149,8 @@ void EventStream::feed() {
         sax.serror = &EventStream::_onError;
         // The first bytes let the parser detect the encoding.
         const std::size_t head = blockSize_ < 4 ? blockSize_ : 4;
-        parser_ = xmlCreatePushParserCtxt(&sax, nullptr, block_.data(), static_cast<int>(head), nullptr);
+        parser_ =
+            xmlCreatePushParserCtxt(&sax, nullptr, block_.data(), static_cast<int>(head), nullptr);
         if (parser_ == nullptr) {
             fail("cannot start the XML parser", 0);
             return;
@@ -152,7 +161,8 @@ void EventStream::feed() {
     }
     const std::size_t left = blockSize_ - blockParsed_;
     const std::size_t slice = left < _sliceSize ? left : _sliceSize;
-    const int rc = xmlParseChunk(parser_, block_.data() + blockParsed_, static_cast<int>(slice), end ? 1 : 0);
+    const int rc =
+        xmlParseChunk(parser_, block_.data() + blockParsed_, static_cast<int>(slice), end ? 1 : 0);
     blockParsed_ += slice;
     if (rc != 0 || !parser_->wellFormed) {
         // Everything completed before the fault is already queued ahead of this.
@@ -226,8 +236,8 @@ void EventStream::take(xmlNodePtr element) {
     }
     const int line = eventLine_;
     if (!_is(element->name, "Event")) {
-        ready_.push_back(Item{{}, Problem{"unexpected element " + _text(element->name) + " skipped",
-                                          line, false}});
+        ready_.push_back(Item{
+            {}, Problem{"unexpected element " + _text(element->name) + " skipped", line, false}});
         return;
     }
     unsigned long id = 0;
@@ -245,8 +255,8 @@ void EventStream::take(xmlNodePtr element) {
         child = child->next;
     }
     if (child == nullptr) {
-        ready_.push_back(
-            Item{{}, Problem{"event " + std::to_string(id) + " has no document; skipped", line, false}});
+        ready_.push_back(Item{
+            {}, Problem{"event " + std::to_string(id) + " has no document; skipped", line, false}});
         return;
     }
     xmlDocPtr doc = xmlNewDoc(BAD_CAST "1.0");
@@ -260,7 +270,8 @@ void EventStream::take(xmlNodePtr element) {
     }
     xmlDocSetRootElement(doc, copy);
     boost::shared_ptr<const Tamxml::Document> document = Tamxml::Document::adopt(doc);
-    ready_.push_back(Item{boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, document)), Problem{}});
+    ready_.push_back(
+        Item{boost::shared_ptr<ChannelEvent>(new ChannelEvent(id, document)), Problem{}});
 }
 
 }  // namespace Osk

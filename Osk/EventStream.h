@@ -3,6 +3,7 @@
 #include <libxml/parser.h>
 
 #include <boost/shared_ptr.hpp>
+#include <csignal>
 #include <deque>
 #include <string>
 #include <vector>
@@ -25,8 +26,10 @@ public:
         bool fatal;  // the stream cannot be read further
     };
 
-    // "-" reads standard input.
-    explicit EventStream(const std::string& path);
+    // "-" reads standard input. When `interrupted` is given and set by a
+    // signal handler, a read the signal broke off ends the stream there.
+    explicit EventStream(const std::string& path,
+                         const volatile std::sig_atomic_t* interrupted = nullptr);
     ~EventStream();
     EventStream(const EventStream&) = delete;
     EventStream& operator=(const EventStream&) = delete;
@@ -56,6 +59,7 @@ private:
 
     int fd_;
     bool ownsFd_;
+    const volatile std::sig_atomic_t* interrupted_;
     std::vector<char> block_;  // what the last read() returned
     std::size_t blockSize_;
     std::size_t blockParsed_;

@@ -3,6 +3,7 @@
 // writes every report of the channel to the log targets.
 
 #include <dlfcn.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,7 +21,8 @@
 namespace {
 
 const char* const _usage =
-    "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] [--progress]\n"
+    "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] "
+    "[--progress]\n"
     "\n"
     "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
     "the configuration, do_log for every event, then do_flush and do_shutdown.\n"
@@ -46,6 +48,10 @@ const char* const _usage =
     "Reports of the channel go to standard error (and the system log with --syslog). At the end\n"
     "one line on standard error gives the events read, the reports by severity, the time taken,\n"
     "the events per second and the peak memory used.\n"
+    "\n"
+    "SIGINT or SIGTERM stops reading: the events read so far are handled and the program ends\n"
+    "normally (agents finish their work, e.g. the SMTP agent drains its spool); a second signal\n"
+    "ends it at once.\n"
     "\n"
     "Exit status: 0 configured and every event read; 1 an event skipped or the stream broken;\n"
     "2 configuration failed; 64 bad command line; 69 the plug-in could not be loaded.\n";
@@ -86,13 +92,17 @@ bool _parse(int argc, char** argv, Options& options) {
             std::cout << _usage;
             std::exit(0);
         } else if (arg == "--config") {
-            if (!value(options.config)) return false;
+            if (!value(options.config))
+                return false;
         } else if (arg == "--events") {
-            if (!value(options.events)) return false;
+            if (!value(options.events))
+                return false;
         } else if (arg == "--channel") {
-            if (!value(options.channel)) return false;
+            if (!value(options.channel))
+                return false;
         } else if (arg == "--syslog") {
-            if (!value(options.syslogIdent)) return false;
+            if (!value(options.syslogIdent))
+                return false;
         } else if (arg == "--progress") {
             options.progress = true;
         } else {
@@ -120,16 +130,19 @@ public:
     explicit Progress(bool enabled) : enabled_(enabled), shown_(false), drawnOnce_(false) {}
 
     void update(unsigned long events) {
-        if (!enabled_) return;
+        if (!enabled_)
+            return;
         const auto now = std::chrono::steady_clock::now();
-        if (drawnOnce_ && now - drawn_ < std::chrono::milliseconds(200)) return;
+        if (drawnOnce_ && now - drawn_ < std::chrono::milliseconds(200))
+            return;
         draw(events);
         drawn_ = now;
         drawnOnce_ = true;
     }
     // Leaves the final count on its own line.
     void finish(unsigned long events) {
-        if (!enabled_) return;
+        if (!enabled_)
+            return;
         draw(events);
         interrupt();
     }
@@ -158,19 +171,42 @@ private:
 // the parent had resident when it started us.
 unsigned long _peakKib() {
     std::FILE* status = std::fopen("/proc/self/status", "r");
-    if (status == nullptr) return 0;
+    if (status == nullptr)
+        return 0;
     char line[256];
     unsigned long kib = 0;
     while (std::fgets(line, sizeof line, status) != nullptr) {
-        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1) break;
+        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1)
+            break;
     }
     std::fclose(status);
     return kib;
 }
 
+// Set by SIGINT or SIGTERM: the host stops reading and shuts down the way
+// it does at the end of the stream, so that plug-ins finish their work.
+volatile std::sig_atomic_t _interrupted = 0;
+
+void _onSignal(int signal) {
+    _interrupted = signal;
+}
+
+// Without SA_RESTART, so a read waiting for input returns; SA_RESETHAND,
+// so a second signal ends the program at once.
+void _stopOnSignals() {
+    struct sigaction action;
+    std::memset(&action, 0, sizeof action);
+    action.sa_handler = _onSignal;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
 std::string _position(const std::string& events, int line) {
     std::string where = events == "-" ? "stdin" : events;
-    if (line > 0) where += ":" + std::to_string(line);
+    if (line > 0)
+        where += ":" + std::to_string(line);
     return where;
 }
 
@@ -193,10 +229,11 @@ int _run(const Options& options, Osk::HostLog& log) {
     const auto started = std::chrono::steady_clock::now();
     {
         boost::shared_ptr<Osk::Channel> channel = create();
-        channel->set_reporter([&log, &progress](const Tamlog::severity_mask& sev, const std::string& text) {
-            progress.interrupt();
-            log.report(sev, text);
-        });
+        channel->set_reporter(
+            [&log, &progress](const Tamlog::severity_mask& sev, const std::string& text) {
+                progress.interrupt();
+                log.report(sev, text);
+            });
 
         bool configured = false;
         try {
@@ -206,7 +243,8 @@ int _run(const Options& options, Osk::HostLog& log) {
                 std::cerr << "osk-host: the channel did not accept " << options.config << "\n";
             }
         } catch (const Tamtk::Exception& e) {
-            std::cerr << "osk-host: configuration failed: " << e.what() << "\n  at " << e.location() << "\n";
+            std::cerr << "osk-host: configuration failed: " << e.what() << "\n  at " << e.location()
+                      << "\n";
         } catch (const std::exception& e) {
             std::cerr << "osk-host: configuration failed: " << e.what() << "\n";
         }
@@ -214,8 +252,10 @@ int _run(const Options& options, Osk::HostLog& log) {
         if (!configured) {
             status = 2;
         } else {
-            Osk::EventStream stream(options.events);
+            Osk::EventStream stream(options.events, &_interrupted);
             for (;;) {
+                if (_interrupted)
+                    break;
                 Osk::EventStream::Problem problem;
                 bool hadProblem = false;
                 boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
@@ -224,16 +264,21 @@ int _run(const Options& options, Osk::HostLog& log) {
                     std::cerr << "osk-host: " << _position(options.events, problem.line) << ": "
                               << problem.message << "\n";
                     status = 1;
-                    if (problem.fatal) break;
+                    if (problem.fatal)
+                        break;
                     ++skipped;
                     continue;
                 }
-                if (!event) break;
+                if (!event)
+                    break;
                 channel->do_log(event);
                 ++events;
                 progress.update(events);
             }
             progress.finish(events);
+            if (_interrupted) {
+                std::cerr << "osk-host: " << strsignal(_interrupted) << ": stopped reading\n";
+            }
         }
         channel->do_flush();
         channel->do_shutdown();
@@ -244,9 +289,11 @@ int _run(const Options& options, Osk::HostLog& log) {
     std::snprintf(timing, sizeof timing, "%.3f s, %.0f events/s", seconds,
                   seconds > 0 ? events / seconds : 0.0);
     std::cerr << "osk-host: " << events << " events read";
-    if (skipped > 0) std::cerr << " (" << skipped << " skipped)";
+    if (skipped > 0)
+        std::cerr << " (" << skipped << " skipped)";
     std::cerr << ", reports: " << log.summary() << ", " << timing;
-    if (const unsigned long kib = _peakKib()) std::cerr << ", peak memory " << kib << " KiB";
+    if (const unsigned long kib = _peakKib())
+        std::cerr << ", peak memory " << kib << " KiB";
     std::cerr << "\n";
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
@@ -261,5 +308,6 @@ int main(int argc, char** argv) {
         return 64;
     }
     Osk::HostLog log(options.syslogIdent);
+    _stopOnSignals();
     return _run(options, log);
 }

@@ -105,29 +105,8 @@ std::string ParamReader::choice(const char* name, std::initializer_list<const ch
     fail(name, "has the value \"" + it->second + "\"; expected one of " + _list(allowed));
 }
 
-unsigned long ParamReader::count(const char* name, unsigned long fallback,
-                                 unsigned long max) const {
-    auto it = params_.find(name);
-    if (it == params_.end()) {
-        return fallback;
-    }
-    // Digits only: strtoul would take a sign, blanks and "0x".
-    unsigned long value = 0;
-    bool valid = !it->second.empty() && it->second.size() <= 19;
-    for (const char c : it->second) {
-        valid = valid && c >= '0' && c <= '9';
-        value = value * 10 + static_cast<unsigned long>(c - '0');
-    }
-    if (!valid || value > max) {
-        std::ostringstream problem;
-        problem << "has the value \"" << it->second << "\"; expected a whole number from 0 to "
-                << max;
-        fail(name, problem.str());
-    }
-    return value;
-}
-
-long ParamReader::milliseconds(const char* name, double fallbackSeconds, double maxSeconds) const {
+long ParamReader::milliseconds(const char* name, double fallbackSeconds, double maxSeconds,
+                               bool zeroAllowed) const {
     auto it = params_.find(name);
     double seconds = fallbackSeconds;
     if (it != params_.end()) {
@@ -138,14 +117,35 @@ long ParamReader::milliseconds(const char* name, double fallbackSeconds, double 
         seconds = 0;
         in >> std::noskipws >> seconds;
         if (in.fail() || in.peek() != std::char_traits<char>::eof() || !std::isfinite(seconds) ||
-            seconds <= 0 || seconds > maxSeconds) {
+            seconds < 0 || (seconds == 0 && !zeroAllowed) || seconds > maxSeconds) {
             std::ostringstream problem;
-            problem << "has the value \"" << it->second
-                    << "\"; expected a number of seconds above 0 and at most " << maxSeconds;
+            problem << "has the value \"" << it->second << "\"; expected a number of seconds "
+                    << (zeroAllowed ? "from 0" : "above 0") << " and at most " << maxSeconds;
             fail(name, problem.str());
         }
     }
     return std::lround(std::ceil(seconds * 1000.0));
+}
+
+long ParamReader::integer(const char* name, long fallback, long min, long max) const {
+    auto it = params_.find(name);
+    if (it == params_.end()) {
+        return fallback;
+    }
+    const std::string& v = it->second;
+    long value = 0;
+    bool ok = !v.empty() && v.size() <= 9;
+    for (char c : v) {
+        ok = ok && c >= '0' && c <= '9';
+        value = ok ? value * 10 + (c - '0') : value;
+    }
+    if (!ok || value < min || value > max) {
+        std::ostringstream problem;
+        problem << "has the value \"" << v << "\"; expected a whole number from " << min << " to "
+                << max;
+        fail(name, problem.str());
+    }
+    return value;
 }
 
 }  // namespace EmailAgents

@@ -30,10 +30,12 @@ public:
     // One of `allowed` (exact spelling).
     std::string choice(const char* name, std::initializer_list<const char*> allowed,
                        const char* fallback) const;
-    // A whole number from 0 to `max`.
-    unsigned long count(const char* name, unsigned long fallback, unsigned long max) const;
     // A positive number of seconds, at most `max`; returned in milliseconds.
-    long milliseconds(const char* name, double fallbackSeconds, double maxSeconds) const;
+    // `zeroAllowed`: 0 is taken too (it switches something off).
+    long milliseconds(const char* name, double fallbackSeconds, double maxSeconds,
+                      bool zeroAllowed = false) const;
+    // A whole number from `min` to `max`.
+    long integer(const char* name, long fallback, long min, long max) const;
 
     // Raises AgentParamException: "<agent>: parameter "<name>" <problem>".
     [[noreturn]] void fail(const char* name, const std::string& problem) const;

@@ -1,6 +1,8 @@
 #include "Agents/common/Maildir.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "Agents/common/AgentException.h"
 
@@ -95,7 +98,59 @@ void _writeAll(int fd, const std::vector<Piece>& pieces, const std::string& file
     }
 }
 
+// The writer named by "<time>.M<us>P<pid>Q<n>.<host>"; 0 for names made elsewhere.
+long _writerOf(const std::string& name) {
+    const std::size_t p = name.find('P');
+    const std::size_t q = name.find('Q', p);
+    if (p == std::string::npos || q == std::string::npos || q == p + 1) {
+        return 0;
+    }
+    long pid = 0;
+    for (std::size_t i = p + 1; i < q; ++i) {
+        if (name[i] < '0' || name[i] > '9' || pid > 1000000000L) {
+            return 0;
+        }
+        pid = pid * 10 + (name[i] - '0');
+    }
+    return pid;
+}
+
+bool _running(long pid) {
+    return pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+}
+
 }  // namespace
+
+std::size_t Maildir::removeLeftovers(long maxAgeSeconds, bool writerGone) const {
+    const std::string dir = path_ + "/tmp";
+    DIR* d = opendir(dir.c_str());
+    if (!d) {
+        return 0;  // nothing there yet
+    }
+    std::vector<std::string> names;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') {
+            names.emplace_back(e->d_name);
+        }
+    }
+    closedir(d);
+    const std::time_t now = std::time(nullptr);
+    std::size_t removed = 0;
+    for (const std::string& name : names) {
+        const std::string file = dir + "/" + name;
+        struct stat st;
+        if (lstat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            continue;
+        }
+        const bool old = now - st.st_mtime > maxAgeSeconds;
+        // A living writer, even with an unknown name, may still rename it.
+        const bool abandoned = writerGone && !_running(_writerOf(name)) && _writerOf(name) != 0;
+        if ((old || abandoned) && unlink(file.c_str()) == 0) {
+            ++removed;
+        }
+    }
+    return removed;
+}
 
 std::string uniqueMaildirName() {
     static const std::string host = _hostPart();

@@ -19,7 +19,7 @@ struct Piece {
 };
 
 class Maildir {
-  public:
+public:
     // `sync`: flush each file and new/ to disk before deliver() returns.
     Maildir(std::string path, bool sync);
 
@@ -29,10 +29,15 @@ class Maildir {
     // Creates the Maildir first if it does not exist yet.
     std::string deliver(const std::vector<Piece>& pieces) const;
 
+    // Removes what writers that crashed left in tmp/: files older than
+    // `maxAgeSeconds`, and with `writerGone` also younger files whose writing
+    // process (the P<pid> of the name) no longer runs. Returns how many.
+    std::size_t removeLeftovers(long maxAgeSeconds, bool writerGone) const;
+
     const std::string& path() const { return path_; }
     std::string newDir() const { return path_ + "/new"; }
 
-  private:
+private:
     std::string path_;
     bool sync_;
 };

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "Agents/common/AgentException.h"
-#include "Agents/common/MessageId.h"
+#include "Agents/common/MailHeaders.h"
 #include "Agents/digest/Digest.h"
 #include "Toolkit/ComponentLoader.h"
 

@@ -17,7 +17,7 @@ DigestSettings DigestSettings::fromParams(const Params& params) {
     const ParamReader reader("Digest agent", mine, {"agent", "burst", "window", "hold"});
     settings.agent = reader.required("agent");
     settings.hold = reader.required("hold");
-    settings.burst = reader.count("burst", 10, 1000000);
+    settings.burst = static_cast<unsigned long>(reader.integer("burst", 10, 0, 1000000));
     // A day at most: held mail that waits longer is no alert any more.
     settings.windowMs = reader.milliseconds("window", 300, 86400);
     return settings;

@@ -19,7 +19,8 @@ struct MaildirSettings {
     static MaildirSettings fromParams(const Params& params);
 };
 
-// Stores `message` unchanged; returns the path of the new file.
+// Stores `message` unchanged behind the Message-ID and Auto-Submitted lines
+// it lacks; returns the path of the new file.
 std::string deliverToMaildir(const MaildirSettings& settings, const char* message);
 
 }  // namespace EmailAgents

@@ -1,10 +1,12 @@
 #include "Agents/smtp/SmtpAgent.h"
 
 #include <ctime>
+#include <iostream>
 #include <map>
 #include <sstream>
 
 #include "Agents/common/AgentException.h"
+#include "Agents/common/MailHeaders.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -12,8 +14,7 @@ namespace EmailAgents {
 namespace {
 
 const char* const _source = "Agents/smtp";
-typedef std::chrono::steady_clock _Clock;
-const _Clock::time_point _idle = _Clock::time_point::max();
+const std::chrono::steady_clock::time_point _idle = std::chrono::steady_clock::time_point::max();
 
 // The sender may be empty (the null sender, "MAIL FROM:<>"); a recipient not.
 void _checkAddress(const std::string& address, const char* role) {
@@ -83,11 +84,15 @@ struct SmtpAgent::Settled {
 SmtpAgent::SmtpAgent(const SmtpSettings& settings)
     : settings_(settings),
       spool_(settings_.spool.empty() ? nullptr : new Spool(settings_.spool)),
-      session_(settings_, &stopping_),
+      relays_(settings_, &stopping_),
       nextPass_(_idle),
       backoff_(settings_.retryFirst) {
+    if (spool_ && spool_->tryLock()) {
+        spool_->removeLeftovers();
+        spool_->unlock();
+    }
     if (spool_ && !spool_->empty()) {
-        nextPass_ = _Clock::now();  // left over from an earlier run
+        nextPass_ = Clock::now();  // left over from an earlier run
     }
     if (spool_) {
         retryThread_ = std::thread(&SmtpAgent::retryLoop, this);
@@ -103,16 +108,54 @@ SmtpAgent::~SmtpAgent() {
     if (retryThread_.joinable()) {
         retryThread_.join();
     }
+    finishRun();
+}
+
+// The process is ending: what waits gets one more pass if time is allowed
+// for it, and the operator learns what is left and where.
+void SmtpAgent::finishRun() {
+    if (!spool_) {
+        return;
+    }
+    try {
+        std::size_t left = spool_->pending().size();
+        std::size_t delivered = 0;
+        std::string why;
+        if (left > 0 && settings_.drainMs > 0) {
+            const Pass pass =
+                drainPass(Clock::now() + std::chrono::milliseconds(settings_.drainMs), false);
+            left = pass.result.waiting;
+            delivered = pass.result.delivered;
+            why = pass.result.locked ? "another process is delivering them"
+                  : pass.unreachable ? "the server could not be reached: " + pass.reason
+                                     : "";
+        }
+        if (left == 0 && delivered == 0) {
+            return;
+        }
+        std::ostringstream out;
+        out << "SMTP agent (" << settings_.url << "): ";
+        if (delivered > 0) {
+            out << delivered << " spooled mail" << (delivered == 1 ? "" : "s")
+                << " delivered before exit; ";
+        }
+        out << left << " mail" << (left == 1 ? " waits" : "s wait") << " in the spool \""
+            << spool_->dir() << "\"";
+        if (!why.empty()) {
+            out << " (" << why << ")";
+        }
+        if (left > 0) {
+            out << " and will be sent when the agent next starts";
+        }
+        std::cerr << out.str() << std::endl;
+    } catch (const std::exception& e) {
+        std::cerr << "SMTP agent (" << settings_.url << "): the spool \"" << spool_->dir()
+                  << "\" could not be drained: " << e.what() << std::endl;
+    }
 }
 
 std::size_t SmtpAgent::waiting() const {
     return spool_ ? spool_->pending().size() : 0;
-}
-
-Attempt SmtpAgent::attempt(const std::string& from, const std::vector<std::string>& to,
-                           const std::string& wire) {
-    std::lock_guard<std::mutex> lock(sessionMutex_);
-    return session_.send(from, to, wire);
 }
 
 void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to,
@@ -125,20 +168,21 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
     for (const std::string& r : to) {
         _checkAddress(r, "recipient");
     }
-    SpooledMessage spooled{from, to, message, std::time(nullptr)};
+    // The added headers go into the spool with the message, so that a retry
+    // carries the Message-ID of the first attempt.
+    SpooledMessage spooled{from, to, missingHeaders(message) + message, std::time(nullptr)};
 
-    // While the server is known to be down, new messages join the spool at
-    // once instead of each waiting for a connection to fail.
+    // While the server is known to be down or hung, new messages join the
+    // spool at once: only the retry thread finds out when it is back.
     std::string downSince;
     if (spool_) {
         std::lock_guard<std::mutex> lock(stateMutex_);
-        if (serverDown_ && _Clock::now() < nextPass_) {
-            downSince = lastFailure_;
+        if (serverDown_) {
+            downSince = lastFailure_.empty() ? "no answer" : lastFailure_;
         }
     }
     if (!downSince.empty()) {
         spool_->put(spooled);
-        noteSpooled(false, false, downSince);
         TAMTK_THROW(DeliveryException, _source,
                     "SMTP agent (" << settings_.url << "): the server could not be reached at "
                                    << "the last attempt (" << downSince
@@ -146,7 +190,11 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
                                    << "\" and will be retried");
     }
 
-    const Attempt result = attempt(from, to, toWireFormat(message));
+    Attempt result;
+    {
+        std::lock_guard<std::mutex> lock(sessionMutex_);
+        result = relays_.send(from, to, toWireFormat(spooled.message.c_str()));
+    }
     const Settled settled = settle(spooled, result, nullptr);
     if (settled.temporary.empty() && settled.permanent.empty()) {
         noteDelivered();
@@ -156,7 +204,7 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
         noteSpooled(result.connectionFailure, result.configurationFault,
                     settled.temporary.front().reason);
     }
-    TAMTK_THROW(DeliveryException, _source, describe(settled, to.size()));
+    TAMTK_THROW(DeliveryException, _source, describe(settled, to.size(), result.relay));
 }
 
 SmtpAgent::Settled SmtpAgent::settle(const SpooledMessage& message, const Attempt& attempt,
@@ -205,9 +253,10 @@ SmtpAgent::Settled SmtpAgent::settle(const SpooledMessage& message, const Attemp
     return s;
 }
 
-std::string SmtpAgent::describe(const Settled& s, std::size_t recipients) const {
+std::string SmtpAgent::describe(const Settled& s, std::size_t recipients,
+                                const std::string& relay) const {
     std::ostringstream out;
-    out << "SMTP agent (" << settings_.url << "): ";
+    out << "SMTP agent (" << (relay.empty() ? settings_.url : relay) << "): ";
     const bool whole = s.delivered == 0;
     auto lost = [&](const std::string& error) {
         return spool_ ? "; it could not be stored (" + error + ") and is lost"
@@ -259,7 +308,7 @@ void SmtpAgent::noteSpooled(bool connectionFailure, bool configurationFault,
             backoff_ = settings_.retryMax;
         }
         if (nextPass_ == _idle || configurationFault) {
-            nextPass_ = _Clock::now() + backoff_;
+            nextPass_ = Clock::now() + backoff_;
         }
     }
     wake_.notify_all();
@@ -284,7 +333,7 @@ void SmtpAgent::noteDelivered() {
 void SmtpAgent::retryLoop() {
     std::unique_lock<std::mutex> lock(stateMutex_);
     while (!stopping_) {
-        if (!kick_ && _Clock::now() < nextPass_) {
+        if (!kick_ && Clock::now() < nextPass_) {
             if (nextPass_ == _idle) {
                 wake_.wait(lock);
             } else {
@@ -294,88 +343,171 @@ void SmtpAgent::retryLoop() {
         }
         kick_ = false;
         lock.unlock();
-        const Pass pass = retryPass();
-        // Messages spooled while the pass ran count too.
-        std::size_t left = pass.remaining;
+        Pass pass;
         try {
-            left = spool_->pending().size();
-        } catch (const Tamtk::Exception&) {
+            pass = drainPass(Clock::time_point::max(), true);
+        } catch (const std::exception&) {
+            // The spool itself failed (disk full, removed folder): try again later.
+            pass.result.waiting = 1;
         }
         lock.lock();
-        if (left == 0) {
+        if (pass.result.waiting == 0) {
             nextPass_ = _idle;
             backoff_ = settings_.retryFirst;
             serverDown_ = false;
             continue;
         }
-        if (pass.done > 0 && !pass.connectionFailure) {
+        if (pass.result.delivered + pass.result.failed > 0 && !pass.unreachable) {
             backoff_ = settings_.retryFirst;
         }
         if (pass.configurationFault) {
             backoff_ = settings_.retryMax;
         }
-        nextPass_ = _Clock::now() + backoff_;
+        nextPass_ = Clock::now() + backoff_;
         backoff_ = std::min(backoff_ * 2, settings_.retryMax);
-        serverDown_ = pass.connectionFailure;
-        if (pass.connectionFailure) {
+        serverDown_ = pass.unreachable;
+        if (pass.unreachable) {
             lastFailure_ = pass.reason;
         }
     }
 }
 
-SmtpAgent::Pass SmtpAgent::retryPass() {
+SmtpAgent::DrainResult SmtpAgent::drain(std::chrono::milliseconds budget) {
+    if (!spool_) {
+        return DrainResult();
+    }
+    const Clock::time_point deadline = Clock::now() + budget;
+    const Pass pass = drainPass(deadline, false);
+    if (pass.result.delivered > 0 && !pass.unreachable) {
+        noteDelivered();
+    } else if (pass.unreachable) {
+        noteSpooled(true, pass.configurationFault, pass.reason);
+    }
+    return pass.result;
+}
+
+SmtpAgent::Pass SmtpAgent::drainPass(Clock::time_point deadline, bool background) {
+    // A retry pass in this process gives way; another process is kept out by
+    // the spool's lock.
+    if (!background) {
+        ++drainsWaiting_;
+    }
+    std::unique_lock<std::mutex> hold(drainMutex_);
+    if (!background) {
+        --drainsWaiting_;
+    }
     Pass pass;
     if (!spool_->tryLock()) {
-        pass.remaining = 1;  // another process is at it; look again later
+        pass.result.locked = true;
+        pass.result.waiting = spool_->pending().size();
         return pass;
     }
+    struct Unlock {
+        Spool& spool;
+        ~Unlock() { spool.unlock(); }
+    } unlock{*spool_};
+
+    const std::vector<std::string> names = spool_->pending();
+    std::atomic<std::size_t> next{0};
+    std::atomic<bool> stopTaking{false};
+    std::atomic<bool> abort{false};
+    std::mutex passMutex;
+    std::condition_variable done;
+    std::size_t running = std::min<std::size_t>(settings_.connections, names.size());
+    std::vector<std::thread> workers;
+    for (std::size_t i = 0; i < running; ++i) {
+        workers.emplace_back([&] {
+            drainWorker(names, next, stopTaking, abort, pass, passMutex);
+            std::lock_guard<std::mutex> lock(passMutex);
+            --running;
+            done.notify_all();
+        });
+    }
+    // This thread keeps the time: past the deadline, or when shutdown or
+    // drain() wants the spool, no new message is taken and transfers under
+    // way are cut off (a drain() lets them finish).
+    {
+        std::unique_lock<std::mutex> lock(passMutex);
+        while (running > 0) {
+            done.wait_for(lock, std::chrono::milliseconds(20));
+            const bool late = Clock::now() >= deadline;
+            const bool shutdown = background && stopping_;
+            if (late || shutdown || (background && drainsWaiting_ > 0)) {
+                stopTaking = true;
+            }
+            if (late || shutdown) {
+                abort = true;
+            }
+        }
+    }
+    for (std::thread& t : workers) {
+        t.join();
+    }
+    pass.result.waiting = spool_->pending().size();
+    return pass;
+}
+
+void SmtpAgent::drainWorker(const std::vector<std::string>& names, std::atomic<std::size_t>& next,
+                            std::atomic<bool>& stopTaking, std::atomic<bool>& abort, Pass& pass,
+                            std::mutex& passMutex) {
     try {
-        const std::vector<std::string> names = spool_->pending();
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            if (stopping_) {
-                pass.remaining += names.size() - i;
-                break;
+        Relays relays(settings_, &abort);
+        while (!stopTaking) {
+            const std::size_t i = next++;
+            if (i >= names.size()) {
+                return;
             }
             SpooledMessage message;
             try {
                 if (!spool_->load(names[i], message)) {
-                    continue;
+                    continue;  // taken meanwhile
                 }
-            } catch (const Tamtk::Exception&) {
+            } catch (const Tamtk::Exception& e) {
                 spool_->quarantine(names[i]);
-                ++pass.done;
+                std::lock_guard<std::mutex> lock(passMutex);
+                ++pass.result.failed;
+                pass.result.problems.push_back(names[i] + ": " + e.what());
                 continue;
             }
             const Attempt result =
-                attempt(message.from, message.to, toWireFormat(message.message.c_str()));
+                relays.send(message.from, message.to, toWireFormat(message.message.c_str()));
             const Settled settled = settle(message, result, &names[i]);
-            if (settled.temporary.empty() && settled.spoolError.empty() &&
-                settled.failedError.empty()) {
-                ++pass.done;
-            } else {
-                ++pass.remaining;
+            const bool delivered = settled.temporary.empty() && settled.permanent.empty();
+            if (delivered && !abort) {
+                std::lock_guard<std::mutex> lock(stateMutex_);
+                serverDown_ = false;  // new mail may go out directly again
             }
+            std::lock_guard<std::mutex> lock(passMutex);
+            if (delivered) {
+                ++pass.result.delivered;
+                continue;
+            }
+            if (settled.temporary.empty() && settled.failedError.empty()) {
+                ++pass.result.failed;
+            }
+            pass.result.problems.push_back(names[i] + ": " +
+                                           describe(settled, message.to.size(), result.relay));
             if (result.connectionFailure) {
-                pass.connectionFailure = true;
+                // The relays are down: the rest waits for the next pass.
+                pass.unreachable = true;
                 pass.configurationFault = result.configurationFault;
                 pass.reason = settled.temporary.empty() ? "" : settled.temporary.front().reason;
-                pass.remaining += names.size() - i - 1;
-                break;
+                stopTaking = true;
             }
         }
-    } catch (...) {
-        // The spool itself failed (disk full, removed folder): try again later.
-        pass.remaining = std::max<std::size_t>(pass.remaining, 1);
+    } catch (const std::exception& e) {
+        // The spool failed (disk full, folder removed): what is left waits.
+        std::lock_guard<std::mutex> lock(passMutex);
+        pass.result.problems.push_back(e.what());
+        stopTaking = true;
     }
-    spool_->unlock();
-    return pass;
 }
 
 namespace {
 
 // One agent per parameter set, alive until the process ends.
-class _Registry {
-  public:
+class Registry {
+public:
     SmtpAgent& get(const Params& params) {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = agents_.find(params);
@@ -386,7 +518,7 @@ class _Registry {
         return *it->second;
     }
 
-  private:
+private:
     std::mutex mutex_;
     std::map<Params, std::unique_ptr<SmtpAgent>> agents_;
 };
@@ -399,7 +531,7 @@ SmtpAgent& smtpAgentFor(const Params& params) {
     // first.
     static const bool curlReady = (SmtpSession::initialise(), true);
     (void)curlReady;
-    static _Registry registry;
+    static Registry registry;
     return registry.get(params);
 }
 

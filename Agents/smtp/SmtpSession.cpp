@@ -153,14 +153,23 @@ std::string toWireFormat(const char* message) {
     return out;
 }
 
-SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* abort)
-    : settings_(settings), abort_(abort), curl_(nullptr) {
+SmtpSession::SmtpSession(const SmtpSettings& settings, const std::string& relay,
+                         const std::atomic<bool>* abort)
+    : settings_(settings), relay_(relay), abort_(abort), curl_(nullptr) {
     initialise();
+    open();
+}
+
+SmtpSession::~SmtpSession() {
+    drop();
+}
+
+void SmtpSession::open() {
     curl_ = curl_easy_init();
     if (!curl_) {
         TAMTK_THROW(AgentException, _source, "SMTP agent: libcurl cannot create a handle");
     }
-    const std::string url = _urlWithEhloName(settings_.url);
+    const std::string url = _urlWithEhloName(relay_);
     curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
@@ -179,10 +188,13 @@ SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* 
         curl_easy_setopt(curl_, CURLOPT_USERNAME, settings_.username.c_str());
         curl_easy_setopt(curl_, CURLOPT_PASSWORD, settings_.password.c_str());
     }
-    // `timeout` bounds every wait: connecting, each reply, and a stalled upload.
+    // `timeout` bounds every wait: connecting, each reply, a stalled upload,
+    // and the whole transaction, so a server that answers a byte at a time
+    // cannot hold a message for longer either.
     const long seconds = (settings_.timeoutMs + 999) / 1000;
     curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT_MS, settings_.timeoutMs);
     curl_easy_setopt(curl_, CURLOPT_SERVER_RESPONSE_TIMEOUT, seconds);
+    curl_easy_setopt(curl_, CURLOPT_TIMEOUT_MS, settings_.timeoutMs);
     curl_easy_setopt(curl_, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(curl_, CURLOPT_LOW_SPEED_TIME, seconds);
     // Refused recipients are reported one by one (see judge) instead of
@@ -201,17 +213,21 @@ SmtpSession::SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* 
     curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, settings_.reuseConnection ? 0L : 1L);
 }
 
-SmtpSession::~SmtpSession() {
-    // libcurl would send QUIT and wait for its answer as long as `timeout`
-    // allows, holding up the end of the process when the server hangs. No
-    // transaction is open between messages, so the connection is simply
-    // dropped: with the socket shut down, QUIT fails at once.
+// libcurl would send QUIT and wait for its answer as long as `timeout`
+// allows, holding up the end of the process (or the next message) when the
+// server hangs. No transaction is open here, so the connection is simply
+// dropped: with the socket shut down, QUIT fails at once.
+void SmtpSession::drop() {
+    if (!curl_) {
+        return;
+    }
     curl_socket_t socket = CURL_SOCKET_BAD;
     if (curl_easy_getinfo(curl_, CURLINFO_ACTIVESOCKET, &socket) == CURLE_OK &&
         socket != CURL_SOCKET_BAD) {
         shutdown(socket, SHUT_RDWR);
     }
     curl_easy_cleanup(curl_);
+    curl_ = nullptr;
 }
 
 std::string SmtpSession::redact(std::string text) const {
@@ -242,6 +258,9 @@ Attempt SmtpSession::send(const std::string& from, const std::vector<std::string
 
 Attempt SmtpSession::perform(const std::string& from, const std::vector<std::string>& to,
                              const std::string& wire, bool freshConnection) {
+    if (!curl_) {
+        open();  // the last connection failed and was dropped
+    }
     transcript_.reset();
     curl_slist* rcpts = nullptr;
     for (const std::string& r : to) {
@@ -282,6 +301,10 @@ Attempt SmtpSession::perform(const std::string& from, const std::vector<std::str
     Attempt attempt = judge(rc, to, curlText);
     attempt.configurationFault = _isConfigurationFault(rc);
     attempt.connections = connections;
+    attempt.relay = relay_;
+    if (rc != CURLE_OK) {
+        drop();
+    }
     return attempt;
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
-// One SMTP client over libcurl. The curl handle keeps its connection open
-// between messages, so consecutive messages share one connection while the
-// server allows it; a connection found dead is replaced.
+// One SMTP client of one relay over libcurl. The curl handle keeps its
+// connection open between messages, so consecutive messages share one
+// connection while the server allows it. A connection that failed in any way
+// (a reply timed out, the link broke, an error answer) is closed at once and
+// never reused: a hung server must not be asked again on the same socket.
 
 #include <atomic>
 #include <string>
@@ -38,6 +40,8 @@ struct Attempt {
     bool configurationFault = false;
     // New connections this attempt opened (0 when an open one was reused).
     long connections = 0;
+    // The relay's URL this outcome is about.
+    std::string relay;
 
     bool allDelivered() const;
 };
@@ -47,9 +51,11 @@ struct Attempt {
 std::string toWireFormat(const char* message);
 
 class SmtpSession {
-  public:
-    // `abort`, when set, stops a transfer under way (used at shutdown).
-    SmtpSession(const SmtpSettings& settings, const std::atomic<bool>* abort);
+public:
+    // `relay` is one of settings.relays. `abort`, when set, stops a transfer
+    // under way (used at shutdown and when a drain runs out of time).
+    SmtpSession(const SmtpSettings& settings, const std::string& relay,
+                const std::atomic<bool>* abort);
     ~SmtpSession();
     SmtpSession(const SmtpSession&) = delete;
     SmtpSession& operator=(const SmtpSession&) = delete;
@@ -66,12 +72,17 @@ class SmtpSession {
     // Removes the user name and the password from a text meant for a message.
     std::string redact(std::string text) const;
 
-  private:
+    const std::string& relay() const { return relay_; }
+
+private:
+    void open();
+    void drop();
     Attempt perform(const std::string& from, const std::vector<std::string>& to,
                     const std::string& wire, bool freshConnection);
     Attempt judge(int code, const std::vector<std::string>& to, const std::string& curlText) const;
 
     const SmtpSettings& settings_;
+    const std::string relay_;
     const std::atomic<bool>* abort_;
     CURL* curl_;
     Transcript transcript_;

@@ -39,6 +39,22 @@ void _checkUrl(const ParamReader& reader, const std::string& url) {
     }
 }
 
+// Fallback relays are given like a mail server's: one value, separated by blanks.
+std::vector<std::string> _relays(const std::string& value) {
+    std::vector<std::string> out;
+    std::size_t pos = 0;
+    while (pos < value.size()) {
+        if (value[pos] == ' ' || value[pos] == '\t') {
+            ++pos;
+            continue;
+        }
+        const std::size_t end = value.find_first_of(" \t", pos);
+        out.push_back(value.substr(pos, end == std::string::npos ? std::string::npos : end - pos));
+        pos = end == std::string::npos ? value.size() : end;
+    }
+    return out;
+}
+
 std::string _readPasswordFile(const ParamReader& reader, const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -65,12 +81,19 @@ std::string _readPasswordFile(const ParamReader& reader, const std::string& path
 }  // namespace
 
 SmtpSettings SmtpSettings::fromParams(const Params& params) {
-    ParamReader reader("SMTP agent", params,
-                       {"url", "starttls", "verify_peer", "ca_file", "username", "password",
-                        "password_file", "allow_plaintext_auth", "timeout", "spool"});
+    ParamReader reader(
+        "SMTP agent", params,
+        {"url", "starttls", "verify_peer", "ca_file", "username", "password", "password_file",
+         "allow_plaintext_auth", "timeout", "spool", "drain", "connections"});
     SmtpSettings s;
     s.url = reader.required("url");
-    _checkUrl(reader, s.url);
+    s.relays = _relays(s.url);
+    if (s.relays.empty()) {
+        reader.fail("url", "must not be empty");
+    }
+    for (const std::string& relay : s.relays) {
+        _checkUrl(reader, relay);
+    }
 
     const std::string starttls = reader.choice("starttls", {"no", "try", "required"}, "try");
     s.starttls = starttls == "no"    ? StartTls::No
@@ -103,8 +126,11 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     }
 
     s.allowPlaintextAuth = reader.flag("allow_plaintext_auth", false);
-    if (s.hasCredentials() && !s.allowPlaintextAuth && s.starttls == StartTls::No &&
-        s.url.compare(0, 8, "smtps://") != 0) {
+    bool plainRelay = false;
+    for (const std::string& relay : s.relays) {
+        plainRelay = plainRelay || relay.compare(0, 8, "smtps://") != 0;
+    }
+    if (s.hasCredentials() && !s.allowPlaintextAuth && s.starttls == StartTls::No && plainRelay) {
         reader.fail("starttls",
                     "is \"no\" while a user name and password are given: they would cross the "
                     "network unencrypted; use starttls=try or required, an smtps:// url, or "
@@ -115,6 +141,8 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     if (reader.has("spool")) {
         s.spool = reader.required("spool");
     }
+    s.drainMs = reader.milliseconds("drain", 30, 3600, true);
+    s.connections = static_cast<unsigned>(reader.integer("connections", 2, 1, 16));
     return s;
 }
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "Agents/common/AgentParams.h"
 
@@ -13,7 +14,8 @@ namespace EmailAgents {
 enum class StartTls { No, Try, Required };
 
 struct SmtpSettings {
-    std::string url;                    // "url": smtp://host[:port][/ehlo-name] or smtps://...
+    std::string url;                    // "url" as given: one or more relays, blank-separated
+    std::vector<std::string> relays;    // smtp://host[:port][/ehlo-name] or smtps://..., in order
     StartTls starttls = StartTls::Try;  // "starttls": no, try, required
     bool verifyPeer = true;             // "verify_peer"
     std::string caFile;                 // "ca_file"
@@ -22,8 +24,10 @@ struct SmtpSettings {
     // "allow_plaintext_auth": credentials may cross an unencrypted link. Off,
     // they never do: with credentials, starttls=try is taken as required.
     bool allowPlaintextAuth = false;
-    long timeoutMs = 30000;             // "timeout", in seconds
-    std::string spool;                  // "spool": directory; empty: none
+    long timeoutMs = 30000;    // "timeout", in seconds
+    std::string spool;         // "spool": directory; empty: none
+    long drainMs = 30000;      // "drain": seconds spent on the spool at exit; 0: none
+    unsigned connections = 2;  // "connections": parallel connections draining the spool
 
     // Not parameters: how spooled messages are retried, and whether one
     // connection serves many messages. Tests and benchmarks change them.

@@ -170,6 +170,14 @@ void Spool::quarantine(const std::string& name) {
     syncDirectory(pending_.newDir());
 }
 
+std::size_t Spool::removeLeftovers() {
+    // Every write to the spool is over in moments, so a file whose writer no
+    // longer runs is an unfinished one; a day and a half covers a writer
+    // whose name tells no process.
+    const long age = 36 * 3600;
+    return pending_.removeLeftovers(age, true) + failed_.removeLeftovers(age, true);
+}
+
 bool Spool::tryLock() {
     if (lockFd_ >= 0) {
         return true;

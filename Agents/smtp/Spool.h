@@ -30,7 +30,7 @@ struct SpooledMessage {
 };
 
 class Spool {
-  public:
+public:
     // Creates the spool's folders when missing.
     explicit Spool(const std::string& dir);
     ~Spool();
@@ -54,6 +54,9 @@ class Spool {
     // Moves an unreadable file from new/ to failed/ as it is.
     void quarantine(const std::string& name);
 
+    // Removes the files a crashed writer left in tmp/ (call under the lock).
+    std::size_t removeLeftovers();
+
     // Only one process (and one agent) retries a spool at a time, or a
     // message could be sent twice. Non-blocking; true when this one holds it.
     bool tryLock();
@@ -63,7 +66,7 @@ class Spool {
     static std::string format(const SpooledMessage& message, const std::string& failure);
     static bool parse(const std::string& text, SpooledMessage& out);
 
-  private:
+private:
     Maildir pending_;
     Maildir failed_;
     int lockFd_;

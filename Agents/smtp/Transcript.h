@@ -19,7 +19,7 @@ struct Reply {
 };
 
 class Transcript {
-  public:
+public:
     // Forget everything: a new transaction begins.
     void reset();
     // A command line libcurl sent (its protocol trace "header out").
@@ -38,7 +38,7 @@ class Transcript {
     // The last complete reply of the dialogue, whatever its command.
     const Reply& last() const { return last_; }
 
-  private:
+private:
     enum class Stage { Other, Mail, Rcpt, Data, Body };
     void complete(const Reply& reply);
 

@@ -10,7 +10,7 @@ namespace Osk {
 namespace {
 typedef Tamtk::FunctionPointer<void, const Tamnet::EmailAddr&, const EmailChannel::ToList&,
                                const char*, const std::map<std::string, std::string>&>
-    _SendEmail;
+    SendEmailCall;
 }  // namespace
 
 void email_channel::load_email_agent(const ChannelCfg& cfg) {
@@ -31,7 +31,7 @@ void email_channel::load_email_agent(const ChannelCfg& cfg) {
     const Tamtk::Loader& loader =
         Tamtk::ComponentLoaderT<Tamtk::internal::loader::global_component_registry>::instance().get(
             pLibAttr->value()->str(), 1);
-    send_email_ = loader.loadFunction<_SendEmail>("sendEmail");
+    send_email_ = loader.loadFunction<SendEmailCall>("sendEmail");
 
     auto params = Tamxml::find_elements(pEmailAgent, Tamxml::XPath("*"));
     if (!params) {

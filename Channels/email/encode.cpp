@@ -24,11 +24,6 @@ namespace {
 const int _pieceLength = 57;
 const std::size_t _lineLength = 76;
 
-// Lines are gathered and handed to a stream about this many bytes at a
-// time: a stream call for each piece of each line would cost more than the
-// encoding itself.
-const std::size_t _writeChunk = 896;
-
 enum _WrapMode { WrapBody = 0, WrapHeader = 1 };
 
 // Appends Base64 lines of 76 characters (the last one shorter; one empty
@@ -36,7 +31,7 @@ enum _WrapMode { WrapBody = 0, WrapHeader = 1 };
 // its lines in place, from the last line back, so that each line moves once
 // and never onto text that has not moved yet.
 void _appendBase64Lines(std::string& text, const char* data, std::size_t length) {
-    const std::size_t encoded = Tamnet::internal::rfc2045::encodedLength(length);
+    const std::size_t encoded = Tamnet::base64Length(length);
     const std::size_t lines = encoded == 0 ? 1 : (encoded + _lineLength - 1) / _lineLength;
     const std::size_t start = text.size();
     text.resize(start + encoded + lines);
@@ -51,47 +46,29 @@ void _appendBase64Lines(std::string& text, const char* data, std::size_t length)
     }
 }
 
-// Writes `data` as lines of one encoded word each (or plain Base64 when
-// `charset` is null), folding with a tab in header mode. The cut is by
-// bytes, so a multi-byte character may be split across two words; decoders
-// join adjacent words before decoding. When the stream writes into a string
-// (as when a mail is built), the lines go straight onto that string.
+// Without a charset, `data` is the body: plain Base64 lines. With one, it is
+// a header value: lines of one encoded word each, continuation lines folded
+// with a tab. The cut is by bytes, so a multi-byte character may be split
+// across two words; decoders join adjacent words before decoding.
 std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int length,
                    _WrapMode mode, Tamnet::Rfc2047Encoding encoding) {
-    internal::string_sink* const sink = dynamic_cast<internal::string_sink*>(out.rdbuf());
-    std::string local;
-    std::string& lines = sink != nullptr ? sink->target() : local;
-    if (charset == nullptr && mode == WrapBody) {
+    std::string lines;
+    if (charset == nullptr) {
         _appendBase64Lines(lines, data, static_cast<std::size_t>(length));
     } else {
-        if (sink == nullptr) {
-            local.reserve(_writeChunk + 96);  // small enough for the allocator's fast path
-        }
         const char* const end = data + length;
         const char* piece = data;
-        bool first = true;
         do {
             const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
-            if (!first && mode == WrapHeader) {
+            if (piece != data && mode == WrapHeader) {
                 lines += '\t';
             }
-            if (charset == nullptr) {
-                Tamnet::base64(piece, pieceEnd, std::back_inserter(lines));
-            } else {
-                Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines),
-                                      encoding);
-            }
+            Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
             lines += '\n';
-            if (sink == nullptr && local.size() >= _writeChunk) {
-                out.write(local.data(), static_cast<std::streamsize>(local.size()));
-                local.clear();
-            }
-            first = false;
             piece = pieceEnd;
         } while (piece < end);
     }
-    return sink != nullptr ? out
-                           : out.write(local.data(), static_cast<std::streamsize>(local.size()));
+    return out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
 }
 
 std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,

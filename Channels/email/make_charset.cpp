@@ -29,14 +29,14 @@ const Tamtk::Utf8Char _replacement(static_cast<wchar_t>(0xE296A0));
 void no_cleanup(const char*) {}
 
 // Closes an iconv handle on every path out of a scope.
-class _Iconv {
+class IconvHandle {
 public:
-    explicit _Iconv(const char* charset) : handle_(iconv_open(charset, "UTF-8")) {}
-    ~_Iconv() {
+    explicit IconvHandle(const char* charset) : handle_(iconv_open(charset, "UTF-8")) {}
+    ~IconvHandle() {
         if (ok()) iconv_close(handle_);
     }
-    _Iconv(const _Iconv&) = delete;
-    _Iconv& operator=(const _Iconv&) = delete;
+    IconvHandle(const IconvHandle&) = delete;
+    IconvHandle& operator=(const IconvHandle&) = delete;
     bool ok() const { return handle_ != _badHandle; }
     iconv_t get() const { return handle_; }
     // Back to the initial shift state, as a freshly opened handle.
@@ -70,7 +70,7 @@ bool _convert_with(iconv_t cd, const Tamtk::Utf8Char& ch, char* out, unsigned in
 // Converts one character with a conversion of its own.
 bool _convert_single(const char* charset, const Tamtk::Utf8Char& ch, char* out, unsigned int size,
                      bool replace) {
-    _Iconv cd(charset);
+    IconvHandle cd(charset);
     if (!cd.ok()) {
         _throw_errno(errno);
     }
@@ -99,7 +99,7 @@ bool _resettable(const char* charset) {
     const Tamtk::Utf8Char probe('a');
     char fresh[9], reused[9];
     bool same = false;
-    _Iconv cd(charset);
+    IconvHandle cd(charset);
     if (cd.ok()) {
         _convert_single(charset, probe, fresh, 8, true);
         _convert_with(cd.get(), probe, reused, 8, true);
@@ -114,7 +114,7 @@ bool _resettable(const char* charset) {
 // The slow pass: character by character, replacing what cannot be converted.
 CharsetString _make_charset_skipping_invalid(const char* charset, const Tamtk::Utf8Array& text,
                                              unsigned int limit) {
-    _Iconv cd(charset);
+    IconvHandle cd(charset);
     if (!cd.ok()) {
         _throw_errno(errno);
     }
@@ -152,12 +152,12 @@ CharsetString _make_charset_skipping_invalid(const char* charset, const Tamtk::U
 // resets it before every use. Only charsets whose reset handle gives the
 // same bytes as a fresh one are kept (see _resettable); the others get a
 // handle of their own each time, as does any charset past the first few.
-class _KeptHandles {
+class KeptHandles {
 public:
-    _KeptHandles() = default;
-    _KeptHandles(const _KeptHandles&) = delete;
-    _KeptHandles& operator=(const _KeptHandles&) = delete;
-    ~_KeptHandles() {
+    KeptHandles() = default;
+    KeptHandles(const KeptHandles&) = delete;
+    KeptHandles& operator=(const KeptHandles&) = delete;
+    ~KeptHandles() {
         for (const Entry& entry : entries_) {
             if (entry.handle != _badHandle) iconv_close(entry.handle);
         }
@@ -185,27 +185,27 @@ private:
     std::vector<Entry> entries_;
 };
 
-thread_local _KeptHandles t_keptHandles;
+thread_local KeptHandles t_keptHandles;
 
 // The conversion one make_charset call works with: the thread's kept handle
 // where there is one, else a handle of its own that is closed with it.
-class _Conversion {
+class Conversion {
 public:
-    explicit _Conversion(const char* charset) : handle_(t_keptHandles.get(charset)) {
+    explicit Conversion(const char* charset) : handle_(t_keptHandles.get(charset)) {
         if (handle_ == _badHandle) {
-            own_.reset(new _Iconv(charset));
+            own_.reset(new IconvHandle(charset));
             handle_ = own_->get();
         }
     }
-    _Conversion(const _Conversion&) = delete;
-    _Conversion& operator=(const _Conversion&) = delete;
+    Conversion(const Conversion&) = delete;
+    Conversion& operator=(const Conversion&) = delete;
     bool ok() const { return handle_ != _badHandle; }
     iconv_t get() const { return handle_; }
     void reset() { iconv(handle_, nullptr, nullptr, nullptr, nullptr); }
 
 private:
     iconv_t handle_;
-    std::unique_ptr<_Iconv> own_;
+    std::unique_ptr<IconvHandle> own_;
 };
 
 bool _is_utf8(const char* charset) {
@@ -238,7 +238,7 @@ CharsetString make_charset(const char* charset, const Tamtk::Utf8Array& text, un
         return CharsetString{boost::shared_ptr<const char>(begin, no_cleanup), inLength};
     }
 
-    _Conversion cd(charset);
+    Conversion cd(charset);
     for (unsigned factor = 2;; ++factor) {
         if (factor > 8) {
             TAMTK_THROW(Tamtk::Exception, _source,

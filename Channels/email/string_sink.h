@@ -14,10 +14,6 @@ class string_sink : public std::streambuf {
 public:
     explicit string_sink(std::string& text) : text_(text) {}
 
-    // The string itself. The sink keeps no text of its own, so appending to
-    // it directly keeps the order of what the stream writes.
-    std::string& target() { return text_; }
-
 protected:
     int_type overflow(int_type c) override {
         if (!traits_type::eq_int_type(c, traits_type::eof())) {

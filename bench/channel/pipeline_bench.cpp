@@ -152,7 +152,7 @@ class Floor {
             convert(text);
         }
         const std::size_t length = convert(body_);
-        encoded_.resize(Tamnet::internal::rfc2045::encodedLength(length));
+        encoded_.resize(Tamnet::base64Length(length));
         Tamnet::base64(converted_.data(), converted_.data() + length, &encoded_[0]);
     }
     const std::string& base64() const { return encoded_; }

@@ -29,17 +29,17 @@ const char* const _source = "LogTarget";
 const char* const _stderrName = "stderr";
 const char* const _osloggerName = "oslogger";
 
-typedef std::map<std::string, CountedRef<Target>> _Registry;
-typedef Tamtk::ScopeLock<Tamtk::FastMutex> _ConfigHold;
+typedef std::map<std::string, CountedRef<Target>> Registry;
+typedef Tamtk::ScopeLock<Tamtk::FastMutex> ConfigHold;
 
 // Guarded by config_lock; never destroyed, like the lock.
-_Registry& _registry() {
-    static _Registry* registry = new _Registry;
+Registry& _registry() {
+    static Registry* registry = new Registry;
     return *registry;
 }
 
 std::optional<CountedRef<Target>> _find(const std::string& name) {
-    _Registry::const_iterator it = _registry().find(name);
+    Registry::const_iterator it = _registry().find(name);
     if (it == _registry().end()) {
         return std::nullopt;
     }
@@ -56,7 +56,7 @@ CountedRef<Target> _findOrThrow(const std::string& name) {
 }
 
 void _install(const CountedRef<Target>& target) {
-    _Registry::iterator it = _registry().find(target->name());
+    Registry::iterator it = _registry().find(target->name());
     if (it != _registry().end()) {
         it->second = target;
     } else {
@@ -79,7 +79,7 @@ CountedRef<Target> _installStdErr(
     const std::function<CountedRef<Target>(const CountedRef<TargetSettings>&)>& make) {
     CountedRef<StreamTargetSettings> settings = Tamtk::makeCounted<StreamTargetSettings>();
     settings->setBuffering(buffering);
-    _ConfigHold hold(internal::util::config_lock());
+    ConfigHold hold(internal::util::config_lock());
     _inherit(*settings, _stderrName);
     CountedRef<Target> target = make(settings);
     _install(target);
@@ -95,7 +95,7 @@ LogTarget LogTarget::registerTarget(const CountedRef<Target>& target) {
     }
     bool exists = false;
     try {
-        _ConfigHold hold(internal::util::config_lock());
+        ConfigHold hold(internal::util::config_lock());
         exists = _find(name).has_value();
         if (!exists) {
             target->assert_settings(target->getSettings());
@@ -114,7 +114,7 @@ LogTarget LogTarget::registerTarget(const CountedRef<Target>& target) {
 LogTarget LogTarget::byname(const std::string& name) {
     std::optional<CountedRef<Target>> found;
     try {
-        _ConfigHold hold(internal::util::config_lock());
+        ConfigHold hold(internal::util::config_lock());
         found = _find(name);
     } catch (...) {
         throw internal::util::wrapCurrent<LogException>(
@@ -131,14 +131,14 @@ void LogTarget::deregister(const std::string& name) {
         TAMTK_THROW(LogException, _source, "This is a reserved entry and cannot be removed");
     }
     std::optional<CountedRef<Target>> removed;  // released after the lock
-    _ConfigHold hold(internal::util::config_lock());
+    ConfigHold hold(internal::util::config_lock());
     removed = _findOrThrow(name);
     _registry().erase(name);
 }
 
 void LogTarget::updateSettings(const std::string& name,
                                const CountedRef<TargetSettings>& settings) {
-    _ConfigHold hold(internal::util::config_lock());
+    ConfigHold hold(internal::util::config_lock());
     CountedRef<Target> target = _findOrThrow(name);
     try {
         target->assert_settings(settings);
@@ -151,7 +151,7 @@ void LogTarget::updateSettings(const std::string& name,
 }
 
 CountedRef<TargetSettings> LogTarget::getSettings(const std::string& name) {
-    _ConfigHold hold(internal::util::config_lock());
+    ConfigHold hold(internal::util::config_lock());
     return _findOrThrow(name)->getSettings();
 }
 
@@ -172,7 +172,7 @@ LogTarget LogTarget::initStdErr(std::ostream& out, StdErrBuffering buffering) {
 
 LogTarget LogTarget::initOSLogger(const posix_syslog::init_data& data) {
     try {
-        _ConfigHold hold(internal::util::config_lock());
+        ConfigHold hold(internal::util::config_lock());
         posix_syslog::init_subsystem(data);
         std::optional<CountedRef<Target>> current = _find(_osloggerName);
         if (current && current->as<OSLoggerTarget>() != nullptr) {
@@ -193,14 +193,14 @@ LogTarget LogTarget::initOSLogger(const posix_syslog::init_data& data) {
 }
 
 void LogTarget::foreachSetSevMask(const SeverityBag& severities) {
-    _ConfigHold hold(internal::util::config_lock());
+    ConfigHold hold(internal::util::config_lock());
     for (const auto& entry : _registry()) {
         entry.second->setSevMask(severities);
     }
 }
 
 void LogTarget::foreachResetSevMask() {
-    _ConfigHold hold(internal::util::config_lock());
+    ConfigHold hold(internal::util::config_lock());
     for (const auto& entry : _registry()) {
         entry.second->resetSevMask();
     }

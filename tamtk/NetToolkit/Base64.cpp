@@ -92,9 +92,9 @@ std::size_t _encodeNone(const unsigned char*, std::size_t, char*) noexcept {
     return 0;
 }
 
-using _Encoder = std::size_t (*)(const unsigned char*, std::size_t, char*) noexcept;
+using Encoder = std::size_t (*)(const unsigned char*, std::size_t, char*) noexcept;
 
-_Encoder _encoderOf(Kernel kernel) noexcept {
+Encoder _encoderOf(Kernel kernel) noexcept {
 #ifdef TAMTK_BASE64_X86
     switch (kernel) {
         case Kernel::Avx512Vbmi:
@@ -143,7 +143,7 @@ Kernel bestKernel() noexcept {
 
 std::size_t encodeWide(const unsigned char* bytes, std::size_t count, char* text) noexcept {
     // Chosen on first use, so that no other initialiser can run before it.
-    static const _Encoder wideEncoder = _encoderOf(bestKernel());
+    static const Encoder wideEncoder = _encoderOf(bestKernel());
     return wideEncoder(bytes, count, text);
 }
 

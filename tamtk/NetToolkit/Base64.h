@@ -124,6 +124,11 @@ constexpr std::size_t BlockBytes = 3 * 1024;
 }  // namespace rfc2045
 }  // namespace internal
 
+// Characters of the Base64 text of `count` bytes, padding included.
+constexpr std::size_t base64Length(std::size_t count) noexcept {
+    return internal::rfc2045::encodedLength(count);
+}
+
 // Writes the Base64 text of the bytes [begin, end) to `out` and returns the
 // advanced iterator. Empty input writes nothing.
 template <class InputItr, class OutputItr>

@@ -20,7 +20,7 @@ std::string _format(long time) {
 }
 
 // What the text depends on besides the time itself.
-struct _DateKey {
+struct DateKey {
     long time = 0;
     std::string tz;
     std::string locale;
@@ -35,7 +35,7 @@ std::string rfc2822Date(long time) {
     // Date; formatting it re-reads the time zone from disk. Keep the last
     // text per thread, and make it again when the second, TZ or the time
     // locale changes.
-    thread_local _DateKey key;
+    thread_local DateKey key;
     thread_local std::string text;
     const char* tz = std::getenv("TZ");
     const char* locale = std::setlocale(LC_TIME, nullptr);

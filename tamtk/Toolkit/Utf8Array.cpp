@@ -34,21 +34,21 @@ buffer_block* _allocate(unsigned capacity) {
     return block;
 }
 
-struct _ExternalBlock : buffer_block {
+struct ExternalBlock : buffer_block {
     void (*release)(void*);
 };
 
 void _destroyExternal(buffer_block* block) {
-    _ExternalBlock* external = static_cast<_ExternalBlock*>(block);
+    ExternalBlock* external = static_cast<ExternalBlock*>(block);
     if (external->release) external->release(external->bytes);
     delete external;
 }
 
-struct _StringBlock : buffer_block {
+struct StringBlock : buffer_block {
     std::string text;
 };
 
-void _destroyString(buffer_block* block) { delete static_cast<_StringBlock*>(block); }
+void _destroyString(buffer_block* block) { delete static_cast<StringBlock*>(block); }
 
 bool _within(const char* p, const char* first, const char* last) {
     // std::less gives a total order even for pointers into other buffers.
@@ -77,7 +77,7 @@ Utf8Array::Utf8Array(const std::string& text) : block_(nullptr) {
 Utf8Array::Utf8Array(std::string&& text) : block_(nullptr) {
     const unsigned length = _checkedLength(text.size());
     if (length == 0) return;
-    _StringBlock* block = new _StringBlock;
+    StringBlock* block = new StringBlock;
     block->text = std::move(text);
     block->refs.store(1, std::memory_order_relaxed);
     block->length = length;
@@ -89,9 +89,9 @@ Utf8Array::Utf8Array(std::string&& text) : block_(nullptr) {
 
 Utf8Array::Utf8Array(Utf8RawData data, unsigned length, void (*release)(void*)) : block_(nullptr) {
     if (!data) return;
-    _ExternalBlock* block;
+    ExternalBlock* block;
     try {
-        block = new _ExternalBlock;
+        block = new ExternalBlock;
     } catch (...) {
         // Taking over means the buffer is ours to free whatever happens.
         if (release) release(data);

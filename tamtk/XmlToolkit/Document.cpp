@@ -32,9 +32,9 @@ const char* const _source = "XmlToolkit/Document";
 // text node.
 const std::size_t _maxEntityExpansion = XML_MAX_TEXT_LENGTH;
 
-class _ExpansionCounter {
+class ExpansionCounter {
   public:
-    explicit _ExpansionCounter(xmlDocPtr doc) : doc_(doc) {}
+    explicit ExpansionCounter(xmlDocPtr doc) : doc_(doc) {}
 
     // Bytes that the entity references under `first` and its siblings expand
     // to; stops counting once past the limit.
@@ -80,7 +80,7 @@ class _ExpansionCounter {
 
 bool _expandsTooFar(xmlDocPtr doc) {
     if (doc->intSubset == nullptr || doc->intSubset->entities == nullptr) return false;
-    return _ExpansionCounter(doc).countSiblings(doc->children) > _maxEntityExpansion;
+    return ExpansionCounter(doc).countSiblings(doc->children) > _maxEntityExpansion;
 }
 
 boost::shared_ptr<const Document> _parse(const char* data, std::size_t size, const char* url,

@@ -18,7 +18,7 @@ namespace {
 // nothing a reader of the exception needs.
 const std::size_t _maxReportSize = 4096;
 
-struct _ThreadState {
+struct ThreadState {
     std::string reports;
     int depth = 0;
 
@@ -37,14 +37,14 @@ struct _ThreadState {
 
     xmlXPathContextPtr xpath = nullptr;
 
-    ~_ThreadState() {
+    ~ThreadState() {
         if (xpath != nullptr) {
             xmlXPathFreeContext(xpath);
         }
     }
 };
 
-thread_local _ThreadState t_state;
+thread_local ThreadState t_state;
 
 std::once_flag _initOnce;
 xmlExternalEntityLoader _previousLoader = nullptr;
@@ -89,7 +89,7 @@ void _trim(const char*& begin, const char*& end) {
 
 ErrorScope::ErrorScope() {
     std::call_once(_initOnce, &_initialise);
-    _ThreadState& state = t_state;
+    ThreadState& state = t_state;
     if (state.depth++ > 0) {
         return;
     }
@@ -111,7 +111,7 @@ ErrorScope::ErrorScope() {
 }
 
 ErrorScope::~ErrorScope() {
-    _ThreadState& state = t_state;
+    ThreadState& state = t_state;
     if (--state.depth > 0) {
         return;
     }
@@ -150,7 +150,7 @@ std::string ErrorScope::text() const {
 }
 
 xmlXPathContextPtr ErrorScope::xpathContext() {
-    _ThreadState& state = t_state;
+    ThreadState& state = t_state;
     if (state.xpath == nullptr) {
         state.xpath = xmlXPathNewContext(nullptr);
         if (state.xpath != nullptr) {

@@ -15,9 +15,9 @@ const char* const _source = "XmlToolkit/XPath";
 
 // One evaluation of a compiled expression. The thread's XPath context is
 // reused from call to call; only the document and context node change.
-class _Evaluation {
+class Evaluation {
   public:
-    _Evaluation(const XPath& path, xmlDocPtr doc, xmlNodePtr node) {
+    Evaluation(const XPath& path, xmlDocPtr doc, xmlNodePtr node) {
         xmlXPathContextPtr context = errors_.xpathContext();
         if (context == nullptr) {
             TAMTK_THROW(
@@ -38,9 +38,9 @@ class _Evaluation {
                 "Could not evaluate XPath expression '" << path.text() << "': " << errors_.text());
         }
     }
-    ~_Evaluation() { xmlXPathFreeObject(result_); }
-    _Evaluation(const _Evaluation&) = delete;
-    _Evaluation& operator=(const _Evaluation&) = delete;
+    ~Evaluation() { xmlXPathFreeObject(result_); }
+    Evaluation(const Evaluation&) = delete;
+    Evaluation& operator=(const Evaluation&) = delete;
 
     bool isNodeSet() const {
         return result_->type == XPATH_NODESET || result_->type == XPATH_XSLT_TREE;
@@ -63,7 +63,7 @@ const Owner& _required(const Owner& owner, const char* what) {
     return owner;
 }
 
-boost::shared_ptr<const ElementArray> _elements(const _Evaluation& evaluation,
+boost::shared_ptr<const ElementArray> _elements(const Evaluation& evaluation,
                                                 const boost::shared_ptr<const Document>& owner) {
     if (!evaluation.isNodeSet()) {
         return boost::shared_ptr<const ElementArray>();
@@ -85,19 +85,19 @@ boost::shared_ptr<const ElementArray> _elements(const _Evaluation& evaluation,
 boost::shared_ptr<const ElementArray> find_elements(boost::shared_ptr<const Document> document,
                                                     const XPath& path) {
     xmlDocPtr doc = _required(document, "document")->get();
-    return _elements(_Evaluation(path, doc, reinterpret_cast<xmlNodePtr>(doc)), document);
+    return _elements(Evaluation(path, doc, reinterpret_cast<xmlNodePtr>(doc)), document);
 }
 
 boost::shared_ptr<const ElementArray> find_elements(boost::shared_ptr<const Element> element,
                                                     const XPath& path) {
     xmlNodePtr node = _required(element, "element")->get();
-    return _elements(_Evaluation(path, node->doc, node), element->document());
+    return _elements(Evaluation(path, node->doc, node), element->document());
 }
 
 boost::shared_ptr<const Element> find_first_element(boost::shared_ptr<const Element> element,
                                                     const XPath& path) {
     xmlNodePtr node = _required(element, "element")->get();
-    _Evaluation evaluation(path, node->doc, node);
+    Evaluation evaluation(path, node->doc, node);
     if (evaluation.isNodeSet()) {
         const int count = evaluation.count();
         for (int i = 0; i < count; ++i) {
@@ -112,7 +112,7 @@ boost::shared_ptr<const Element> find_first_element(boost::shared_ptr<const Elem
 boost::shared_ptr<const Tamtk::Utf8Array> find_first_value(
     boost::shared_ptr<const Document> document, const XPath& path) {
     xmlDocPtr doc = _required(document, "document")->get();
-    _Evaluation evaluation(path, doc, reinterpret_cast<xmlNodePtr>(doc));
+    Evaluation evaluation(path, doc, reinterpret_cast<xmlNodePtr>(doc));
     if (evaluation.isNodeSet()) {
         if (evaluation.count() == 0) {
             return boost::shared_ptr<const Tamtk::Utf8Array>();

@@ -1,0 +1,37 @@
+#pragma once
+
+// The relays of one agent, tried in order like a mail server's fallback
+// relays. A message goes to the relay that took the last one; when that
+// relay cannot be reached or answers the whole message with a temporary
+// refusal, the others are tried, in their configured order. A permanent
+// refusal is final: another relay would refuse it for the same reason.
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Agents/smtp/SmtpSession.h"
+
+namespace Osk {
+namespace EmailAgents {
+
+class Relays {
+public:
+    Relays(const SmtpSettings& settings, const std::atomic<bool>* abort);
+
+    // The outcome at the relay that decided it (Attempt::relay); with every
+    // relay failing, the last one's, marked a connection failure only when
+    // none of them could be reached, and naming in `reason`s the relays
+    // tried before it.
+    Attempt send(const std::string& from, const std::vector<std::string>& to,
+                 const std::string& wire);
+
+private:
+    std::vector<std::unique_ptr<SmtpSession>> sessions_;
+    const std::atomic<bool>* abort_;
+    std::size_t current_ = 0;
+};
+
+}  // namespace EmailAgents
+}  // namespace Osk
