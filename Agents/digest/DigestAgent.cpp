@@ -9,6 +9,7 @@
 #include "Agents/common/AgentException.h"
 #include "Agents/common/MailHeaders.h"
 #include "Agents/digest/Digest.h"
+#include "NetToolkit/Rfc2822Date.h"
 #include "Toolkit/ComponentLoader.h"
 
 namespace Osk {
@@ -180,6 +181,13 @@ void DigestAgent::sendHeld(const std::vector<std::string>& names) {
 }
 
 void DigestAgent::timerLoop() {
+    // Everything held is sent from this thread, also when the process ends
+    // (the exiting thread's thread_local objects are gone by then) and when
+    // the library is unloaded. The toolkit's date formatter keeps its text
+    // in a thread_local: made here and now, its destructor is not registered
+    // during an unload, which would wait for the loader's lock that the
+    // unloading thread holds while it waits for this one.
+    Tamnet::rfc2822Date(0);
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
         Clock::time_point next = Clock::time_point::max();
@@ -200,18 +208,6 @@ void DigestAgent::timerLoop() {
             failure_ = failure;  // for the channel, with the next mail
         }
     }
-}
-
-void DigestAgent::shutdown() noexcept {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    wake_.notify_all();
-    if (timer_.joinable()) {
-        timer_.join();
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
     for (auto& entry : windows_) {
         if (entry.second.held.empty()) {
             continue;
@@ -223,6 +219,17 @@ void DigestAgent::shutdown() noexcept {
         }
     }
     windows_.clear();
+}
+
+void DigestAgent::shutdown() noexcept {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (timer_.joinable() && timer_.get_id() != std::this_thread::get_id()) {
+        timer_.join();
+    }
 }
 
 namespace {
@@ -272,11 +279,8 @@ _Registry& _registry() {
     return registry;
 }
 
-// On a thread of its own: at exit the calling thread's thread_local
-// objects (the toolkit keeps some, so may the delivering agent) are already
-// destroyed, and a new thread has its own.
 void _flushAtExit() {
-    std::thread([] { _registry().shutdownAll(); }).join();
+    _registry().shutdownAll();
 }
 
 // Held mail goes out through the delivering agent, whose own objects may
