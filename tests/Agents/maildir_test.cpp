@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -40,7 +43,44 @@ std::string hex(const std::string& bytes) {
     return out;
 }
 
+std::mutex syncedLock;
+std::vector<std::string> synced;  // what fsync was called on, in order
+
 }  // namespace
+
+// Stands in for the C library's fsync in this program, so that the tests see
+// what the agent flushes to disk before it tells the caller the mail is safe.
+extern "C" int fsync(int fd) {
+    char link[64];
+    char target[4096];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = readlink(link, target, sizeof target);
+    {
+        std::lock_guard<std::mutex> lock(syncedLock);
+        synced.push_back(n > 0 ? std::string(target, static_cast<std::size_t>(n)) : "?");
+    }
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+TEST(MaildirAgent, TheFileAndNewAreOnDiskBeforeDeliveryReturnsUnlessFsyncIsOff) {
+    for (const char* fsyncParam : {"yes", "no"}) {
+        TempDir dir;
+        {
+            std::lock_guard<std::mutex> lock(syncedLock);
+            synced.clear();
+        }
+        ASSERT_EQ(failureOf({{"path", dir / "md"}, {"fsync", fsyncParam}}), "");
+        std::lock_guard<std::mutex> lock(syncedLock);
+        if (std::string(fsyncParam) == "no") {
+            EXPECT_TRUE(synced.empty());
+            continue;
+        }
+        // The file while still in tmp/, then the folder it was renamed into.
+        ASSERT_EQ(synced.size(), 2u);
+        EXPECT_EQ(synced[0].rfind(dir / "md/tmp/", 0), 0u) << synced[0];
+        EXPECT_EQ(synced[1], dir / "md/new");
+    }
+}
 
 TEST(MaildirAgent, ParametersAreCheckedAndNamedInTheError) {
     struct Case {

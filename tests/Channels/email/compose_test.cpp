@@ -210,7 +210,9 @@ TEST(BuildEmail, LimitsCountCharactersBeforeConversion) {
     // 400 one-byte characters after conversion: 7 words of 57 bytes and one of 1.
     std::size_t subjectWords = 0, nameWords = 0, headerWords = 0;
     std::size_t* counter = nullptr;
+    std::string lastSubjectWord;
     for (const std::string& line : lines(text)) {
+        if (counter == &subjectWords && !line.empty() && line[0] == '\t') lastSubjectWord = line;
         if (line.rfind("Subject: ", 0) == 0) counter = &subjectWords;
         else if (line.rfind("From: ", 0) == 0) counter = &nameWords;
         else if (line.rfind("X-V: ", 0) == 0) counter = &headerWords;
@@ -218,6 +220,7 @@ TEST(BuildEmail, LimitsCountCharactersBeforeConversion) {
         if (counter) ++*counter;
     }
     EXPECT_EQ(subjectWords, 8u);  // ceil(400 / 57)
+    EXPECT_EQ(lastSubjectWord, "\t=?ISO-8859-1?B?6Q==?=");  // the 400th character alone
     EXPECT_EQ(nameWords, 4u);     // ceil(200 / 57)
     EXPECT_EQ(headerWords, 4u);
 }

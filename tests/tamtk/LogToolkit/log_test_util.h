@@ -15,7 +15,7 @@ inline Tamlog::SeverityBag bagOf(std::initializer_list<const Tamlog::severity_ma
 }
 
 // Runs `op` and returns the message of the exception of family E it raised.
-template <class E = Tamtk::Exception>
+template <class E>
 std::string messageOf(const std::function<void()>& op) {
     try {
         op();

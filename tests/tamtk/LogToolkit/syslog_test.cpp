@@ -108,22 +108,30 @@ TEST_F(Syslog, RecordsReachSyslogWithLevelAndFacility) {
     t.setFacility(LOG_LOCAL3);
     t.sendlog(sev::audit_fail, here, "audit", "login refused");
     t.sendlog(sev::audit_success, here, "audit", "not accepted by default");
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0].priority, LOG_USER | 5);
-    EXPECT_EQ(sent[0].text,
-              "EVENT: delivery SEV: warning|notice WHY: 100% lost  [agent.cpp:3 in void f()]");
-    EXPECT_EQ(sent[1].priority, LOG_LOCAL3 | LOG_EMERG);
-}
-
-TEST_F(Syslog, ReplaceableFormatterAndConverter) {
-    OSLoggerTarget t("sys");
     t.setFormatter([](const SeverityBag&, const Tamtk::Location&, const Event& e,
                       const std::string& why, const InfoBag&) { return e + ": " + why; });
     t.setSevConverter([](const SeverityBag&) { return LOG_DEBUG; });
     t.sendlog(sev::critical, here, "render", "bad token");
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].priority, LOG_USER | LOG_DEBUG);
-    EXPECT_EQ(sent[0].text, "render: bad token");
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(sent[0].priority, LOG_USER | 5);
+    EXPECT_EQ(sent[0].text,
+              "EVENT: delivery SEV: warning|notice WHY: 100% lost  [agent.cpp:3 in void f()]");
+    EXPECT_EQ(sent[1].priority, LOG_LOCAL3 | LOG_EMERG);
+    EXPECT_EQ(sent[2].priority, LOG_LOCAL3 | LOG_DEBUG);
+    EXPECT_EQ(sent[2].text, "render: bad token");
+
+    t.setSevConverter([](const SeverityBag&) { return 8; });
+    EXPECT_EQ(messageOf<LogException>([&] { t.sendlog(sev::error, here, "e", "w"); }),
+              "Could not send event to POSIX syslog system");
+    t.setSevConverter([](const SeverityBag&) -> int { throw std::runtime_error("no level"); });
+    try {
+        t.sendlog(sev::error, here, "e", "w");
+        ADD_FAILURE() << "a failing converter went unnoticed";
+    } catch (const SendlogFailure& f) {
+        EXPECT_STREQ(f.what(), "Failure in attempt to send an event to the POSIX syslog system");
+        EXPECT_NE(std::string(f.composed().c_str()).find("no level"), std::string::npos);
+    }
+    EXPECT_EQ(sent.size(), 3u);
 }
 
 TEST_F(Syslog, MessagesOfRefusedChanges) {
@@ -149,7 +157,7 @@ TEST_F(Syslog, MessagesOfRefusedChanges) {
          "Could not initialise subsystem. Last system error (22) reports Invalid argument"},
     };
     for (const auto& r : rows) {
-        EXPECT_EQ(messageOf(r.op), r.message);
+        EXPECT_EQ(messageOf<LogException>(r.op), r.message);
     }
     t.sendlog(sev::error, here, "e", "still the defaults");
     ASSERT_EQ(sent.size(), 1u);
@@ -159,7 +167,7 @@ TEST_F(Syslog, MessagesOfRefusedChanges) {
 TEST_F(Syslog, SendFailures) {
     OSLoggerTarget t("sys");
     t.setSevConverter([](const SeverityBag&) { return 8; });
-    EXPECT_EQ(messageOf([&] { t.sendlog(sev::error, here, "e", "w"); }),
+    EXPECT_EQ(messageOf<LogException>([&] { t.sendlog(sev::error, here, "e", "w"); }),
               "Could not send event to POSIX syslog system");
     t.setSevConverter([](const SeverityBag&) -> int { throw std::runtime_error("no level"); });
     try {
@@ -187,12 +195,13 @@ TEST_F(Syslog, InitOSLoggerOpensAndRegistersOnce) {
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].priority, LOG_LOCAL0 | LOG_EMERG);
 
-    EXPECT_EQ(messageOf([] { LogTarget::initOSLogger(posix_syslog::init_data("h", 3)); }),
-              "Unexpected error when attemptiong to check up on or register oslogger");
     EXPECT_EQ(
-        messageOf([] { LogTarget::updateSettings("oslogger", makeCounted<TargetSettings>()); }),
-        "A settings instance of Tamlog::TargetSettings is not valid for a target of "
-        "Tamlog::OSLoggerTarget");
-    EXPECT_EQ(messageOf([] { LogTarget::deregister("oslogger"); }),
+        messageOf<LogException>([] { LogTarget::initOSLogger(posix_syslog::init_data("h", 3)); }),
+        "Unexpected error when attemptiong to check up on or register oslogger");
+    EXPECT_EQ(messageOf<LogException>(
+                  [] { LogTarget::updateSettings("oslogger", makeCounted<TargetSettings>()); }),
+              "A settings instance of Tamlog::TargetSettings is not valid for a target of "
+              "Tamlog::OSLoggerTarget");
+    EXPECT_EQ(messageOf<LogException>([] { LogTarget::deregister("oslogger"); }),
               "This is a reserved entry and cannot be removed");
 }

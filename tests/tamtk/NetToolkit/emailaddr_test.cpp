@@ -70,6 +70,8 @@ const std::vector<Invalid>& invalidAddresses() {
         {"checkThreeIsTwo", "a@b_c", 3, "Invalid characters in domain name", "b_c", 1},
         {"weakDollar", "a@b$c", EmailAddr::WeakDomainCheck,
          "Invalid domain name - bad characters found", "b$c", 1},
+        {"weakStar", "a@b*c", EmailAddr::WeakDomainCheck,
+         "Invalid domain name - bad characters found", "b*c", 1},
         {"weakControl", "a@bc\x7f", EmailAddr::WeakDomainCheck,
          "Invalid domain name - bad characters found", "bc\x7f", 2},
         {"strictDigit", "a@b.3com", EmailAddr::StrictDomainCheck,
@@ -175,24 +177,19 @@ TEST(EmailAddr, ValidAddressesSplitIntoTheirParts) {
     }
 }
 
-TEST(EmailAddr, PostmasterFormsNeedNoDomain) {
+TEST(EmailAddr, PostmasterAndEmptyForms) {
     for (const char* text : {"<postmaster>", "POSTMASTER", " PostMaster\t", "<postMaster>"}) {
-        SCOPED_TRACE(text);
         const EmailAddr addr(text);
-        EXPECT_TRUE(addr.isPostmaster());
+        EXPECT_TRUE(addr.isPostmaster()) << text;
         EXPECT_TRUE(static_cast<bool>(addr));
-        EXPECT_FALSE(addr.isAddressLiteral());
-        EXPECT_EQ(addr.localPart(), "postmaster");
-        EXPECT_EQ(addr.domain(), "");
-        EXPECT_EQ(addr.asRFC821String(true), "<postmaster>");
-        EXPECT_EQ(addr.asPlainString(false), "postmaster");
+        EXPECT_EQ(addr.localPart() + "|" + addr.domain() + "|" + addr.asRFC821String(true) + "|" +
+                      addr.asPlainString(false),
+                  "postmaster||<postmaster>|postmaster");
         EXPECT_EQ(addr, EmailAddr::postmaster());
     }
     EXPECT_FALSE(EmailAddr("postmaster@example.com").isPostmaster());
     EXPECT_THROW(EmailAddr("postmasters"), EmailAddrException);
-}
 
-TEST(EmailAddr, CheckForPostmasterOnlyForABarePostmaster) {
     EmailAddr bare("x@y", 100, 30);
     bare.clear();
     bare.setLocalPart("PostMaster");
@@ -200,40 +197,33 @@ TEST(EmailAddr, CheckForPostmasterOnlyForABarePostmaster) {
     bare.checkForPostmaster();
     EXPECT_TRUE(bare.isPostmaster());
     EXPECT_EQ(bare.maxDomain(), 255u) << "becomes a copy of the shared address";
-
     EmailAddr withDomain("postmaster@y");
     withDomain.checkForPostmaster();
     EXPECT_FALSE(withDomain.isPostmaster());
-
     EmailAddr withRoute;
     withRoute.setLocalPart("postmaster");
     withRoute.addSourceRoute("@relay");
     withRoute.checkForPostmaster();
     EXPECT_FALSE(withRoute.isPostmaster());
-}
 
-TEST(EmailAddr, EmptyAddress) {
     for (const char* text : {"", "  \t "}) {
         const EmailAddr addr(text);
         EXPECT_FALSE(static_cast<bool>(addr));
         EXPECT_EQ(addr.asRFC821String(false), "<>");
         EXPECT_EQ(addr.asPlainString(false), "");
-        EXPECT_FALSE(addr.isAddressLiteral());
         EXPECT_EQ(addr, EmailAddr());
     }
 }
 
 TEST(EmailAddr, Comparison) {
-    // Case counts everywhere, the domain included.
+    // Case counts everywhere, the domain included; so do the limits.
     EXPECT_NE(EmailAddr("a@Mailhost"), EmailAddr("a@mailhost"));
     EXPECT_NE(EmailAddr("A@mailhost"), EmailAddr("a@mailhost"));
     EXPECT_EQ(EmailAddr("<a@mailhost>"), EmailAddr(" a@mailhost"));
     EXPECT_NE(EmailAddr("@r:a@b"), EmailAddr("a@b"));
-    // Limits count.
     EXPECT_NE(EmailAddr("a@b"), EmailAddr("a@b", 255, 63));
     EXPECT_NE(EmailAddr("a@b"), EmailAddr("a@b", 254, 64));
     EXPECT_EQ(EmailAddr("a@b", 100, 10), EmailAddr("a@b", 100, 10, EmailAddr::WeakDomainCheck));
-    // Postmasters are equal whatever their spelling and limits.
     EXPECT_EQ(EmailAddr("POSTMASTER", 10, 20), EmailAddr("<postmaster>"));
     // Text is parsed with the address's limits, so an address equals its text.
     EXPECT_TRUE(EmailAddr("a@b", 100, 10) == "<a@b>");
@@ -247,8 +237,7 @@ TEST(EmailAddr, Comparison) {
                                         EmailAddr("postmaster"), EmailAddr("<POSTMASTER>", 1, 1),
                                         EmailAddr("@r:a@b"),     EmailAddr(),
                                         EmailAddr("b@a")};
-    const std::set<EmailAddr> unique(all.begin(), all.end());
-    EXPECT_EQ(unique.size(), 7u);
+    EXPECT_EQ(std::set<EmailAddr>(all.begin(), all.end()).size(), 7u);
     for (const EmailAddr& x : all) {
         for (const EmailAddr& y : all) {
             EXPECT_EQ(x == y, !(x < y) && !(y < x)) << x << " " << y;
@@ -256,73 +245,45 @@ TEST(EmailAddr, Comparison) {
     }
 }
 
-TEST(EmailAddr, AssignmentFromTextKeepsLimitsAndFailsCleanly) {
+// Every way of changing an address checks the change, and a refused one changes nothing.
+TEST(EmailAddr, ChangesAreVerifiedAndRefusalsChangeNothing) {
     EmailAddr addr("a@b", 100, 10);
     addr = "c@d";
-    EXPECT_EQ(addr.asPlainString(false), "c@d");
     EXPECT_EQ(addr.maxDomain(), 100u);
     EXPECT_THROW(addr = std::string(11, 'x') + "@d", EmailAddrException);
-    EXPECT_EQ(addr.asPlainString(false), "c@d") << "a failed assignment changes nothing";
-}
-
-TEST(EmailAddr, PartsAreVerifiedWhenSet) {
-    EmailAddr addr("a", "example.com");
-    EXPECT_EQ(addr.asRFC821String(false), "<a@example.com>");
     EXPECT_THROW(addr.setLocalPart("a b"), EmailAddrException);
-    // A lone quote is refused as the parser refuses it, whichever way the
-    // address is made (it could not be written and read back).
+    // A lone quote is refused as the parser refuses it (it could not be read back).
     EXPECT_THROW(addr.setLocalPart("\""), EmailAddrException);
     EXPECT_THROW(EmailAddr("\"", "example.com"), EmailAddrException);
-    EXPECT_EQ(addr.asRFC821String(false), "<a@example.com>");
     EXPECT_THROW(addr.setDomain("a..b"), EmailAddrException);
     EXPECT_THROW(addr.addSourceRoute("relay"), EmailAddrException);
+    EXPECT_EQ(addr.asRFC821String(false), "<c@d>");
     addr.addSourceRoute("@r1");
     addr.addSourceRoute("@r2,@r3");
-    EXPECT_EQ(addr.asRFC821String(false), "<@r1,@r2,@r3:a@example.com>");
-    EXPECT_EQ(addr.asPlainString(false), "a@example.com");
+    EXPECT_EQ(addr.asRFC821String(false), "<@r1,@r2,@r3:c@d>");
+    EXPECT_EQ(addr.asPlainString(false), "c@d");
+
+    EmailAddr quoted("x", "y");
+    quoted.setLocalPart("\"abc\"");
+    EXPECT_EQ(quoted.asRFC821String(false), "<\"abc\"@y>");
+    EXPECT_EQ(quoted.asRFC821String(true), "<abc@y>");
+    quoted.normaliseQuoting(true);
+    EXPECT_EQ(quoted.localPart(), "\"abc\"") << "writing and trial runs change nothing";
+    EXPECT_EQ(quoted.asPlainString(true), "abc@y");
+    quoted.normaliseQuoting();
+    EXPECT_EQ(quoted.localPart(), "abc");
 }
 
-TEST(EmailAddr, QuotingIsNormalisedOnRequest) {
-    EmailAddr addr("x@y");
-    addr.setLocalPart("\"abc\"");
-    EXPECT_EQ(addr.asRFC821String(false), "<\"abc\"@y>");
-    EXPECT_EQ(addr.asRFC821String(true), "<abc@y>");
-    EXPECT_EQ(addr.asPlainString(true), "abc@y");
-    EXPECT_EQ(addr.localPart(), "\"abc\"") << "writing does not change the address";
-    addr.normaliseQuoting(true);
-    EXPECT_EQ(addr.localPart(), "\"abc\"");
-    EXPECT_EQ(addr.asPlainString(true), "abc@y");
-    addr.normaliseQuoting();
-    EXPECT_EQ(addr.localPart(), "abc");
-}
-
-TEST(EmailAddr, StaticSplitForms) {
+TEST(EmailAddr, StaticSplitAndNormalise) {
     std::string route, local, domain;
     EmailAddr::split("@a,@b:c@d", route, local, domain);
-    EXPECT_EQ(route, "@a,@b");
-    EXPECT_EQ(local, "c");
-    EXPECT_EQ(domain, "d");
+    EXPECT_EQ(route + "|" + local + "|" + domain, "@a,@b|c|d");
     EmailAddr::split("\"x@y\"@z", local, domain);
-    EXPECT_EQ(local, "\"x@y\"");
-    EXPECT_EQ(domain, "z");
-
-    auto message = [](const std::string& text) -> std::string {
-        std::string l, d;
-        try {
-            EmailAddr::split(text, l, d);
-        } catch (const EmailAddrException& e) {
-            return e.what();
-        }
-        return "accepted";
-    };
-    EXPECT_EQ(message("@a:c@d"),
-              "Unexpected source route Offending data was [[ @a:c@d ]] Relevant position in data "
-              "is 0");
-    EXPECT_EQ(message("@d"), "Missing @ symbol or no local part Offending data was [[ @d ]]");
+    EXPECT_EQ(local + "|" + domain, "\"x@y\"|z");
+    EXPECT_THROW(EmailAddr::split("@a:c@d", local, domain), EmailAddrException);
+    EXPECT_THROW(EmailAddr::split("@d", local, domain), EmailAddrException);
     EXPECT_EQ(local, "\"x@y\"") << "a failed split leaves its outputs alone";
-}
 
-TEST(EmailAddr, NormaliseStripsBlanksAndBrackets) {
     EXPECT_EQ(EmailAddr::normalise(" \t<a@b>\r\n"), "a@b");
     EXPECT_EQ(EmailAddr::normalise("a@b"), "a@b");
     EXPECT_EQ(EmailAddr::normalise("< a@b>"), " a@b") << "blanks inside are left for the checks";

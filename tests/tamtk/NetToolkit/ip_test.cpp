@@ -1,7 +1,7 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-
+#include <functional>
 #include <string>
 
 #include "NetToolkit/IP.h"
@@ -10,7 +10,7 @@ using namespace Tamnet;
 
 namespace {
 
-std::string failure(void (*f)()) {
+std::string failure(const std::function<void()>& f) {
     try {
         f();
     } catch (const NetAddrInvalid& e) {
@@ -19,24 +19,31 @@ std::string failure(void (*f)()) {
     return "no exception";
 }
 
-TEST(IPv4Addr, DottedTextRoundTrips) {
+TEST(IPAddr, TextIsReadWrittenAndRefused) {
     for (const char* text : {"1.2.3.4", "0.0.0.0", "255.255.255.255", "10.0.0.1"}) {
         EXPECT_EQ(IPv4Addr(text).str(), text);
     }
     EXPECT_EQ(IPv4Addr("1.2.3.4").value(), 0x01020304u) << "held in host order";
     EXPECT_EQ(IPv4Addr(0xC0A80001u).str(), "192.168.0.1");
-    EXPECT_LT(IPv4Addr("9.0.0.0"), IPv4Addr("10.0.0.0")) << "numeric, not textual order";
-}
-
-TEST(IPv4Addr, BadTextIsRefused) {
-    EXPECT_EQ(failure([] { IPv4Addr("1.2.3"); }), "Bad IPv4 address string [[ 1.2.3 ]]");
     for (const char* text : {"1.2.3", "1.2.3.256", "1.2.3.4 ", "a.b.c.d", "", "::1", "1.2.3.4.5"}) {
         EXPECT_FALSE(IPv4Addr::is_valid(text)) << text;
-        EXPECT_THROW(IPv4Addr{std::string(text)}, NetAddrInvalid) << text;
+        EXPECT_EQ(failure([&] { IPv4Addr{std::string(text)}; }),
+                  std::string("Bad IPv4 address string [[ ") + text + " ]]");
     }
     IPv4Addr kept("1.1.1.1");
     EXPECT_THROW(kept.assign(std::string("x")), NetAddrInvalid);
     EXPECT_EQ(kept.str(), "1.1.1.1");
+
+    const IPAddr v4("192.0.2.1"), v6("::1");
+    EXPECT_TRUE(v4.is_ipv4() && !v4.is_ipv6() && v6.is_ipv6());
+    EXPECT_EQ(v4.ipv4(), IPv4Addr("192.0.2.1"));
+    EXPECT_THROW(v6.ipv4(), NetAddrInvalid);
+    EXPECT_EQ(IPAddr(IPv4Addr("192.0.2.1")), v4);
+    EXPECT_EQ(IPAddr(0xC0000201u), v4);
+    EXPECT_EQ(IPAddr("2001:DB8::0:1").str(), "2001:db8::1") << "printed in canonical form";
+    EXPECT_EQ(IPAddr().str(), "0:0");
+    EXPECT_FALSE(static_cast<bool>(IPAddr()));
+    EXPECT_EQ(failure([] { IPAddr("1.2.3"); }), "Bad IP address string [[ 1.2.3 ]]");
 }
 
 TEST(IPv4Mask, NetworksAndTheirWrittenForms) {
@@ -48,36 +55,21 @@ TEST(IPv4Mask, NetworksAndTheirWrittenForms) {
     EXPECT_FALSE(net.contains(IPv4Addr("11.0.0.1")));
     EXPECT_EQ(netaddr_traits<IPv4Mask>::string_to_addr(net.str()), net);
     EXPECT_TRUE(netaddr_traits<IPv4Mask>::string_to_addr("0/0").is_null());
-
-    EXPECT_EQ(failure([] { IPv4Mask().set_netmask("10.0.0.1", "255.0.0.0"); }),
-              "Bad IPv4 network, it has bits outside its mask [[ 10.0.0.1 (network) 255.0.0.0 "
-              "(mask) ]]");
-    EXPECT_EQ(failure([] { IPv4Mask().set_netmask("10.0.0.0", "255.0.255.0"); }),
-              "Bad IPv4 netmask, its bits are not contiguous [[ 10.0.0.0 (network) 255.0.255.0 "
-              "(mask) ]]");
-    EXPECT_EQ(failure([] { IPv4Mask().set_netmask("10.0.0", "255.0.0.0"); }),
-              "Bad IPv4 network string [[ 10.0.0 (network) 255.0.0.0 (mask) ]]");
     EXPECT_THROW(netaddr_traits<IPv4Mask>::string_to_addr("10.0.0.0"), NetAddrInvalid);
-}
 
-TEST(IPAddr, KindFollowsTheText) {
-    const IPAddr v4("192.0.2.1");
-    EXPECT_TRUE(v4.is_ipv4());
-    EXPECT_FALSE(v4.is_ipv6());
-    EXPECT_EQ(v4.ipv4(), IPv4Addr("192.0.2.1"));
-    const IPAddr v6("::1");
-    EXPECT_TRUE(v6.is_ipv6());
-    EXPECT_EQ(v6.str(), "::1");
-    EXPECT_THROW(v6.ipv4(), NetAddrInvalid);
-    EXPECT_EQ(IPAddr("2001:DB8::0:1").str(), "2001:db8::1") << "printed in canonical form";
-    EXPECT_EQ(failure([] { IPAddr("1.2.3"); }), "Bad IP address string [[ 1.2.3 ]]");
-
-    const IPAddr empty;
-    EXPECT_FALSE(static_cast<bool>(empty));
-    EXPECT_TRUE(static_cast<bool>(v4));
-    EXPECT_EQ(empty.str(), "0:0");
-    EXPECT_EQ(IPAddr(IPv4Addr("192.0.2.1")), v4);
-    EXPECT_EQ(IPAddr(0xC0000201u), v4);
+    const struct {
+        const char* network;
+        const char* mask;
+        std::string message;
+    } refused[] = {
+        {"10.0.0.1", "255.0.0.0", "Bad IPv4 network, it has bits outside its mask"},
+        {"10.0.0.0", "255.0.255.0", "Bad IPv4 netmask, its bits are not contiguous"},
+        {"10.0.0", "255.0.0.0", "Bad IPv4 network string"},
+    };
+    for (const auto& r : refused) {
+        EXPECT_EQ(failure([&] { IPv4Mask().set_netmask(r.network, r.mask); }),
+                  r.message + " [[ " + r.network + " (network) " + r.mask + " (mask) ]]");
+    }
 }
 
 TEST(IPAddr, OrderIsEmptyThenIPv4ThenIPv6) {
@@ -90,6 +82,7 @@ TEST(IPAddr, OrderIsEmptyThenIPv4ThenIPv6) {
             EXPECT_EQ(ordered[i] == ordered[j], i == j) << i << " " << j;
         }
     }
+    EXPECT_LT(IPv4Addr("9.0.0.0"), IPv4Addr("10.0.0.0")) << "numeric, not textual order";
 }
 
 TEST(NetaddrTraits, NativeAndTextConversionsRoundTrip) {
@@ -99,7 +92,6 @@ TEST(NetaddrTraits, NativeAndTextConversionsRoundTrip) {
     ASSERT_NE(inet_ntop(AF_INET, &native, text, sizeof text), nullptr);
     EXPECT_STREQ(text, "1.2.3.4") << "native form is in network order";
     EXPECT_EQ(v4::native_to_addr(native), IPv4Addr("1.2.3.4"));
-    EXPECT_TRUE(v4::equal(v4::string_to_addr("1.2.3.4"), IPv4Addr(0x01020304u)));
     EXPECT_EQ(v4::addr_to_string(v4::null()), "0.0.0.0");
 
     typedef netaddr_traits<IPAddr> ip;
@@ -109,7 +101,6 @@ TEST(NetaddrTraits, NativeAndTextConversionsRoundTrip) {
         EXPECT_TRUE(ip::equal(ip::native_to_addr(ip::addr_to_native(addr)), addr)) << t;
     }
     EXPECT_EQ(ip::addr_to_native(ip::null()).ss_family, AF_UNSPEC);
-    EXPECT_FALSE(static_cast<bool>(ip::null()));
 }
 
 }  // namespace

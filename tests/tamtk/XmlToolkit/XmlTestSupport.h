@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -27,31 +27,29 @@ inline std::string str(const boost::shared_ptr<const Tamtk::Utf8Array>& text) {
 }
 
 // A fresh directory under the system's temporary directory, removed with
-// everything in it when the fixture ends.
+// everything in it when it goes.
 class TempDir {
-  public:
+public:
     TempDir() {
-        std::string pattern = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
-                              "/xmltoolkit-XXXXXX";
-        const char* made = mkdtemp(&pattern[0]);
-        EXPECT_NE(made, nullptr);
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "xmltoolkit-XXXXXX").string();
+        EXPECT_NE(mkdtemp(&pattern[0]), nullptr);
         path_ = pattern;
     }
-    ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+    ~TempDir() { std::filesystem::remove_all(path_); }
 
-    const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     std::string write(const std::string& name, const std::string& content) const {
         std::ofstream(file(name), std::ios::binary) << content;
         return file(name);
     }
 
-  private:
+private:
     std::string path_;
 };
 
 inline bool exists(const std::string& path) {
-    return std::ifstream(path).good();
+    return std::filesystem::exists(path);
 }
 
 // The message of the XmlException `f` raises; fails the test when it raises none.
@@ -71,7 +69,7 @@ std::string xmlFailure(F f) {
 // counted and closed at once, so a client that does get through fails fast
 // instead of waiting for an answer.
 class Listener {
-  public:
+public:
     Listener() {
         fd_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
@@ -106,7 +104,7 @@ class Listener {
     }
     int connections() const { return connections_; }
 
-  private:
+private:
     int fd_;
     int port_;
     std::atomic<bool> stop_{false};

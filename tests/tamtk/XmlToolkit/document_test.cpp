@@ -1,72 +1,62 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "XmlTestSupport.h"
 
 using namespace xmltest;
 using Tamxml::Document;
-using Tamxml::Element;
 
 TEST(XmlDocument, ParsesFromMemoryAndFromFile) {
     const std::string text = "<?xml version='1.0'?><Channel><Default kind='x'/></Channel>";
     TempDir dir;
-    const std::string path = dir.write("config.xml", text);
-
-    for (const auto& doc : {parse(text), Document::fromFile(path)}) {
-        ASSERT_TRUE(doc);
-        ASSERT_TRUE(doc->root());
+    for (const auto& doc : {parse(text), Document::fromFile(dir.write("config.xml", text))}) {
+        ASSERT_TRUE(doc && doc->root());
         EXPECT_EQ(doc->root()->name(), "Channel");
         EXPECT_EQ(doc->root()->get(), xmlDocGetRootElement(doc->get()));
     }
-}
-
-TEST(XmlDocument, ParseErrorCarriesLibxml2Report) {
-    const std::string message = xmlFailure([] { parse("<a>\n<b></a>"); });
-    EXPECT_NE(message.find("Could not parse XML document"), std::string::npos) << message;
-    EXPECT_NE(message.find("Opening and ending tag mismatch: b line 2 and a"), std::string::npos)
-        << message;
-    EXPECT_NE(message.find("line 2"), std::string::npos) << message;
-
-    EXPECT_NE(xmlFailure([] { parse(""); }).find("Document is empty"), std::string::npos);
-}
-
-TEST(XmlDocument, FileErrorsNameTheFile) {
-    TempDir dir;
-    const std::string missing = dir.file("missing.xml");
-    const std::string message = xmlFailure([&] { Document::fromFile(missing); });
-    EXPECT_NE(message.find(missing), std::string::npos) << message;
-    EXPECT_NE(message.find("No such file or directory"), std::string::npos) << message;
-
-    const std::string broken = dir.write("broken.xml", "<a>");
-    EXPECT_NE(xmlFailure([&] { Document::fromFile(broken); }).find(broken), std::string::npos);
-}
-
-TEST(XmlDocument, ReportsNothingOnStandardError) {
-    testing::internal::CaptureStderr();
-    xmlFailure([] { parse("<a><b></a>"); });
-    xmlFailure([] { Tamxml::XPath("/a["); });
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST(XmlDocument, AdoptTakesOwnershipAndRefusesNull) {
     xmlDocPtr raw = xmlReadMemory("<r/>", 4, nullptr, nullptr, 0);
-    boost::shared_ptr<Document> doc = Document::adopt(raw);
-    EXPECT_EQ(doc->get(), raw);
+    EXPECT_EQ(Document::adopt(raw)->get(), raw);
     EXPECT_THROW(Document::adopt(nullptr), Tamtk::NullPointerException);
 }
 
-TEST(XmlDocument, ElementsKeepTheirDocumentAlive) {
-    boost::shared_ptr<const Element> root = parse("<r a='1'>text</r>")->root();
-    boost::shared_ptr<const Tamxml::Attr> attr = root->attr("a");
-    root.reset();
-    EXPECT_EQ(str(attr->value()), "1");
+// Each refusal carries libxml2's report, and nothing reaches standard error.
+TEST(XmlDocument, ErrorsCarryTheParsersReport) {
+    TempDir dir;
+    const std::string missing = dir.file("missing.xml");
+    const std::string broken = dir.write("broken.xml", "<a>");
+    const struct {
+        std::function<void()> op;
+        std::vector<std::string> parts;
+    } rows[] = {
+        {[] { parse("<a>\n<b></a>"); },
+         {"Could not parse XML document", "Opening and ending tag mismatch: b line 2 and a",
+          "line 2"}},
+        {[] { parse(""); }, {"Document is empty"}},
+        {[&] { Document::fromFile(missing); }, {missing, "No such file or directory"}},
+        {[&] { Document::fromFile(broken); }, {broken}},
+        {[] { Tamxml::XPath("/a["); }, {"Could not compile XPath expression '/a['", "Invalid"}},
+        {[] { Tamxml::XPath(""); }, {"Invalid expression"}},
+    };
+    testing::internal::CaptureStderr();
+    for (const auto& r : rows) {
+        const std::string message = xmlFailure(r.op);
+        for (const std::string& part : r.parts) {
+            EXPECT_NE(message.find(part), std::string::npos) << message;
+        }
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST(XmlDocument, TextIsTheWholeContentWithReferencesResolved) {
     auto doc = parse(
         "<!DOCTYPE r [<!ENTITY who 'world'>]>"
-        "<r>Hello <b>big</b> &who;&amp;<![CDATA[<raw>]]> &#xE9;</r>");
+        "<r a='1'>Hello <b>big</b> &who;&amp;<![CDATA[<raw>]]> &#xE9;</r>");
+    boost::shared_ptr<const Tamxml::Attr> attr = doc->root()->attr("a");
     EXPECT_EQ(str(doc->root()->text()), "Hello big world&<raw> \xC3\xA9");
     EXPECT_EQ(str(parse("<r/>")->root()->text()), "");
+    doc.reset();
+    EXPECT_EQ(str(attr->value()), "1") << "an attribute keeps its document alive";
 }
 
 TEST(XmlDocument, CopyToNewDocKeepsNamespacesInScope) {
@@ -76,20 +66,17 @@ TEST(XmlDocument, CopyToNewDocKeepsNamespacesInScope) {
     auto part = Tamxml::find_first_element(doc->root(), "*/*");
     ASSERT_TRUE(part);
     boost::shared_ptr<Document> copy = part->copyToNewDoc();
-
     xmlNodePtr root = xmlDocGetRootElement(copy->get());
     ASSERT_NE(root, nullptr);
     EXPECT_NE(root, part->get());
     EXPECT_EQ(copy->root()->name(), "x:part");
+    EXPECT_EQ(part->get()->doc, doc->get()) << "the original is untouched";
     // Every prefix of the original scope still means the same here.
-    for (const char* prefix : {"c", "x"}) {
-        xmlNsPtr ns = xmlSearchNs(copy->get(), root, reinterpret_cast<const xmlChar*>(prefix));
+    for (const char* prefix : {"c", "x", ""}) {
+        xmlNsPtr ns = xmlSearchNs(copy->get(), *prefix ? root : root->children,
+                                  *prefix ? reinterpret_cast<const xmlChar*>(prefix) : nullptr);
         ASSERT_NE(ns, nullptr) << prefix;
-        EXPECT_EQ(std::string("urn:") + prefix, reinterpret_cast<const char*>(ns->href));
+        EXPECT_STREQ(reinterpret_cast<const char*>(ns->href),
+                     (*prefix ? std::string("urn:") + prefix : "urn:default").c_str());
     }
-    xmlNsPtr byDefault = xmlSearchNs(copy->get(), root->children, nullptr);
-    ASSERT_NE(byDefault, nullptr);
-    EXPECT_STREQ(reinterpret_cast<const char*>(byDefault->href), "urn:default");
-    // The original is untouched.
-    EXPECT_EQ(part->get()->doc, doc->get());
 }

@@ -35,7 +35,7 @@ std::string quadraticBlowup(std::size_t size, std::size_t uses, bool inAttribute
 struct DocumentRow {
     const char* name;
     std::function<std::string()> make;
-    const char* refusal;  // part of the message; null when the document is read
+    const char* refusal;     // part of the message; null when the document is read
     std::size_t valueBytes;  // length of string(/) for a document that is read
 };
 
@@ -78,8 +78,10 @@ TEST(XmlHostile, DocumentsStayWithinTheParserLimits) {
         {"100 MB text node", [] { return "<event>" + std::string(100 * kMB, 'x') + "</event>"; },
          nullptr, 100 * kMB},
         {"100 MB attribute value",
-         [] { return "<event a='" + std::string(100 * kMB, 'x') + "'/>"; }, "AttValue length too long", 0},
-        {"100 MB comment", [] { return "<event><!--" + std::string(100 * kMB, 'x') + "--></event>"; },
+         [] { return "<event a='" + std::string(100 * kMB, 'x') + "'/>"; },
+         "AttValue length too long", 0},
+        {"100 MB comment",
+         [] { return "<event><!--" + std::string(100 * kMB, 'x') + "--></event>"; },
          "Comment too big", 0},
         {"100 MB CDATA section",
          [] { return "<event><![CDATA[" + std::string(100 * kMB, 'x') + "]]></event>"; },
@@ -96,14 +98,23 @@ TEST(XmlHostile, DocumentsStayWithinTheParserLimits) {
          "entity references expand to more than", 0},
         {"quadratic blowup through a nested entity",
          [] {
-             return "<!DOCTYPE e [<!ENTITY a '" + std::string(100000, 'x') +
-                    "'><!ENTITY b '" + repeated("&a;", 100) + "'>]><e>" + repeated("&b;", 100) +
-                    "</e>";
+             return "<!DOCTYPE e [<!ENTITY a '" + std::string(100000, 'x') + "'><!ENTITY b '" +
+                    repeated("&a;", 100) + "'>]><e>" + repeated("&b;", 100) + "</e>";
          },
          "entity references expand to more than", 0},
+        {"entities nested ten deep, ten uses each",
+         [] {
+             std::string text = "<!DOCTYPE r [<!ENTITY l0 'lol'>";
+             for (int i = 1; i <= 10; ++i) {
+                 text += "<!ENTITY l" + std::to_string(i) + " '" +
+                         repeated("&l" + std::to_string(i - 1) + ";", 10) + "'>";
+             }
+             return text + "]><r>&l10;</r>";
+         },
+         "Detected an entity reference loop", 0},
         {"an entity used a few times",
-         [] { return "<!DOCTYPE e [<!ENTITY a 'abc'>]><e>" + repeated("&a;", 5) + "</e>"; }, nullptr,
-         15},
+         [] { return "<!DOCTYPE e [<!ENTITY a 'abc'>]><e>" + repeated("&a;", 5) + "</e>"; },
+         nullptr, 15},
     };
     for (const DocumentRow& row : rows) {
         SCOPED_TRACE(row.name);
@@ -123,8 +134,15 @@ TEST(XmlHostile, DocumentsStayWithinTheParserLimits) {
 TEST(XmlHostile, StylesheetsThatRecurseWithoutEndAreStopped) {
     struct Row {
         const char* name;
-        const char* templates;
+        std::string templates;
     };
+    std::string variablesEach = "<xsl:template name='r'><xsl:param name='n' select='0'/>";
+    for (char v = 'a'; v <= 'q'; ++v) {
+        variablesEach += std::string("<xsl:variable name='") + v + "' select='$n'/>";
+    }
+    variablesEach +=
+        "<xsl:call-template name='r'><xsl:with-param name='n' select='$n + 1'/></xsl:call-template>"
+        "</xsl:template><xsl:template match='/'><xsl:call-template name='r'/></xsl:template>";
     const Row rows[] = {
         {"named template calling itself",
          "<xsl:template name='r'><xsl:call-template name='r'/></xsl:template>"
@@ -138,18 +156,7 @@ TEST(XmlHostile, StylesheetsThatRecurseWithoutEndAreStopped) {
         {"recursion through a variable",
          "<xsl:template match='/'><xsl:variable name='v'><xsl:apply-templates select='/'/>"
          "</xsl:variable><xsl:value-of select='$v'/></xsl:template>"},
-        {"recursion piling up parameters",
-         "<xsl:template name='r'><xsl:param name='n' select='0'/><xsl:variable name='a' select='$n'/>"
-         "<xsl:variable name='b' select='$n'/><xsl:variable name='c' select='$n'/>"
-         "<xsl:variable name='d' select='$n'/><xsl:variable name='e' select='$n'/>"
-         "<xsl:variable name='f' select='$n'/><xsl:variable name='g' select='$n'/>"
-         "<xsl:variable name='h' select='$n'/><xsl:variable name='i' select='$n'/>"
-         "<xsl:variable name='j' select='$n'/><xsl:variable name='k' select='$n'/>"
-         "<xsl:variable name='l' select='$n'/><xsl:variable name='m' select='$n'/>"
-         "<xsl:variable name='o' select='$n'/><xsl:variable name='p' select='$n'/>"
-         "<xsl:variable name='q' select='$n'/><xsl:variable name='s' select='$n'/>"
-         "<xsl:call-template name='r'><xsl:with-param name='n' select='$n + 1'/></xsl:call-template>"
-         "</xsl:template><xsl:template match='/'><xsl:call-template name='r'/></xsl:template>"},
+        {"recursion piling up parameters", variablesEach},
     };
     // The limits hold for every transformation, whatever another user of
     // libxslt in the process set as its defaults.
@@ -160,7 +167,8 @@ TEST(XmlHostile, StylesheetsThatRecurseWithoutEndAreStopped) {
         SCOPED_TRACE(row.name);
         std::string message;
         onSmallStack([&] { message = xmlFailure([&] { transformed(row.templates); }); });
-        EXPECT_NE(message.find("infinite template recursion"), std::string::npos) << message.substr(0, 300);
+        EXPECT_NE(message.find("infinite template recursion"), std::string::npos)
+            << message.substr(0, 300);
     }
     xsltMaxDepth = savedDepth;
     xsltMaxVars = savedVars;
@@ -173,7 +181,8 @@ TEST(XmlHostile, DeepButFiniteRecursionStillWorks) {
         return "<xsl:template name='r'><xsl:param name='n'/><xsl:if test='$n &gt; 0'>"
                "<xsl:call-template name='r'><xsl:with-param name='n' select='$n - 1'/>"
                "</xsl:call-template></xsl:if><xsl:if test='$n = 0'>bottom</xsl:if></xsl:template>"
-               "<xsl:template match='/'><xsl:call-template name='r'><xsl:with-param name='n' select='" +
+               "<xsl:template match='/'><xsl:call-template name='r'><xsl:with-param name='n' "
+               "select='" +
                std::to_string(n) + "'/></xsl:call-template></xsl:template>";
     };
     std::string out;
@@ -182,5 +191,6 @@ TEST(XmlHostile, DeepButFiniteRecursionStillWorks) {
     // Beyond the limit: refused, not a crash.
     std::string message;
     onSmallStack([&] { message = xmlFailure([&] { transformed(countdown(600)); }); });
-    EXPECT_NE(message.find("infinite template recursion"), std::string::npos) << message.substr(0, 300);
+    EXPECT_NE(message.find("infinite template recursion"), std::string::npos)
+        << message.substr(0, 300);
 }
