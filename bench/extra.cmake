@@ -20,3 +20,8 @@ target_link_libraries(pipeline_bench PRIVATE email_channel_objs PkgConfig::LIBXS
                       benchmark::benchmark ${CMAKE_DL_LIBS})
 target_compile_definitions(pipeline_bench PRIVATE COUNT_AGENT_PATH="$<TARGET_FILE:count_agent>")
 add_dependencies(pipeline_bench count_agent)
+
+# The digest agent's cost per held mail, with an inner agent that only counts.
+target_link_libraries(agents_bench PRIVATE email_agent_digest_core)
+target_compile_definitions(agents_bench PRIVATE COUNT_AGENT_PATH="$<TARGET_FILE:count_agent>")
+add_dependencies(agents_bench count_agent)

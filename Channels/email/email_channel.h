@@ -30,6 +30,8 @@ public:
 
     struct event_group {
         boost::shared_ptr<const Tamtk::Utf8Array> message;
+        // A template like the message's; null: the channel's default subject.
+        boost::shared_ptr<const Tamtk::Utf8Array> subject;
         HeaderMap extra_headers;
     };
 
@@ -63,9 +65,13 @@ public:
 
     // Delivery steps.
     bool get_event_group_info(unsigned long id, boost::shared_ptr<const Tamtk::Utf8Array>& message,
-                              HeaderMap& headers);
+                              HeaderMap& headers,
+                              boost::shared_ptr<const Tamtk::Utf8Array>* subject = nullptr);
     void get_msg(boost::shared_ptr<ChannelEvent> event,
                  boost::shared_ptr<const Tamtk::Utf8Array> message, std::string& out);
+    // The group's subject template rendered like a message, as one line.
+    std::string get_subject(boost::shared_ptr<ChannelEvent> event,
+                            boost::shared_ptr<const Tamtk::Utf8Array> subject);
     void get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
                                  std::map<std::string, std::string>& values);
 

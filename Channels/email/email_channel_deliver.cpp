@@ -33,8 +33,9 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
             return;
         }
         boost::shared_ptr<const Tamtk::Utf8Array> message;
+        boost::shared_ptr<const Tamtk::Utf8Array> subjectTemplate;
         HeaderMap headers;
-        if (!get_event_group_info(event->id(), message, headers)) {
+        if (!get_event_group_info(event->id(), message, headers, &subjectTemplate)) {
             return;  // not an event of this channel
         }
         std::string rendered;
@@ -45,10 +46,13 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         std::map<std::string, std::string> values;
         get_extra_header_values(event, headers, values);
 
+        const Tamtk::Utf8Array subject =
+            subjectTemplate ? Tamtk::Utf8Array(get_subject(event, subjectTemplate)) : subject_;
+
         // The values are not needed afterwards: handed over, not copied.
         const std::string mail =
             EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_, recipients_,
-                                     subject_, body, std::move(values));
+                                     subject, body, std::move(values));
         if (send_email_ == nullptr) {
             throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                               TAMTK_HERE(_source));
@@ -140,6 +144,25 @@ void email_channel::get_msg(boost::shared_ptr<ChannelEvent> event,
         report_error(Tamlog::sev::critical,
                      "Other exception [" + Tamtk::internal::abi::current_exception() + "]");
     }
+}
+
+std::string email_channel::get_subject(boost::shared_ptr<ChannelEvent> event,
+                                       boost::shared_ptr<const Tamtk::Utf8Array> subject) {
+    std::string out;
+    get_msg(event, subject, out);
+    // Encoded words would keep a line break from adding a header line, but a
+    // reader would still show it: a subject is one line, and a template
+    // written over several lines of the configuration reads as one.
+    for (char& c : out) {
+        if (c == '\r' || c == '\n' || c == '\t') {
+            c = ' ';
+        }
+    }
+    const std::string::size_type first = out.find_first_not_of(' ');
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    return out.substr(first, out.find_last_not_of(' ') - first + 1);
 }
 
 void email_channel::get_extra_header_values(boost::shared_ptr<ChannelEvent> event,

@@ -26,7 +26,8 @@ bool email_channel::get_tokens(boost::shared_ptr<const Tamxml::Element> defaults
             alternatives.push_back(key);
 
             Token token;
-            auto stylesheet = Tamxml::find_first_element(element, Tamxml::XPath("*[local-name()='stylesheet']"));
+            auto stylesheet =
+                Tamxml::find_first_element(element, Tamxml::XPath("*[local-name()='stylesheet']"));
             if (stylesheet) {
                 token.third = Tamxml::make_transform(stylesheet->copyToNewDoc());
             }
@@ -75,6 +76,10 @@ void email_channel::get_event_group(const ChannelCfg& cfg, const HeaderMap& defa
         TAMTK_ASSERT(pMessage, "email_channel");
         tmp_event_group.message = pMessage->text();
         TAMTK_ASSERT(tmp_event_group.message, "email_channel");
+        if (boost::shared_ptr<const Tamxml::Element> pSubject =
+                Tamxml::find_first_element(group, Tamxml::XPath("./Subject"))) {
+            tmp_event_group.subject = pSubject->text();
+        }
 
         auto pEvents = Tamxml::find_elements(group, Tamxml::XPath("./Event[@enabled='yes']"));
         TAMTK_ASSERT(pEvents, "email_channel");
@@ -91,13 +96,17 @@ void email_channel::get_event_group(const ChannelCfg& cfg, const HeaderMap& defa
 
 bool email_channel::get_event_group_info(unsigned long id,
                                          boost::shared_ptr<const Tamtk::Utf8Array>& message,
-                                         HeaderMap& headers) {
+                                         HeaderMap& headers,
+                                         boost::shared_ptr<const Tamtk::Utf8Array>* subject) {
     GroupMap::const_iterator found = event_groups_.find(id);
     if (found == event_groups_.end()) {
         return false;
     }
     message = found->second.message;
     headers = found->second.extra_headers;
+    if (subject != nullptr) {
+        *subject = found->second.subject;
+    }
     return true;
 }
 

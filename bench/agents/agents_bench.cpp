@@ -1,7 +1,8 @@
 // Messages per second through the email agents: the SMTP agent to a local
 // aiosmtpd server, with one reused connection and with a new connection per
 // message; draining a spool of 10,000 mails over 1 and over 4 connections;
-// and the Maildir agent with and without flushing to disk. The
+// the Maildir agent with and without flushing to disk; and the digest agent
+// per held mail (held on disk, then sent in a digest). The
 // server is Python, so the SMTP figures measure the pair, not the agent alone;
 // bench/run sets AGENTS_BENCH_SMTP_URL to time Python's smtplib beside them.
 
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "AgentTestSupport.h"
+#include "Agents/digest/DigestAgent.h"
 #include "Agents/maildir/MaildirAgent.h"
 #include "Agents/smtp/SmtpAgent.h"
 #include "Agents/smtp/Spool.h"
@@ -124,8 +126,32 @@ void BM_Maildir(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// Each iteration holds a window's worth of mail (written to the hold and
+// flushed, as always) and sends it as one digest when the agent goes; the
+// inner agent only counts, so the figure is the digest agent's own.
+void BM_DigestPerHeldMail(benchmark::State& state) {
+    AgentTest::TempDir dir;
+    DigestSettings settings = DigestSettings::fromParams(
+        {{"agent", COUNT_AGENT_PATH}, {"burst", "0"}, {"window", "86400"}, {"hold", dir / "hold"}});
+    const Tamnet::EmailAddr from("alerts@example.org");
+    const Osk::EmailChannel::ToList to = {Tamnet::EmailAddr("ops@example.org")};
+    const int perDigest = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        DigestAgent agent(settings);
+        for (int i = 0; i < perDigest; ++i) {
+            agent.send(from, to, alert().c_str());
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * perDigest);
+}
+
 }  // namespace
 
+BENCHMARK(BM_DigestPerHeldMail)
+    ->ArgName("mails")
+    ->Arg(100)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SmtpReusedConnection)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SmtpNewConnectionPerMessage)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SmtpDrain10000)

@@ -121,3 +121,59 @@ TEST(AgentPlugins, SmtpPluginUnloadsAndExitsCleanlyWhileRetrying) {
                          "kept in the spool"));
     EXPECT_EQ(AgentTest::listDir(dir / "spool/new").size(), 2u);
 }
+
+TEST(AgentPlugins, DigestPluginNamesItsFaultsAndSendsWhatItHeldWhenUnloaded) {
+    TempDir dir;
+    const Tamnet::EmailAddr from("alerts@example.org");
+    const ToList to = {Tamnet::EmailAddr("ops@example.org")};
+    const Params params = {{"agent", MAILDIR_AGENT},
+                           {"burst", "1"},
+                           {"window", "600"},
+                           {"hold", dir / "hold"},
+                           {"path", dir / "Maildir"}};
+    struct Row {
+        const char* name;
+        const char* value;  // null: left out
+        const char* error;
+    };
+    const Row rows[] = {
+        {"burst", "-1", "Digest agent: parameter \"burst\" has the value \"-1\""},
+        {"window", "0", "Digest agent: parameter \"window\" has the value \"0\""},
+        {"hold", nullptr, "Digest agent: parameter \"hold\" is required"},
+        {"agent", "libno_such_agent.so", "Opening of module libno_such_agent.so failed"},
+        {"agent", "libtamtk.so", "Could not obtain address for sendEmail"},
+        {"colour", "red", "Maildir agent: unknown parameter \"colour\""},  // passed on
+    };
+    {
+        Plugin unloaded(DIGEST_AGENT);
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.name);
+            Params bad = params;
+            if (row.value) {
+                bad[row.name] = row.value;
+            } else {
+                bad.erase(row.name);
+            }
+            const std::string text = unloaded.send(from, to, "To: x\n\nbad\n", bad);
+            EXPECT_TRUE(contains(text, row.error)) << text;
+        }
+        for (const char* body : {"one", "two", "three"}) {
+            EXPECT_EQ(
+                unloaded.send(from, to,
+                              (std::string("To: x\nSubject: ") + body + "\n\n.\n").c_str(), params),
+                "");
+        }
+        EXPECT_EQ(AgentTest::listDir(dir / "Maildir/new").size(), 1u);
+        EXPECT_EQ(AgentTest::listDir(dir / "hold/new").size(), 2u);
+    }
+    const auto files = AgentTest::listDir(dir / "Maildir/new");
+    ASSERT_EQ(files.size(), 2u);
+    const std::string digest = AgentTest::readFile(dir / ("Maildir/new/" + files[1]));
+    EXPECT_TRUE(contains(digest, "\nSubject: =?UTF-8?B?RGlnZXN0IG9mIDIgYWxlcnRz?=\n")) << digest;
+    EXPECT_TRUE(contains(digest, "Content-Type: message/rfc822\n\nTo: x\nSubject: two\n\n.\n\n--"))
+        << digest;
+    EXPECT_TRUE(
+        contains(digest, "Content-Type: message/rfc822\n\nTo: x\nSubject: three\n\n.\n\n--"))
+        << digest;
+    EXPECT_TRUE(AgentTest::listDir(dir / "hold/new").empty());
+}

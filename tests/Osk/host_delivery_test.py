@@ -288,6 +288,15 @@ class ExamplesTest(HostTest):
         self.assertEqual(3, len(mails))
         self.assertEqual({"db1.example.com", "web2.example.com", "Köln-backup"},
                          {str(msg["X-Alert-Host"]) for msg in mails})
+        self.assertEqual({"[ALERT] disk 97% full on db1.example.com", "[ALERT] nginx down on web2.example.com",
+                          "[ALERT] disk 91% full on Köln-backup"}, {str(msg["Subject"]) for msg in mails})
+
+    def test_digest_example(self):
+        self.run_example("alerts-digest.xml")
+        mails = self.maildir("example-mail")
+        self.assertEqual(["text/plain", "multipart/digest"], [m.get_content_type() for m in mails])
+        self.assertEqual("[ALERT] disk 97% full on db1.example.com", str(mails[0]["Subject"]))
+        self.assertEqual(3, len(list(mails[1].iter_parts())))
 
     def test_smtp_example(self):
         server = SmtpServer(self.dir)

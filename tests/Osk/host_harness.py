@@ -20,6 +20,7 @@ import unittest
 OSK_HOST = os.environ.get("OSK_HOST", "")
 MAILDIR_AGENT = os.environ.get("MAILDIR_AGENT", "")
 SMTP_AGENT = os.environ.get("SMTP_AGENT", "")
+DIGEST_AGENT = os.environ.get("DIGEST_AGENT", "")
 COUNTING_AGENT = os.environ.get("COUNTING_AGENT", "")
 SMTP_SERVER = os.environ.get("SMTP_SERVER", "")
 EXAMPLES = pathlib.Path(os.environ.get("EXAMPLES_DIR", pathlib.Path(__file__).parents[2] / "examples"))
@@ -102,6 +103,17 @@ class HostTest(unittest.TestCase):
                         + list(args), self.dir, stderr_limit)
         self.addCleanup(host.reap)
         return host
+
+    def host_process(self, config, env=None):
+        """osk-host reading events from a pipe, left running: the caller
+        writes to its stdin and ends it (its output goes to host.log)."""
+        log = open(self.dir / "host.log", "wb")
+        self.addCleanup(log.close)
+        process = subprocess.Popen(
+            [OSK_HOST, "--config", str(self.write("config.xml", config)), "--events", "-"],
+            stdin=subprocess.PIPE, stdout=log, stderr=log, cwd=self.dir, env=_clean_env(env))
+        self.addCleanup(lambda: process.poll() is None and (process.kill(), process.wait()))
+        return process
 
     def maildir(self, name="mail"):
         """The messages delivered into the Maildir `name`, parsed."""

@@ -1,0 +1,27 @@
+#include "Agents/digest/DigestSettings.h"
+
+namespace Osk {
+namespace EmailAgents {
+
+DigestSettings DigestSettings::fromParams(const Params& params) {
+    static const char* const own[] = {"agent", "burst", "window", "hold"};
+    Params mine;
+    DigestSettings settings;
+    for (const auto& entry : params) {
+        bool isOwn = false;
+        for (const char* name : own) {
+            isOwn = isOwn || entry.first == name;
+        }
+        (isOwn ? mine : settings.inner).insert(entry);
+    }
+    const ParamReader reader("Digest agent", mine, {"agent", "burst", "window", "hold"});
+    settings.agent = reader.required("agent");
+    settings.hold = reader.required("hold");
+    settings.burst = static_cast<unsigned long>(reader.integer("burst", 10, 0, 1000000));
+    // A day at most: held mail that waits longer is no alert any more.
+    settings.windowMs = reader.milliseconds("window", 300, 86400);
+    return settings;
+}
+
+}  // namespace EmailAgents
+}  // namespace Osk

@@ -1,0 +1,25 @@
+#pragma once
+
+// The digest agent's own parameters; every other one belongs to the agent
+// it stands in front of.
+
+#include <string>
+
+#include "Agents/common/AgentParams.h"
+
+namespace Osk {
+namespace EmailAgents {
+
+struct DigestSettings {
+    std::string agent;         // "agent": the library that delivers, required
+    unsigned long burst = 10;  // "burst": mails passed straight through per window
+    long windowMs = 300000;    // "window", in seconds
+    std::string hold;          // "hold": where held mail waits, required
+    Params inner;              // the rest, for the delivering agent unchanged
+
+    // Throws AgentParamException naming the parameter for a bad value.
+    static DigestSettings fromParams(const Params& params);
+};
+
+}  // namespace EmailAgents
+}  // namespace Osk

@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "AgentTestSupport.h"
+#include "Agents/digest/Digest.h"
+#include "Agents/digest/DigestAgent.h"
+
+using namespace Osk::EmailAgents;
+using AgentTest::listDir;
+using AgentTest::TempDir;
+
+namespace {
+
+bool waitFor(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+}
+
+}  // namespace
+
+// The channel cuts encoded words by bytes, so one character may be split
+// across two words: they are joined before conversion.
+TEST(DigestAgent, SummarySubjectsAreDecoded) {
+    struct Row {
+        const char* value;
+        const char* text;
+    };
+    const Row rows[] = {
+        {"=?UTF-8?B?U3TD?=\n\t=?UTF-8?B?tnJ1bmc=?=", "Störung"},
+        {"=?ISO-8859-1?B?U3T2cnVuZw==?=", "Störung"},
+        {"=?iso-8859-1?q?a_b=FC= 9c?=", "a bü\tc"},
+        {"plain =?UTF-8?B?eA==?= and =?UTF-8?B?eQ==?=  =?UTF-8?B?eg==?= end", "plain x and yz end"},
+        {"=?NO-SUCH-CHARSET?B?eA==?=", "\xEF\xBF\xBD"},
+        {"=?UTF-8?B?broken", "=?UTF-8?B?broken"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.value);
+        EXPECT_EQ(decodeWords(row.value), row.text);
+    }
+}
+
+// A digest the delivering agent refuses stays held, its failure reaches the
+// caller with the next mail, and the next window's end sends it.
+TEST(DigestAgent, ARefusedDigestStaysHeldAndIsSentLater) {
+    TempDir dir;
+    AgentTest::writeFile(dir / "mail", "a file where the Maildir should be");
+    DigestAgent agent(DigestSettings::fromParams({{"agent", MAILDIR_AGENT},
+                                                  {"burst", "0"},
+                                                  {"window", "0.2"},
+                                                  {"hold", dir / "hold"},
+                                                  {"path", dir / "mail"},
+                                                  {"fsync", "no"}}));
+    const Tamnet::EmailAddr from("alerts@example.org");
+    const Osk::EmailChannel::ToList to = {Tamnet::EmailAddr("ops@example.org")};
+    agent.send(from, to, "Subject: one\n\n1\n");
+    agent.send(from, to, "Subject: two\n\n2\n");
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(400));  // the window ends, the digest fails
+    std::string error;
+    try {
+        agent.send(from, to, "Subject: three\n\n3\n");
+    } catch (const Tamtk::Exception& e) {
+        error = e.what();
+    }
+    EXPECT_NE(error.find("a file of that name is in the way"), std::string::npos) << error;
+    EXPECT_EQ(listDir(dir / "hold/new").size(), 3u);
+
+    std::remove((dir / "mail").c_str());
+    ASSERT_TRUE(waitFor([&] { return agent.held() == 0; }));
+    const std::vector<std::string> sent = listDir(dir / "mail/new");
+    ASSERT_EQ(sent.size(), 1u);
+    const std::string digest = AgentTest::readFile(dir / ("mail/new/" + sent[0]));
+    for (const char* part : {"\n\nSubject: one\n\n1\n\n--", "\n\nSubject: two\n\n2\n\n--",
+                             "\n\nSubject: three\n\n3\n\n--"}) {
+        EXPECT_NE(digest.find(part), std::string::npos) << part << " in " << digest;
+    }
+    EXPECT_TRUE(listDir(dir / "hold/new").empty());
+}

@@ -1,0 +1,156 @@
+#!/usr/bin/python3
+"""osk-host end to end through the digest agent in front of the Maildir
+agent: a flood becomes a few single mails and digests that carry every other
+alert byte for byte, also across a SIGKILL and a restart."""
+
+import email.header
+import os
+import re
+import signal
+import time
+import unittest
+
+from host_harness import DIGEST_AGENT, MAILDIR_AGENT, HostTest, channel_config, events_xml, parse_mail
+
+TOKENS = """
+    <Token name="n" xpath="/alarm/@n"/>
+    <Token name="host" xpath="/alarm/host"/>"""
+# ISO-8859-1 for TAM_LANG=de: the subjects' encoded words are not UTF-8.
+DEFAULTS = '<Charset enabled="yes" locale="de" charset="ISO-8859-1"/>'
+GROUPS = """
+  <EventGroup enabled="yes">
+    <Message>Alert %n% on %host%</Message>
+    <Subject>[ALERT] Nr. %n% Störung auf %host%</Subject>
+    <Event id="1" enabled="yes"/>
+  </EventGroup>"""
+ENV = {"TAM_LANG": "de_DE"}
+
+
+def alert_events(numbers):
+    return [(1, f'<alarm n="{n}"><host>köln-{n % 7}.example.com</host></alarm>') for n in numbers]
+
+
+def as_built(raw):
+    """A mail as the channel built it, but for its Date: without the lines
+    the Maildir agent puts in front of the mail it stores."""
+    raw = re.sub(rb"\A(?:(?:Message-ID|Auto-Submitted): .*\n)+", b"", raw)
+    return re.sub(rb"^Date: .*\n", b"", raw, count=1, flags=re.M)
+
+
+def decoded(value):
+    return str(email.header.make_header(email.header.decode_header(value)))
+
+
+class DigestTest(HostTest):
+    def setUp(self):
+        super().setUp()
+        if not DIGEST_AGENT or not os.path.exists(DIGEST_AGENT):
+            self.fail(f"DIGEST_AGENT must name the built agent (got {DIGEST_AGENT!r})")
+
+    def config(self, burst=5, window=2):
+        params = [("agent", MAILDIR_AGENT), ("burst", burst), ("window", window),
+                  ("hold", self.dir / "hold"), ("path", self.dir / "mail")]
+        return channel_config(DIGEST_AGENT, params, GROUPS, defaults_extra=DEFAULTS, tokens=TOKENS)
+
+    def delivered(self):
+        """(single mails, digests, {alert number: [raw alert]}) in the Maildir;
+        every digest is checked on the way."""
+        singles, digests, alerts = [], [], {}
+        for path in sorted((self.dir / "mail" / "new").glob("*")):
+            raw = path.read_bytes()
+            msg = parse_mail(raw)
+            parts = [raw]
+            if msg.get_content_type() == "multipart/digest":
+                parts = self.check_digest(raw, msg)
+                digests.append(msg)
+            else:
+                singles.append(msg)
+            for part in parts:
+                n = int(re.search(rb"Nr. (\d+) ", decoded(parse_mail(part)["Subject"]).encode()).group(1))
+                alerts.setdefault(n, []).append(part)
+        return singles, digests, alerts
+
+    def check_digest(self, raw, msg):
+        """The alerts of a digest as raw bytes, after checking its headers,
+        its structure and its summary against them."""
+        self.assertNoMailDefects(msg)
+        for part in msg.walk():
+            self.assertEqual([], part.defects)
+        self.assertEqual(msg["Auto-Submitted"], "auto-generated")
+        self.assertEqual(len(msg.get_all("Message-ID")), 1)
+        self.assertRegex(msg["Message-ID"], r"^<[^<>@\s]+@[^<>@\s]+>$")
+        self.assertIsNotNone(msg["Date"])
+        boundary = msg.get_boundary().encode()
+        body = raw[raw.index(b"\n\n") + 2:]
+        pieces = body.split(b"\n--" + boundary)
+        self.assertEqual(pieces[-1], b"--\n")
+        summary, held = pieces[1], pieces[2:-1]
+        prefix = b"\nContent-Type: message/rfc822\n\n"
+        self.assertTrue(all(p.startswith(prefix) for p in held))
+        alerts = [p[len(prefix):] for p in held]
+        self.assertEqual(str(msg["Subject"]), f"Digest of {len(alerts)} alerts")
+
+        parts = list(msg.iter_parts())
+        self.assertEqual([p.get_content_type() for p in parts],
+                         ["text/plain"] + ["message/rfc822"] * len(alerts))
+        lines = parts[0].get_content().splitlines()
+        first, last = (parse_mail(alerts[i])["Date"] for i in (0, -1))
+        self.assertEqual(lines[0], f"{len(alerts)} alerts, from {first} to {last}.")
+        self.assertEqual(lines[2:], [f"{parse_mail(a)['Date']}  {decoded(parse_mail(a)['Subject'])}"
+                                     for a in alerts])
+        for alert in alerts:
+            self.assertEqual(parse_mail(alert)["To"], msg["To"])
+            self.assertEqual(parse_mail(alert)["From"], msg["From"])
+        return alerts
+
+    def assertEveryAlertOnce(self, alerts, numbers):
+        self.assertEqual(sorted(alerts), list(numbers))
+        self.assertEqual([n for n, found in alerts.items() if len(found) != 1], [])
+        self.assertEqual(list((self.dir / "hold" / "new").glob("*")), [], "nothing left held")
+
+    def test_a_flood_becomes_five_mails_and_digests_of_the_rest_byte_for_byte(self):
+        events = events_xml(*alert_events(range(1, 101)))
+        plain = channel_config(MAILDIR_AGENT, [("path", self.dir / "plain")], GROUPS,
+                               defaults_extra=DEFAULTS, tokens=TOKENS)
+        self.assertEqual(self.host(plain, events, env=ENV).returncode, 0)
+        reference = {int(re.search(rb"Alert (\d+) ", parse_mail(p.read_bytes()).get_payload(
+            decode=True)).group(1)): p.read_bytes() for p in (self.dir / "plain" / "new").glob("*")}
+
+        started = time.monotonic()
+        result = self.host(self.config(), events, env=ENV)
+        took = time.monotonic() - started
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertEqual(result.summary()[2], {})
+        singles, digests, alerts = self.delivered()
+        self.assertEveryAlertOnce(alerts, range(1, 101))
+        if took < 2:  # one window: the rest goes out at the end as one digest
+            self.assertEqual((len(singles), len(digests)), (5, 1))
+        self.assertEqual([m for m in singles[:5] if m["Subject"] is None], [])
+        self.assertGreaterEqual(len(digests), 1)
+        for n, (raw,) in alerts.items():
+            self.assertEqual(as_built(raw), as_built(reference[n]), f"alert {n}")
+
+    def test_mail_held_by_a_killed_host_goes_out_with_the_next_run(self):
+        host = self.host_process(self.config(window=600), env=ENV)
+        head, *_ = events_xml().rpartition("</Events>")
+        host.stdin.write(head.encode() + "".join(
+            f'<Event id="{i}">{doc}</Event>\n' for i, doc in alert_events(range(1, 61))).encode())
+        host.stdin.flush()
+        deadline = time.monotonic() + 60
+        while len(list((self.dir / "hold" / "new").glob("*"))) < 55 and time.monotonic() < deadline:
+            time.sleep(0.05)
+        host.send_signal(signal.SIGKILL)
+        host.wait()
+        self.assertEqual(len(list((self.dir / "hold" / "new").glob("*"))), 55)
+        self.assertEqual(len(list((self.dir / "mail" / "new").glob("*"))), 5)
+
+        result = self.host(self.config(window=600), events_xml(*alert_events(range(61, 101))), env=ENV)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        singles, digests, alerts = self.delivered()
+        self.assertEveryAlertOnce(alerts, range(1, 101))
+        # The earlier run's digest first, then this run's five and its own.
+        self.assertEqual((len(singles), len(digests)), (10, 2))
+
+
+if __name__ == "__main__":
+    unittest.main()
