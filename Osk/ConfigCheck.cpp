@@ -5,9 +5,9 @@
 #include <ostream>
 #include <sstream>
 
-#include "Channels/email/EmailAgent.h"
 #include "LogToolkit/Severity.h"
 #include "Osk/Channel.h"
+#include "Osk/EmailAgent.h"
 #include "Toolkit/ComponentLoader.h"
 #include "XmlToolkit/Xml.h"
 

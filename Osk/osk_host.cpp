@@ -96,17 +96,30 @@ struct Options {
     bool probe = false;
 };
 
-// The email channel built beside this program: <prefix>/bin/osk-host and <prefix>/lib/.
+// The email channel sits beside the host's own libraries, in build/lib/ as in
+// an installed library folder (lib/, or a multiarch one under /usr): look
+// where libosk was loaded from, and else in <bin>/../lib/.
 std::string _defaultChannel() {
+    static const char channel[] = "libemail_channel.so";
+    Dl_info osk;
+    if (dladdr(reinterpret_cast<void*>(&Osk::Channel::set_default_reporter), &osk) != 0 &&
+        osk.dli_fname != nullptr) {
+        const std::string path(osk.dli_fname);
+        const std::string::size_type slash = path.rfind('/');
+        if (slash != std::string::npos &&
+            path.compare(slash + 1, std::string::npos, "libosk.so") == 0) {
+            return path.substr(0, slash + 1) + channel;
+        }
+    }
     char exe[4096];
     const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
     if (n <= 0) {
-        return "libemail_channel.so";
+        return channel;
     }
     exe[n] = '\0';
     std::string dir(exe);
     dir = dir.substr(0, dir.rfind('/'));
-    return dir.substr(0, dir.rfind('/')) + "/lib/libemail_channel.so";
+    return dir.substr(0, dir.rfind('/')) + "/lib/" + channel;
 }
 
 // A positive decimal count; the whole text must be digits.

@@ -10,7 +10,7 @@ target_link_libraries(agents_bench PRIVATE
 # Message composition and the channel's event pipeline: need the channel's
 # objects; the pipeline binds an agent that only counts.
 add_library(count_agent MODULE channel/count_agent.cpp)
-target_link_libraries(count_agent PRIVATE tamtk)
+target_link_libraries(count_agent PRIVATE agent_api tamtk)
 
 add_executable(compose_bench channel/compose_bench.cpp)
 target_link_libraries(compose_bench PRIVATE email_channel_objs benchmark::benchmark)

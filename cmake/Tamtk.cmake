@@ -24,6 +24,29 @@ if(TAMTK_TSAN)
   add_link_options(-fsanitize=thread)
 endif()
 
+# Gives `target` an include root of its own under the build tree, holding
+# links to exactly the headers named, at their paths under the source tree
+# ("Osk/Channel.h", "Agents/smtp/Spool.h"): whoever links the target sees its
+# headers and no others, so a missing dependency fails to compile instead of
+# working by accident.
+#   tamtk_headers(target PUBLIC|INTERFACE|PRIVATE header...)
+# Headers are named relative to the current source folder.
+function(tamtk_headers target scope)
+  set(root "${PROJECT_BINARY_DIR}/include/${target}")
+  file(REMOVE_RECURSE "${root}")
+  foreach(header ${ARGN})
+    get_filename_component(source "${header}" ABSOLUTE BASE_DIR "${CMAKE_CURRENT_SOURCE_DIR}")
+    if(NOT EXISTS "${source}")
+      message(FATAL_ERROR "tamtk_headers(${target}): no header ${source}")
+    endif()
+    file(RELATIVE_PATH relative "${PROJECT_SOURCE_DIR}" "${source}")
+    get_filename_component(folder "${root}/${relative}" DIRECTORY)
+    file(MAKE_DIRECTORY "${folder}")
+    file(CREATE_LINK "${source}" "${root}/${relative}" SYMBOLIC)
+  endforeach()
+  target_include_directories(${target} ${scope} "$<BUILD_INTERFACE:${root}>")
+endfunction()
+
 # A loadable module that exports exactly the C symbols named in EXPORTS.
 function(tamtk_plugin target)
   cmake_parse_arguments(P "" "" "SOURCES;EXPORTS;LIBS" ${ARGN})
@@ -32,7 +55,9 @@ function(tamtk_plugin target)
   list(JOIN P_EXPORTS "; " syms)
   file(WRITE "${map}" "{\n  global: ${syms};\n  local: *;\n};\n")
   target_link_options(${target} PRIVATE "-Wl,--version-script=${map}" "-Wl,--no-undefined")
-  set_target_properties(${target} PROPERTIES PREFIX "lib" LINK_DEPENDS "${map}")
+  # Installed beside the toolkit and osk, where the loader looks for plug-ins.
+  set_target_properties(${target} PROPERTIES PREFIX "lib" LINK_DEPENDS "${map}"
+                                             INSTALL_RPATH "$ORIGIN")
   target_link_libraries(${target} PRIVATE ${P_LIBS})
 endfunction()
 

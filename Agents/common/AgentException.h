@@ -4,7 +4,7 @@
 // Tamtk::Exception; the finer families let tests and callers tell a
 // configuration mistake from a delivery problem.
 
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 #include "Toolkit/Exceptions.h"
 
 namespace Osk {

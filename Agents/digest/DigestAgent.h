@@ -20,7 +20,7 @@
 
 #include "Agents/digest/DigestSettings.h"
 #include "Agents/digest/Hold.h"
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 
 namespace Osk {
 namespace EmailAgents {

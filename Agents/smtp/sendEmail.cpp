@@ -3,7 +3,7 @@
 
 #include "Agents/common/AgentException.h"
 #include "Agents/smtp/SmtpAgent.h"
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 
 OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
                                 const char* message,

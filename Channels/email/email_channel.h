@@ -6,10 +6,10 @@
 #include <map>
 #include <string>
 
-#include "Channels/email/EmailAgent.h"
 #include "Channels/email/token_scan.h"
 #include "NetToolkit/EmailAddr.h"
 #include "Osk/Channel.h"
+#include "Osk/EmailAgent.h"
 #include "Toolkit/Triple.h"
 #include "Toolkit/Utf8Array.h"
 #include "XmlToolkit/Xml.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 
 namespace {
 unsigned long _calls = 0;
@@ -19,8 +19,14 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr&, const Osk::EmailChanne
     }
 }
 
-OSK_AGENT_EXPORT unsigned long countAgentCalls() { return _calls; }
+OSK_AGENT_EXPORT unsigned long countAgentCalls() {
+    return _calls;
+}
 
-OSK_AGENT_EXPORT void countAgentKeep(bool keep) { _keep = keep; }
+OSK_AGENT_EXPORT void countAgentKeep(bool keep) {
+    _keep = keep;
+}
 
-OSK_AGENT_EXPORT const char* countAgentLast() { return _last.c_str(); }
+OSK_AGENT_EXPORT const char* countAgentLast() {
+    return _last.c_str();
+}

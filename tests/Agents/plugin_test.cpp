@@ -6,7 +6,7 @@
 
 #include <sstream>
 
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 #include "SmtpTestUtil.h"
 
 using AgentTest::TempDir;

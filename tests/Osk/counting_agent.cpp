@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 
 namespace {
 

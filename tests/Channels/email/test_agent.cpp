@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Channels/email/EmailAgent.h"
+#include "Osk/EmailAgent.h"
 #include "Toolkit/Exceptions.h"
 
 namespace {
