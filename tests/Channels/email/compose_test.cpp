@@ -51,7 +51,8 @@ TEST(MakeCharset, Conversions) {
         const char* charset;
         std::string text;
         unsigned limit;
-        std::string expected;
+        std::string expected;  // the bytes, or the message of the failure
+        bool fails = false;
     };
     const Row rows[] = {
         {"UTF-8", "Grüße", ~0u, "Grüße"},
@@ -69,10 +70,19 @@ TEST(MakeCharset, Conversions) {
         {"ISO-8859-1", "", ~0u, ""},
         {"UTF-8", "", ~0u, ""},
         {"ISO-2022-JP", "日本", ~0u, "\x1B$BF|K\\\x1B(B"},  // ends back in ASCII
+        {"ISO-8859-1", "世界", ~0u, "Returned zero-length conversion", true},
+        {"NO-SUCH-CHARSET", "abc", ~0u, "Invalid argument", true},
+        {"ISO-8859-1", "ab\xC3", ~0u, "Utf8Array has invalid buffer", true},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.charset) + " " + row.text);
-        EXPECT_EQ(converted(row.charset, row.text, row.limit), row.expected);
+        try {
+            EXPECT_EQ(converted(row.charset, row.text, row.limit), row.expected);
+            EXPECT_FALSE(row.fails);
+        } catch (const Tamtk::Exception& e) {
+            EXPECT_TRUE(row.fails);
+            EXPECT_EQ(e.what(), row.expected);
+        }
     }
 }
 
@@ -101,33 +111,6 @@ TEST(MakeCharset, EachConversionStartsAfresh) {
     }
 }
 
-TEST(MakeCharset, Utf8OutputIsNotCopied) {
-    const Utf8Array text("zero copy");
-    EXPECT_EQ(make_charset("UTF-8", text, ~0u).bytes.get(), text.data());
-}
-
-TEST(MakeCharset, Failures) {
-    struct Row {
-        const char* charset;
-        std::string text;
-        const char* message;
-    };
-    const Row rows[] = {
-        {"ISO-8859-1", "世界", "Returned zero-length conversion"},
-        {"NO-SUCH-CHARSET", "abc", "Invalid argument"},
-        {"ISO-8859-1", "ab\xC3", "Utf8Array has invalid buffer"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.charset);
-        try {
-            converted(row.charset, row.text);
-            ADD_FAILURE() << "no exception";
-        } catch (const Tamtk::Exception& e) {
-            EXPECT_STREQ(e.what(), row.message);
-        }
-    }
-}
-
 TEST(BuildEmail, LineTableInOrder) {
     const std::string text = mail("Hi", "body", {{"b-low", "2"}, {"X-Up", "1"}}, {"a@example.com"});
     const std::vector<std::string> expected = {
@@ -152,12 +135,10 @@ TEST(BuildEmail, LineTableInOrder) {
 }
 
 TEST(BuildEmail, Recipients) {
-    EXPECT_EQ(lines(mail("s", "b", {}, {"one@example.com"}))[0], "To: <one@example.com>");
     const auto three = lines(mail("s", "b", {}, {"a@x.org", "b@y.org", "c@z.org"}));
     EXPECT_EQ(three[0], "To: <a@x.org>,");
     EXPECT_EQ(three[1], "\t<b@y.org>,");
     EXPECT_EQ(three[2], "\t<c@z.org>");
-    EXPECT_EQ(three[3].rfind("From: ", 0), 0u);
     EXPECT_THROW(mail("s", "b", {}, {}), std::out_of_range);
 }
 
@@ -172,13 +153,6 @@ TEST(BuildEmail, SubjectAndBodyShapes) {
     for (int i = 0; i < 19; ++i) s57 += "c3Nz";  // "sss"
     EXPECT_EQ(two[4], "Subject: =?UTF-8?B?" + s57 + "?=");
     EXPECT_EQ(two[5], "\t=?UTF-8?B?cw==?=");
-
-    const std::string body(57 * 3 + 1, 'x');
-    const auto bodyLines = lines(mail("s", body));
-    const std::size_t first = std::find(bodyLines.begin(), bodyLines.end(), "") - bodyLines.begin() + 1;
-    ASSERT_EQ(bodyLines.size() - first, 4u);
-    for (std::size_t i = first; i < first + 3; ++i) EXPECT_EQ(bodyLines[i].size(), 76u);
-    EXPECT_EQ(bodyLines.back(), "eA==");
 
     // Around every line edge: full lines of 76, a last line of the rest,
     // together the Base64 of the whole body.
