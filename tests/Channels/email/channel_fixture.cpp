@@ -46,7 +46,8 @@ std::string baseConfig() {
     <Event id="7" enabled="yes"/>
     <Event id="8" enabled="yes"/>
   </EventGroup>
-  <EmailAgent lib=")") + TEST_AGENT_PATH + R"("><Param name="mode" value="record"/></EmailAgent>
+  <EmailAgent lib=")") +
+           TEST_AGENT_PATH + R"("><Param name="mode" value="record"/></EmailAgent>
 </Channel>
 )";
 }
@@ -54,16 +55,19 @@ std::string baseConfig() {
 std::string hostileConfig(const std::string& message, const std::string& extraTokens) {
     std::string xml = replaced(baseConfig(), R"(<Token name="sev" default="HIGH"/>)",
                                R"(<Token name="detail" xpath="/event/detail"/>)" + extraTokens);
-    xml = replaced(xml, "<Message>Host %host% is %sev%</Message>", "<Message>" + message + "</Message>");
-    xml = replaced(xml, R"(<Header name="X-Group" default="g1"/>)",
-                   R"(<Header name="X-Group" default="g1"/><Header name="X-Detail" xpath="/event/detail"/>)");
+    xml = replaced(xml, "<Message>Host %host% is %sev%</Message>",
+                   "<Message>" + message + "</Message>");
+    xml = replaced(
+        xml, R"(<Header name="X-Group" default="g1"/>)",
+        R"(<Header name="X-Group" default="g1"/><Header name="X-Detail" xpath="/event/detail"/>)");
     return replaced(xml, R"(charset="ISO-8859-15")", R"(charset="UTF-8")");
 }
 
 std::set<std::string> hostileHeaders(bool withDetail) {
     std::set<std::string> names = standardHeaders();
     names.insert({"X-Host", "X-Group"});
-    if (withDetail) names.insert("X-Detail");
+    if (withDetail)
+        names.insert("X-Detail");
     return names;
 }
 
@@ -102,7 +106,8 @@ std::string TestAgent::recipients(std::size_t i) const {
     return _agentFunction<const char* (*)(std::size_t)>(lib_, "testAgentRecipients")(i);
 }
 
-std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id, const std::string& xml) {
+std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id,
+                                  const std::string& xml) {
     TestAgent agent;
     channel.do_log(event(id, xml));
     std::vector<std::string> mails;
@@ -133,7 +138,8 @@ Outcome deliverBetween(ReportingChannel& channel, const std::string& xml) {
     // The ordinary events on both sides arrive, each once, as themselves.
     EXPECT_EQ(agent.count(), afterHostile + 1);
     EXPECT_GE(afterHostile, 1u);
-    if (agent.count() < 2 || afterHostile < 1) return outcome;
+    if (agent.count() < 2 || afterHostile < 1)
+        return outcome;
     MailShape first = readMail(agent.message(0), hostileHeaders(false));
     MailShape last = readMail(agent.message(agent.count() - 1), hostileHeaders(false));
     EXPECT_EQ(first.problems, std::vector<std::string>());
@@ -151,7 +157,8 @@ Outcome deliverBetween(ReportingChannel& channel, const std::string& xml) {
 ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
     const char* old = std::getenv(name);
     had_ = old != nullptr;
-    if (had_) old_ = old;
+    if (had_)
+        old_ = old;
     if (value) {
         setenv(name, value, 1);
     } else {

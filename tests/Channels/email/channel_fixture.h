@@ -53,7 +53,8 @@ private:
 };
 
 // The mails the recording agent received while `channel` logged one event.
-std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id, const std::string& xml);
+std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id,
+                                  const std::string& xml);
 
 struct Outcome {
     std::string parseError;  // the XmlException of an event that does not parse

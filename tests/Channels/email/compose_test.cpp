@@ -31,8 +31,8 @@ std::vector<Tamnet::EmailAddr> addresses(std::initializer_list<const char*> text
 
 std::string mail(const std::string& subject, const std::string& body,
                  std::map<std::string, std::string> headers = {},
-                 std::initializer_list<const char*> to = {"a@example.com"}, const char* charset = "UTF-8",
-                 const std::string& name = "N") {
+                 std::initializer_list<const char*> to = {"a@example.com"},
+                 const char* charset = "UTF-8", const std::string& name = "N") {
     return buildEmail(charset, 0, Utf8Array(name), Tamnet::EmailAddr(std::string("s@example.com")),
                       addresses(to), Utf8Array(subject), Utf8Array(body), headers);
 }
@@ -57,13 +57,17 @@ TEST(MakeCharset, Conversions) {
     const Row rows[] = {
         {"UTF-8", "Grüße", ~0u, "Grüße"},
         {"UTF-8", "Grüße", 3, "Grü"},
-        {"ISO-8859-1", "Grüße", ~0u, "Gr\xFC\xDF" "e"},
-        {"ISO-8859-1", "a世b", ~0u, "ab"},           // neither the ideograph nor the square fit
+        {"ISO-8859-1", "Grüße", ~0u,
+         "Gr\xFC\xDF"
+         "e"},
+        {"ISO-8859-1", "a世b", ~0u, "ab"},  // neither the ideograph nor the square fit
         {"UTF-16LE", "ab", ~0u, std::string("a\0b\0", 4)},  // fast path keeps zero bytes
         {"UTF-16LE", "a世", ~0u, std::string("a\0\x16\x4E", 4)},
-        {"ASCII", "a\xC3\xA9z", ~0u, "az"},           // no square in ASCII either
+        {"ASCII", "a\xC3\xA9z", ~0u, "az"},  // no square in ASCII either
         {"ISO-8859-5", "x\xE2\x82\xACy", ~0u, "xy"},
-        {"KOI8-R", "a■b€", ~0u, "a\x94" "b\x94"},    // the square stands in for the euro sign
+        {"KOI8-R", "a■b€", ~0u,
+         "a\x94"
+         "b\x94"},  // the square stands in for the euro sign
         {"ISO-8859-1", "abcdef", 3, "abc"},
         {"ISO-8859-1", "abcdef", 6, "abcdef"},
         {"ISO-8859-1", "abcdef", 60, "abcdef"},
@@ -100,7 +104,10 @@ TEST(MakeCharset, EachConversionStartsAfresh) {
         {"ISO-2022-JP", "日😀", "本a", "\x1B$BK\\\x1B(Ba"},
         {"ISO-2022-JP", "日本", "a", "a"},
         // A byte order mark at the start of every conversion.
-        {"UTF-16", "x", "ab", std::string("\xFF\xFE" "a\0b\0", 6)},
+        {"UTF-16", "x", "ab",
+         std::string("\xFF\xFE"
+                     "a\0b\0",
+                     6)},
         {"ISO-8859-1", "a世", "ü", "\xFC"},
     };
     for (const Row& row : rows) {
@@ -144,7 +151,9 @@ TEST(BuildEmail, Recipients) {
 
 TEST(BuildEmail, SubjectAndBodyShapes) {
     const auto empty = lines(mail("", ""));
-    EXPECT_EQ(empty[4], "Subject: =?UTF-8?B?" "?=");
+    EXPECT_EQ(empty[4],
+              "Subject: =?UTF-8?B?"
+              "?=");
     EXPECT_EQ(empty.back(), "") << "an empty body is one empty line";
     EXPECT_EQ(empty[empty.size() - 2], "");
 
@@ -178,24 +187,33 @@ TEST(BuildEmail, LimitsCountCharactersBeforeConversion) {
     std::string longSubject;
     for (int i = 0; i < 450; ++i) longSubject += "é";  // 2 bytes each
     std::string longName(250, 'n');
-    const std::string text = buildEmail("ISO-8859-1", 0, Utf8Array(longName),
-                                        Tamnet::EmailAddr(std::string("s@example.com")), addresses({"a@b.org"}),
-                                        Utf8Array(longSubject), Utf8Array("b"), {{"X-V", std::string(300, 'v')}});
+    const std::string text =
+        buildEmail("ISO-8859-1", 0, Utf8Array(longName),
+                   Tamnet::EmailAddr(std::string("s@example.com")), addresses({"a@b.org"}),
+                   Utf8Array(longSubject), Utf8Array("b"), {{"X-V", std::string(300, 'v')}});
     // 400 one-byte characters after conversion: 7 words of 57 bytes and one of 1.
     std::size_t subjectWords = 0, nameWords = 0, headerWords = 0;
     std::size_t* counter = nullptr;
     std::string lastSubjectWord;
     for (const std::string& line : lines(text)) {
-        if (counter == &subjectWords && !line.empty() && line[0] == '\t') lastSubjectWord = line;
-        if (line.rfind("Subject: ", 0) == 0) counter = &subjectWords;
-        else if (line.rfind("From: ", 0) == 0) counter = &nameWords;
-        else if (line.rfind("X-V: ", 0) == 0) counter = &headerWords;
-        else if (line.empty() || line[0] != '\t') { counter = nullptr; continue; }
-        if (counter) ++*counter;
+        if (counter == &subjectWords && !line.empty() && line[0] == '\t')
+            lastSubjectWord = line;
+        if (line.rfind("Subject: ", 0) == 0)
+            counter = &subjectWords;
+        else if (line.rfind("From: ", 0) == 0)
+            counter = &nameWords;
+        else if (line.rfind("X-V: ", 0) == 0)
+            counter = &headerWords;
+        else if (line.empty() || line[0] != '\t') {
+            counter = nullptr;
+            continue;
+        }
+        if (counter)
+            ++*counter;
     }
-    EXPECT_EQ(subjectWords, 8u);  // ceil(400 / 57)
+    EXPECT_EQ(subjectWords, 8u);                            // ceil(400 / 57)
     EXPECT_EQ(lastSubjectWord, "\t=?ISO-8859-1?B?6Q==?=");  // the 400th character alone
-    EXPECT_EQ(nameWords, 4u);     // ceil(200 / 57)
+    EXPECT_EQ(nameWords, 4u);                               // ceil(200 / 57)
     EXPECT_EQ(headerWords, 4u);
 }
 
@@ -223,16 +241,18 @@ TEST(BuildEmail, AnIndependentParserReadsEveryCharset) {
         for (int i = 0; i < 40; ++i) body += row.sample + std::string(i % 5 == 4 ? "\n" : "");
         name = std::string("Alerter ") + row.sample + row.sample + row.sample;
         header = std::string(row.sample) + row.sample + row.sample;
-        const std::string text =
-            buildEmail(row.charset, 1700000000, Utf8Array(name), Tamnet::EmailAddr(std::string("s@example.com")),
-                       addresses({"a@x.org", "b@y.org"}), Utf8Array(subject), Utf8Array(body),
-                       {{"X-Detail", header}, {"X-Plain", "ascii"}});
+        const std::string text = buildEmail(
+            row.charset, 1700000000, Utf8Array(name),
+            Tamnet::EmailAddr(std::string("s@example.com")), addresses({"a@x.org", "b@y.org"}),
+            Utf8Array(subject), Utf8Array(body), {{"X-Detail", header}, {"X-Plain", "ascii"}});
         const std::string base = dir + "/" + std::to_string(index++);
         std::ofstream(base + ".eml", std::ios::binary) << text;
         std::ofstream expected(base + ".expected", std::ios::binary);
-        expected << row.charset << '\0' << subject << '\0' << name << '\0' << header << '\0' << body;
+        expected << row.charset << '\0' << subject << '\0' << name << '\0' << header << '\0'
+                 << body;
     }
-    const std::string command = std::string("/usr/bin/python3 ") + COMPOSE_CHECK_SCRIPT + " " + dir + " 2>&1";
+    const std::string command =
+        std::string("/usr/bin/python3 ") + COMPOSE_CHECK_SCRIPT + " " + dir + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     ASSERT_NE(pipe, nullptr);
     std::string output;

@@ -14,7 +14,9 @@ const std::string kCharsets =
 const std::string kTokens = R"(<Token name="host" xpath="/event/host"/>
     <Token name="sev" default="HIGH"/>)";
 
-std::string agentTag() { return std::string(R"(<EmailAgent lib=")") + TEST_AGENT_PATH + R"(">)"; }
+std::string agentTag() {
+    return std::string(R"(<EmailAgent lib=")") + TEST_AGENT_PATH + R"(">)";
+}
 
 struct FaultRow {
     const char* what;
@@ -29,42 +31,49 @@ struct FaultRow {
 
 TEST(Configure, EveryFaultHasItsTextAndLine) {
     const FaultRow rows[] = {
-        {"no defaults", "<Default>", "<Defaults>", "p && !p->empty()", 449, false, "</Default>", "</Defaults>"},
+        {"no defaults", "<Default>", "<Defaults>", "p && !p->empty()", 449, false, "</Default>",
+         "</Defaults>"},
         {"recipient without address", kRecipients, "<RecipientList><Recipient/></RecipientList>",
          "pRecipientList", 396, false},
-        {"empty recipient list", kRecipients, "<RecipientList/>", "Empty recipient list", 417, false},
+        {"empty recipient list", kRecipients, "<RecipientList/>", "Empty recipient list", 417,
+         false},
         {"no recipient list", kRecipients, "", "Empty recipient list", 417, false},
         {"no sender", kSender, "", "pSender", 421, false},
         {"sender without name", kSender, R"(<Sender email="a@b.c"/>)", "pSenderAttr", 423, false},
         {"sender without email", kSender, R"(<Sender name="n"/>)", "pSenderAttr", 427, false},
         {"no subject", kSubject, "", "pSubject", 431, false},
         {"subject without value", kSubject, "<Subject/>", "pSubjectAttr", 433, false},
-        {"matching charset without name", kCharsets, R"(<Charset enabled="yes" locale=""/>)", "pCharset",
-         375, false},
+        {"matching charset without name", kCharsets, R"(<Charset enabled="yes" locale=""/>)",
+         "pCharset", 375, false},
         {"matching charset empty", kCharsets, R"(<Charset enabled="yes" locale="" charset=""/>)",
          "pData && !pData->empty()", 377, false},
-        {"no agent", agentTag(), "<NoAgent>", "pEmailAgentList && !pEmailAgentList->empty()", 189, false,
-         "</EmailAgent>", "</NoAgent>"},
-        {"agent without lib", agentTag(), "<EmailAgent>", "pLibAttr && pLibAttr->value()", 193, false},
-        {"agent with empty lib", agentTag(), R"(<EmailAgent lib="">)", "pLibAttr && pLibAttr->value()", 193,
+        {"no agent", agentTag(), "<NoAgent>", "pEmailAgentList && !pEmailAgentList->empty()", 189,
+         false, "</EmailAgent>", "</NoAgent>"},
+        {"agent without lib", agentTag(), "<EmailAgent>", "pLibAttr && pLibAttr->value()", 193,
          false},
-        {"group without message", "<Message>Host %host% is %sev%</Message>", "", "pMessage", 0, false},
-        {"event without id", R"(<Event id="8" enabled="yes"/>)", R"(<Event enabled="yes"/>)", "pID", 0,
+        {"agent with empty lib", agentTag(), R"(<EmailAgent lib="">)",
+         "pLibAttr && pLibAttr->value()", 193, false},
+        {"group without message", "<Message>Host %host% is %sev%</Message>", "", "pMessage", 0,
          false},
-        {"event id not a number", R"(<Event id="8" enabled="yes"/>)", R"(<Event id="eight" enabled="yes"/>)",
+        {"event without id", R"(<Event id="8" enabled="yes"/>)", R"(<Event enabled="yes"/>)", "pID",
+         0, false},
+        {"event id not a number", R"(<Event id="8" enabled="yes"/>)",
+         R"(<Event id="eight" enabled="yes"/>)",
          "Could not perform the cast from the value to the specific type", 0, false},
         {"invalid sender address", kSender, R"(<Sender name="n" email="a@b..c"/>)",
          "double-dot found in domain name", 0, true},
         {"agent library missing", agentTag(), R"(<EmailAgent lib="/nonexistent/libagent.so">)",
          "Opening of module /nonexistent/libagent.so failed with error ", 0, true},
-        {"library without sendEmail", agentTag(), std::string(R"(<EmailAgent lib=")") + NO_AGENT_PATH + R"(">)",
+        {"library without sendEmail", agentTag(),
+         std::string(R"(<EmailAgent lib=")") + NO_AGENT_PATH + R"(">)",
          "Could not obtain address for sendEmail", 0, true},
     };
     for (const FaultRow& row : rows) {
         SCOPED_TRACE(row.what);
         ReportingChannel channel;
         std::string xml = replaced(baseConfig(), row.from, row.to);
-        if (!row.from2.empty()) xml = replaced(xml, row.from2, row.to2);
+        if (!row.from2.empty())
+            xml = replaced(xml, row.from2, row.to2);
         try {
             channel.do_configure(config(xml));
             ADD_FAILURE() << "configured without a fault";
@@ -97,8 +106,10 @@ TEST(Configure, CharsetIsChosenByLocalePrefix) {
         return R"(<Charset enabled="yes" locale=")" + locale + R"(" charset="KOI8-R"/>)";
     };
     const Row rows[] = {
-        {nullptr, "fr_FR", R"(<Charset enabled="yes" locale="fr" charset="ISO-8859-15"/>)", "ISO-8859-15"},
-        {nullptr, "fr_FR", R"(<Charset enabled="yes" locale="FR" charset="ISO-8859-15"/>)", "UTF-8"},
+        {nullptr, "fr_FR", R"(<Charset enabled="yes" locale="fr" charset="ISO-8859-15"/>)",
+         "ISO-8859-15"},
+        {nullptr, "fr_FR", R"(<Charset enabled="yes" locale="FR" charset="ISO-8859-15"/>)",
+         "UTF-8"},
         {nullptr, "fr_FR", R"(<Charset enabled="no" locale="fr" charset="ISO-8859-15"/>)", "UTF-8"},
         {"de_DE.UTF-8", "fr_FR",
          R"(<Charset enabled="yes" locale="fr" charset="ISO-8859-15"/><Charset enabled="yes" locale="de" charset="ISO-8859-1"/>)",
@@ -120,7 +131,8 @@ TEST(Configure, CharsetIsChosenByLocalePrefix) {
         ASSERT_TRUE(channel.do_configure(config(replaced(baseConfig(), kCharsets, row.charsets))));
         const std::vector<std::string> mails = mailsFor(channel, 7, "<event/>");
         ASSERT_EQ(mails.size(), 1u);
-        EXPECT_NE(mails[0].find("charset=\"" + std::string(row.expected) + "\""), std::string::npos) << mails[0];
+        EXPECT_NE(mails[0].find("charset=\"" + std::string(row.expected) + "\""), std::string::npos)
+            << mails[0];
     }
 }
 
@@ -134,10 +146,12 @@ TEST(Configure, QuirksThatAreKept) {
     std::string xml = replaced(baseConfig(), kTokens, tokens);
     xml = replaced(xml, "<Message>Host %host% is %sev%</Message>", "<Message>%a%</Message>");
     // The same header in the defaults and in the group: the defaults win.
-    xml = replaced(xml, R"(<Header name="X-Group" default="g1"/>)",
-                   R"(<Header name="X-Host" default="group" xpath="/other"/><Header name="X-Group" default="g1"/><Header name="X-Group" default="second"/>)");
+    xml = replaced(
+        xml, R"(<Header name="X-Group" default="g1"/>)",
+        R"(<Header name="X-Host" default="group" xpath="/other"/><Header name="X-Group" default="g1"/><Header name="X-Group" default="second"/>)");
     // A second group naming id 7 again.
-    xml = replaced(xml, "<EmailAgent", R"(<EventGroup enabled="yes"><Message>%b% then %broken% rest</Message>
+    xml = replaced(xml, "<EmailAgent",
+                   R"(<EventGroup enabled="yes"><Message>%b% then %broken% rest</Message>
       <Event id="7" enabled="yes"/><Event id="9" enabled="yes"/><Event id="10" enabled="no"/></EventGroup>
       <EventGroup enabled="no"><Message>off</Message><Event id="11" enabled="yes"/></EventGroup>
       <EmailAgent)");
@@ -147,13 +161,16 @@ TEST(Configure, QuirksThatAreKept) {
     std::vector<std::string> mails = mailsFor(channel, 7, "<e/>");
     ASSERT_EQ(mails.size(), 1u);
     MailShape mail = readMail(mails[0], hostileHeaders(false));
-    EXPECT_EQ(mail.body, "") << "the first group naming an id, and the first definition of a token, win";
+    EXPECT_EQ(mail.body, "")
+        << "the first group naming an id, and the first definition of a token, win";
     EXPECT_EQ(decodeWords(mail.headers["X-Host"]), "unknown");
-    EXPECT_EQ(decodeWords(mail.headers["X-Group"]), "g1") << "a repeated name keeps its first definition";
+    EXPECT_EQ(decodeWords(mail.headers["X-Group"]), "g1")
+        << "a repeated name keeps its first definition";
 
     mails = mailsFor(channel, 9, "<e/>");
     ASSERT_EQ(mails.size(), 1u);
-    EXPECT_EQ(readMail(mails[0], standardHeaders()).body, "B") << "a broken token's placeholder still cuts";
+    EXPECT_EQ(readMail(mails[0], standardHeaders()).body, "B")
+        << "a broken token's placeholder still cuts";
     EXPECT_TRUE(mailsFor(channel, 10, "<e/>").empty());
     EXPECT_TRUE(mailsFor(channel, 11, "<e/>").empty());
 
@@ -168,14 +185,16 @@ TEST(Configure, QuirksThatAreKept) {
 
 TEST(Configure, TokensThatCannotBeReadStopTheConfiguration) {
     ReportingChannel channel;
-    EXPECT_FALSE(channel.do_configure(config(replaced(baseConfig(), kTokens, R"(<Token name="x" xpath="((("/>)"))));
+    EXPECT_FALSE(channel.do_configure(
+        config(replaced(baseConfig(), kTokens, R"(<Token name="x" xpath="((("/>)"))));
     ASSERT_EQ(channel.reports.size(), 1u);
     EXPECT_EQ(channel.reports[0].text, "Error reading tokens during configuration");
     EXPECT_EQ(channel.reports[0].severity, "warning");
     EXPECT_TRUE(mailsFor(channel, 7, "<event/>").empty()) << "no group was read";
 
     ReportingChannel invalid;
-    EXPECT_THROW(invalid.do_configure(config(replaced(baseConfig(), kTokens, R"(<Token name="(" default="x"/>)"))),
+    EXPECT_THROW(invalid.do_configure(
+                     config(replaced(baseConfig(), kTokens, R"(<Token name="(" default="x"/>)"))),
                  std::runtime_error);
 }
 
@@ -187,18 +206,21 @@ TEST(Configure, AgentParametersWithoutNameOrValueAreReported) {
     ASSERT_TRUE(channel.do_configure(config(xml)));
     std::vector<std::string> texts;
     for (const Report& r : channel.reports) texts.push_back(r.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"pName && pValue", "Empty value", "pName && pValue"}));
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{"pName && pValue", "Empty value", "pName && pValue"}));
     EXPECT_EQ(mailsFor(channel, 7, "<event/>").size(), 1u);
 }
 
 TEST(Configure, NothingIsRolledBackAndReconfigurationAdds) {
     ReportingChannel channel;
-    EXPECT_THROW(channel.do_configure(config(replaced(baseConfig(), kSubject, ""))), Osk::ConfigException);
+    EXPECT_THROW(channel.do_configure(config(replaced(baseConfig(), kSubject, ""))),
+                 Osk::ConfigException);
     ASSERT_TRUE(channel.do_configure(config(baseConfig())));
     TestAgent agent;
     channel.do_log(event(7, "<event/>"));
     ASSERT_EQ(agent.count(), 1u);
-    EXPECT_EQ(agent.recipients(0), "ops@example.com;oncall@example.org;ops@example.com;oncall@example.org;")
+    EXPECT_EQ(agent.recipients(0),
+              "ops@example.com;oncall@example.org;ops@example.com;oncall@example.org;")
         << "recipients are appended on every configuration, a failed one too";
 
     channel.do_shutdown();
@@ -209,7 +231,8 @@ TEST(Configure, NothingIsRolledBackAndReconfigurationAdds) {
     channel.do_log(event(7, "<event/>"));
     ASSERT_EQ(agent.count(), 2u);
     EXPECT_EQ(agent.recipients(1), "ops@example.com;oncall@example.org;");
-    EXPECT_NE(agent.message(1).find("charset=\"\""), std::string::npos) << "not reset to UTF-8 after a shutdown";
+    EXPECT_NE(agent.message(1).find("charset=\"\""), std::string::npos)
+        << "not reset to UTF-8 after a shutdown";
 }
 
 // Names written into the mail as they stand must not break or add header lines.
@@ -223,7 +246,8 @@ TEST(Configure, NamesThatCouldBreakTheHeaderAreRefused) {
         const char* name;          // as written in the XML
         const char* refusal;       // message prefix, or null when accepted
     };
-    const std::string hostHeader = R"(<Header name="X-Host" xpath="/event/host" default="unknown"/>)";
+    const std::string hostHeader =
+        R"(<Header name="X-Host" xpath="/event/host" default="unknown"/>)";
     const std::string groupHeader = R"(<Header name="X-Group" default="g1"/>)";
     const char* const badCharset = "Invalid charset name [[ ";
     const char* const badHeader = "Invalid header name [[ ";
@@ -249,7 +273,8 @@ TEST(Configure, NamesThatCouldBreakTheHeaderAreRefused) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         ReportingChannel channel;
-        const std::string xml = replaced(baseConfig(), row.from, replaced(*row.where, "@", row.name));
+        const std::string xml =
+            replaced(baseConfig(), row.from, replaced(*row.where, "@", row.name));
         if (row.refusal == nullptr) {
             EXPECT_TRUE(channel.do_configure(config(xml)));
             continue;

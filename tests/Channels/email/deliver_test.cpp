@@ -49,7 +49,8 @@ TEST(Render, TemplatesAreFilledAsTheTokensSay) {
         {"multi-byte text copied byte for byte", "Grüße %b% – 世界 %a%",
          "<event><a>ümlaut</a></event>", "Grüße B – 世界 ümlaut", 0},
         // %bad% is the last token, so the expression also matches it with more closing signs.
-        {"match that is no key cuts the message, text before it too", "x %bad%% y", "<event/>", "", 0},
+        {"match that is no key cuts the message, text before it too", "x %bad%% y", "<event/>", "",
+         0},
         {"cut keeps what was built before the previous match", "%b% then %bad%%% rest", "<event/>",
          "B", 0},
         {"last token with one closing percent is fine", "%b% %a%%", "<event><a>A</a></event>",
@@ -80,8 +81,8 @@ TEST(Deliver, MatchingEventsReachTheAgentAndNothingEscapes) {
         <Header name="X-Default" xpath="/event/missing" default="fallback"/>
         <Header name="X-Empty-Default" xpath="/event/missing" default=""/>
         <Header name="X-Nothing" xpath="/event/missing"/>)";
-    ASSERT_TRUE(channel.do_configure(
-        config(replaced(deliveryConfig("Host %a% down"), R"(<Header name="X-Group" default="g1"/>)", headers))));
+    ASSERT_TRUE(channel.do_configure(config(replaced(
+        deliveryConfig("Host %a% down"), R"(<Header name="X-Group" default="g1"/>)", headers))));
 
     channel.do_log(event(99, "<event/>"));
     EXPECT_EQ(agent.count(), 0u) << "unknown ids are dropped";
@@ -174,7 +175,8 @@ TEST(Deliver, GroupSubjectsAreRenderedAndEncodedAsTheDefaultIs) {
         MailShape shape = readMail(mails[0], hostileHeaders(false));
         EXPECT_EQ(shape.problems, std::vector<std::string>());
         const std::string charset = std::string(row.lang) == "fr" ? "ISO-8859-1" : "UTF-8";
-        EXPECT_EQ(shape.headers["Subject"].rfind("=?" + charset + "?B?", 0), 0u) << shape.headers["Subject"];
+        EXPECT_EQ(shape.headers["Subject"].rfind("=?" + charset + "?B?", 0), 0u)
+            << shape.headers["Subject"];
         EXPECT_EQ(decodeWords(shape.headers["Subject"]), row.expected);
         EXPECT_EQ(channel.reports.size(), row.criticals);
     }
