@@ -154,24 +154,13 @@ Outcome deliverBetween(ReportingChannel& channel, const std::string& xml) {
     return outcome;
 }
 
-ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = std::getenv(name);
-    had_ = old != nullptr;
-    if (had_)
-        old_ = old;
-    if (value) {
-        setenv(name, value, 1);
-    } else {
-        unsetenv(name);
-    }
+ScopedEnv::ScopedEnv(const char* name_, const char* value) : name(name_) {
+    if (value)
+        setenv(name_, value, 1);
 }
 
 ScopedEnv::~ScopedEnv() {
-    if (had_) {
-        setenv(name_.c_str(), old_.c_str(), 1);
-    } else {
-        unsetenv(name_.c_str());
-    }
+    unsetenv(name.c_str());
 }
 
 }  // namespace testing_support

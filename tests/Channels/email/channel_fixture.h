@@ -68,18 +68,13 @@ struct Outcome {
 // themselves and that the hostile one did not leave a second mail behind.
 Outcome deliverBetween(ReportingChannel& channel, const std::string& xml);
 
-// Sets or unsets an environment variable for the life of the object. The
-// locale variables start unset in every test program, so that the charset
-// choice does not depend on the machine.
-class ScopedEnv {
-public:
+// Sets a locale variable for the life of the object. The locale variables
+// start unset in every test program, so that the charset choice does not
+// depend on the machine.
+struct ScopedEnv {
     ScopedEnv(const char* name, const char* value);
     ~ScopedEnv();
-
-private:
-    std::string name_;
-    bool had_;
-    std::string old_;
+    std::string name;
 };
 
 }  // namespace testing_support
