@@ -61,6 +61,20 @@ TEST(HostileCharsets, TruncatedSequenceAtEveryPosition) {
     }
 }
 
+// XML has no NUL; given straight to the assembly, NUL in every text ends up
+// encoded: the mail stays one C string and every value arrives whole.
+TEST(HostileCharsets, NulIsEncoded) {
+    const std::string nul("a\0b\r\n\0", 6);
+    for (const char* charset : {"UTF-8", "ISO-8859-1"}) {
+        SCOPED_TRACE(charset);
+        MailShape shape = readMail(mailOf(charset, nul), mailHeaders());
+        EXPECT_EQ(shape.problems, std::vector<std::string>());
+        EXPECT_EQ(shape.body, nul);
+        EXPECT_EQ(decodeWords(shape.headers["Subject"]), nul);
+        EXPECT_EQ(decodeWords(shape.headers["X-Value"]), nul);
+    }
+}
+
 TEST(HostileCharsets, ExoticCharsetsConvertAndUnknownOnesFailClearly) {
     // Characters whose designations make ISO-2022-CN-EXT write its longest
     // escape sequences (the glibc overflow of 2024), after every count of

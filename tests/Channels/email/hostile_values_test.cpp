@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Channels/email/encode.h"
 #include "channel_fixture.h"
 
 using namespace testing_support;
@@ -100,26 +99,6 @@ TEST(HostileValues, LineBreaksInEveryTemplatedValueStayInsideIt) {
             EXPECT_EQ(decodeWords(shape.headers.at("X-Detail")), value);
             EXPECT_EQ(decodeWords(shape.headers.at(row.header)), value);
         }
-    }
-}
-
-// XML has no NUL; given straight to the assembly, NUL in every text ends up
-// encoded: the mail stays one C string and every value arrives whole.
-TEST(HostileValues, NulIsEncodedWhenGivenDirectly) {
-    const std::string nul("a\0b\r\n\0", 6);
-    for (const char* charset : {"UTF-8", "ISO-8859-1"}) {
-        SCOPED_TRACE(charset);
-        const Tamtk::Utf8Array text(nul.data(), static_cast<unsigned>(nul.size()));
-        const std::string mail = Osk::EmailChannel::buildEmail(
-            charset, 0, text, Tamnet::EmailAddr("s@example.com"),
-            {Tamnet::EmailAddr("r@example.com")}, text, text, {{"X-Value", nul}});
-        std::set<std::string> expected = standardHeaders();
-        expected.insert("X-Value");
-        const MailShape shape = readMail(mail, expected);
-        EXPECT_EQ(shape.problems, std::vector<std::string>());
-        EXPECT_EQ(shape.body, nul);
-        EXPECT_EQ(decodeWords(shape.headers.at("Subject")), nul);
-        EXPECT_EQ(decodeWords(shape.headers.at("X-Value")), nul);
     }
 }
 
