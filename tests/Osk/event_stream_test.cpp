@@ -95,15 +95,6 @@ TEST(EventStream, EveryPrefixDeliversTheEventsCompleteInIt) {
     EXPECT_EQ(12, countEvents(readAll(stream)));
 }
 
-TEST(EventStream, SyntaxErrorIsReportedWhereItIs) {
-    const std::vector<std::string> seen = readAll(
-        "<Events>\n<Event id='1'><x>a</x></Event>\n<Event id='2'><x>b</y></Event>\n"
-        "<Event id='3'><x>c</x></Event>\n</Events>\n");
-    ASSERT_EQ(2u, seen.size());
-    EXPECT_EQ("1:a", seen[0]);
-    EXPECT_EQ(0u, seen[1].rfind("FATAL@3: Opening and ending tag mismatch", 0)) << seen[1];
-}
-
 TEST(EventStream, UnusableEventsAreSkippedWithTheirLine) {
     struct Case {
         const char* event;

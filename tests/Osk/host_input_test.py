@@ -5,10 +5,9 @@ came before it, and the command line does what --help says."""
 import base64
 import signal
 import subprocess
-import time
 import unittest
 
-from host_harness import (COUNTING_AGENT, MAILDIR_AGENT, OSK_HOST, TIMEOUT, HostTest, channel_config,
+from host_harness import (FAKE_AGENT, MAILDIR_AGENT, OSK_HOST, TIMEOUT, HostTest, channel_config,
                           events_xml)
 
 TOKENS = '<Token name="host" xpath="/alarm/host"/>'
@@ -198,21 +197,20 @@ class CommandLineTest(HostTest):
     def test_signal_ends_the_run_in_order(self):
         for sig, name in ((signal.SIGTERM, "SIGTERM"), (signal.SIGINT, "SIGINT")):
             with self.subTest(name):
-                host = self.live_host(channel_config(COUNTING_AGENT, [], GROUPS, tokens=TOKENS),
+                host = self.live_host(channel_config(FAKE_AGENT, [], GROUPS, tokens=TOKENS),
                                       ["--progress"])
                 host.send("<Events>\n" + f'<Event id="1">{alarm("a")}</Event>\n')
                 self.assertTrue(host.wait_for(lambda: b"osk-host: 1 events" in host.seen))
                 # The next event is still open: the reader waits in the middle of it.
                 host.send('<Event id="1"><alarm>')
                 host.process.send_signal(sig)
-                status = host.process.wait(TIMEOUT)
-                host.reader.join(TIMEOUT)
+                status = host.finish(close=False)
                 text = host.stderr()
                 self.assertEqual(0, status, text)
                 self.assertIn(f"osk-host: stopped by {name}; shutting the channel down", text)
                 self.assertIn("osk-host: 1 events read, lost alerts: 0, ", text)
                 # The agent's static destructor ran: the process ended normally.
-                self.assertIn("counting agent: 1 messages", text)
+                self.assertIn("fake agent: 1 messages", text)
 
 
 if __name__ == "__main__":
