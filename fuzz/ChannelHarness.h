@@ -9,7 +9,7 @@
 #include <string>
 
 #include "Channels/email/email_channel.h"
-#include "Channels/email/mail_shape.h"  // from tests/
+#include "mail_shape.h"  // tests/support
 
 namespace fuzzing {
 
@@ -24,7 +24,7 @@ struct CountingChannel : Osk::email_channel {
 const char* agentPath();
 
 // Aborts, showing the mail, when it does not have the shape readMail
-// states (tests/Channels/email/mail_shape.h), `expectedHeaders` among it.
+// states (tests/support/mail_shape.h), `expectedHeaders` among it.
 void checkMail(const std::string& mail, const std::set<std::string>& expectedHeaders);
 
 // A configuration or event document from fuzz bytes; null when they are

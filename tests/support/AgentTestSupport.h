@@ -32,6 +32,8 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 // Runs a shell command; returns its standard output, throws on a non-zero exit.
 std::string run(const std::string& command);
+// Polls `condition` for up to `seconds`; whether it came true.
+bool waitFor(const std::function<bool()>& condition, double seconds);
 
 // A self-signed certificate for 127.0.0.1 and localhost, made once per process.
 struct Certificate {

@@ -132,6 +132,18 @@ std::string run(const std::string& command) {
     return out;
 }
 
+bool waitFor(const std::function<bool()>& condition, double seconds) {
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
 const Certificate& Certificate::get() {
     static TempDir dir;
     static const Certificate certificate = [] {
@@ -414,54 +426,43 @@ PostfixServer::PostfixServer(const std::vector<std::string>& users,
         mailboxes += user + "@example.test " + user + "/\n";  // the slash: a Maildir
     }
     writeFile(etc + "/mailboxes", mailboxes);
-    writeFile(etc + "/main.cf",
-              "compatibility_level = 3.6\n"
-              "queue_directory = " +
-                  dir_.path() +
-                  "/queue\n"
-                  "data_directory = " +
-                  dir_.path() +
-                  "/data\n"
-                  "maillog_file = " +
-                  dir_.path() +
-                  "/maillog\n"
-                  "maillog_file_prefixes = " +
-                  dir_.path() +
-                  "\n"
-                  "inet_interfaces = 127.0.0.1\n"
-                  "inet_protocols = ipv4\n"
-                  "myhostname = postfix.test\n"
-                  "mydestination =\n"
-                  "mynetworks = 127.0.0.0/8\n"
-                  "alias_maps =\n"
-                  "alias_database =\n"
-                  "relayhost =\n"
-                  "local_transport = error:local delivery is off\n"
-                  "default_transport = error:this instance sends nothing out\n"
-                  "virtual_mailbox_domains = example.test\n"
-                  "virtual_mailbox_base = " +
-                  dir_.path() +
-                  "/mail\n"
-                  "virtual_mailbox_maps = texthash:" +
-                  etc +
-                  "/mailboxes\n"
-                  "virtual_uid_maps = static:" +
-                  std::to_string(nobody->pw_uid) +
-                  "\n"
-                  "virtual_gid_maps = static:" +
-                  std::to_string(nobody->pw_gid) +
-                  "\n"
-                  "smtpd_recipient_restrictions = check_recipient_access texthash:" +
-                  etc +
-                  "/refused, permit_mynetworks, reject_unauth_destination\n"
-                  "smtpd_tls_security_level = may\n"
-                  "smtpd_tls_cert_file = " +
-                  certificate.cert +
-                  "\n"
-                  "smtpd_tls_key_file = " +
-                  certificate.key +
-                  "\n"
-                  "smtpd_tls_received_header = yes\n");
+    std::string mainCf = R"(compatibility_level = 3.6
+queue_directory = @DIR@/queue
+data_directory = @DIR@/data
+maillog_file = @DIR@/maillog
+maillog_file_prefixes = @DIR@
+inet_interfaces = 127.0.0.1
+inet_protocols = ipv4
+myhostname = postfix.test
+mydestination =
+mynetworks = 127.0.0.0/8
+alias_maps =
+alias_database =
+relayhost =
+local_transport = error:local delivery is off
+default_transport = error:this instance sends nothing out
+virtual_mailbox_domains = example.test
+virtual_mailbox_base = @DIR@/mail
+virtual_mailbox_maps = texthash:@DIR@/etc/mailboxes
+virtual_uid_maps = static:@UID@
+virtual_gid_maps = static:@GID@
+smtpd_recipient_restrictions = check_recipient_access texthash:@DIR@/etc/refused, permit_mynetworks, reject_unauth_destination
+smtpd_tls_security_level = may
+smtpd_tls_cert_file = @CERT@
+smtpd_tls_key_file = @KEY@
+smtpd_tls_received_header = yes
+)";
+    const std::pair<const char*, std::string> values[] = {{"@DIR@", dir_.path()},
+                                                          {"@UID@", std::to_string(nobody->pw_uid)},
+                                                          {"@GID@", std::to_string(nobody->pw_gid)},
+                                                          {"@CERT@", certificate.cert},
+                                                          {"@KEY@", certificate.key}};
+    for (const auto& value : values) {
+        for (std::size_t at; (at = mainCf.find(value.first)) != std::string::npos;) {
+            mainCf.replace(at, std::strlen(value.first), value.second);
+        }
+    }
+    writeFile(etc + "/main.cf", mainCf);
     writeFile(etc + "/master.cf",
               "127.0.0.1:" + std::to_string(port_) + " inet n - n - - smtpd\n" + _postfixServices);
     try {
