@@ -9,6 +9,7 @@
 #include "Channels/email/EmailAgent.h"
 #include "SmtpTestUtil.h"
 
+using AgentTest::contains;
 using AgentTest::TempDir;
 using Osk::EmailChannel::ToList;
 typedef std::map<std::string, std::string> Params;
@@ -50,10 +51,6 @@ private:
     Osk::EmailChannel::SendEmailFn* send_ = nullptr;
     bool close_ = true;
 };
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 }  // namespace
 

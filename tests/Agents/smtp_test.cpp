@@ -19,10 +19,6 @@ using namespace AgentTest;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 std::vector<std::string> spoolFiles(const TempDir& dir, const char* sub) {
     return listDir(dir / (std::string("spool/") + sub));
 }
@@ -47,6 +43,7 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
         {"no final line feed", "no final line feed\r\n", true, true},
         {"already\r\nCRLF\r\n", "already\r\nCRLF\r\n", true, true},
         {"\xc3\xa9\xff bytes\n", "\xc3\xa9\xff bytes\r\n", true, true},
+        {"lone\rcarriage return\n", "lone\r\ncarriage return\r\n", true, true},
         // Headers of the mail's own are kept, wherever and however spelt.
         {"To: a\nmessage-id : <own@x>\n\nbody\n", "To: a\r\nmessage-id : <own@x>\r\n\r\nbody\r\n",
          false, true},
@@ -81,7 +78,7 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
         EXPECT_EQ(got[i].from, "alerts@src.example");
         EXPECT_EQ(got[i].to, (std::vector<std::string>{"b@x.example", "c@y.example"}));
     }
-    EXPECT_EQ(ids.size(), 7u) << "every mail has its own Message-ID";
+    EXPECT_EQ(ids.size(), 8u) << "every mail has its own Message-ID";
 }
 
 TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOff) {
@@ -140,9 +137,7 @@ TEST(SmtpAgent, TemporaryAndPermanentRefusalsOfTheMessage) {
             settingsFor(server.url(), c.spool ? Params{{"spool", dir / "spool"}} : Params{}));
         const std::string message = std::string("X-Test-Reply: ") + c.reply + "\n\nbody\n";
         const std::string text = sendFailure(agent, "a@b", {"c@d", "e@f"}, message);
-        for (const std::string& part : c.expected) {
-            EXPECT_TRUE(contains(text, part)) << "'" << part << "' not in: " << text;
-        }
+        EXPECT_EQ(missingFrom(text, c.expected), "") << text;
         EXPECT_TRUE(server.messages().empty());
         if (!c.spool) {
             continue;
@@ -256,9 +251,7 @@ TEST(SmtpAgent, TlsAndCredentials) {
         SmtpTestServer server(c.server);
         SmtpAgent agent(settingsFor(server.url(), c.params));
         const std::string text = sendFailure(agent, "a@b", {"c@d"}, "secret report\n");
-        for (const std::string& part : c.failure) {
-            EXPECT_TRUE(contains(text, part)) << "'" << part << "' not in: " << text;
-        }
+        EXPECT_EQ(missingFrom(text, c.failure), "") << text;
         EXPECT_FALSE(contains(text, "Pa55") || contains(text, "alerter")) << text;
         const auto got = server.messages();
         ASSERT_EQ(got.size(), c.failure.empty() ? 1u : 0u);
@@ -326,9 +319,7 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
         const std::string text = sendFailure(agent, "a@b", {"c@d"}, "first\n");
         sendFailure(agent, "a@b", {"c@d"}, "second\n");
         EXPECT_EQ(live.messages().size() - before, c.arrivesLive) << c.urls;
-        for (const std::string& part : c.expected) {
-            EXPECT_TRUE(contains(text, part)) << "'" << part << "' not in: " << text;
-        }
+        EXPECT_EQ(missingFrom(text, c.expected), "") << text;
         if (!c.absent.empty()) {
             EXPECT_FALSE(contains(text, c.absent)) << text;
         }
@@ -545,33 +536,16 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         } catch (const AgentParamException& e) {
             text = e.what();
         }
-        for (const std::string& part : c.expected) {
-            EXPECT_TRUE(contains(text, part)) << "'" << part << "' not in: " << text;
-        }
+        EXPECT_EQ(missingFrom(text, c.expected), "") << text;
         EXPECT_FALSE(contains(text, "Hidden-Pa55")) << text;
     }
 
-    const SmtpSettings defaults = SmtpSettings::fromParams({{"url", "smtp://h:25"}});
-    EXPECT_EQ(defaults.starttls, StartTls::Try);
-    EXPECT_TRUE(defaults.verifyPeer);
-    EXPECT_EQ(defaults.timeoutMs, 30000);
-    EXPECT_EQ(defaults.spool, "");
     const SmtpSettings fromFile = SmtpSettings::fromParams({{"url", "smtps://h"},
                                                             {"username", "u"},
                                                             {"password_file", dir / "pw"},
                                                             {"timeout", "2.5"}});
     EXPECT_EQ(fromFile.password, "from-file-Pa55");
     EXPECT_EQ(fromFile.timeoutMs, 2500);
-}
-
-TEST(SmtpWireFormat, EveryLineEndsInCrLf) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""},           {"a\nb", "a\r\nb"},   {"a\r\nb\n", "a\r\nb\r\n"},
-        {"a\rb", "a\r\nb"}, {"\n\n", "\r\n\r\n"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(toWireFormat(c.first.c_str()), c.second);
-    }
 }
 
 TEST(SmtpSpool, FilesKeepTheEnvelopeAndRejectGarbage) {
