@@ -1,16 +1,19 @@
 #pragma once
 
-// What the configuration and event-rendering targets share: a channel that
-// counts its reports instead of printing them, the recording agent they
-// bind (opened here the way the channel opens it), and event documents.
+// What the assembly, configuration and event-rendering targets share: a
+// channel that counts its reports instead of printing them, the recording
+// agent they bind, and the mail shape every built mail must have.
 
 #include <cstddef>
 #include <set>
 #include <string>
 
 #include "Channels/email/email_channel.h"
+#include "mail_shape.h"  // tests/support
 
 namespace fuzzing {
+
+using testing_support::standardHeaders;
 
 struct CountingChannel : Osk::email_channel {
     CountingChannel();
@@ -18,18 +21,11 @@ struct CountingChannel : Osk::email_channel {
 };
 
 // The recording email agent, a module built beside the fuzz targets.
-class Agent {
-  public:
-    static const Agent& instance();
-    static const char* path();
-    std::size_t count() const;
-    std::string message(std::size_t i) const;
-    void reset() const;
+const char* agentPath();
 
-  private:
-    Agent();
-    void* lib_;
-};
+// Aborts, showing the mail, when it does not have the shape readMail
+// states (tests/support/mail_shape.h), `expectedHeaders` among it.
+void checkMail(const std::string& mail, const std::set<std::string>& expectedHeaders);
 
 // A configuration or event document from fuzz bytes; null when they are
 // not well-formed XML.

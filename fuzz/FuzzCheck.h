@@ -22,7 +22,8 @@ namespace fuzzing {
 
 inline void check(bool condition, const std::string& what,
                   const std::string& detail = std::string()) {
-    if (!condition) fail(what, detail);
+    if (!condition)
+        fail(what, detail);
 }
 
 }  // namespace fuzzing

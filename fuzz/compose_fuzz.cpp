@@ -10,16 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "ChannelHarness.h"
 #include "Channels/email/encode.h"
 #include "FuzzCheck.h"
-#include "MailCheck.h"
 #include "Toolkit/Exceptions.h"
 
 namespace {
 
-const char* const _charsets[] = {"UTF-8",      "ISO-8859-1", "ISO-8859-15", "US-ASCII",
-                                 "UTF-16",     "UTF-7",      "SHIFT_JIS",   "ISO-2022-JP",
-                                 "ISO-2022-CN-EXT", "GB18030", "NO-SUCH-CHARSET", ""};
+const char* const _charsets[] = {"UTF-8",           "ISO-8859-1", "ISO-8859-15",     "US-ASCII",
+                                 "UTF-16",          "UTF-7",      "SHIFT_JIS",       "ISO-2022-JP",
+                                 "ISO-2022-CN-EXT", "GB18030",    "NO-SUCH-CHARSET", ""};
 
 // Header names come from configuration, never from an event: a fixed set.
 const char* const _headerNames[] = {"X-Host", "X-Severity", "X-Group", "Reply-To", "x-lower"};
@@ -50,8 +50,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string mail;
     try {
         mail = Osk::EmailChannel::buildEmail(
-            charset, time, Tamtk::Utf8Array(fromName.data(), static_cast<unsigned>(fromName.size())),
-            from, to, Tamtk::Utf8Array(subject.data(), static_cast<unsigned>(subject.size())),
+            charset, time,
+            Tamtk::Utf8Array(fromName.data(), static_cast<unsigned>(fromName.size())), from, to,
+            Tamtk::Utf8Array(subject.data(), static_cast<unsigned>(subject.size())),
             Tamtk::Utf8Array(body.data(), static_cast<unsigned>(body.size())), headers);
     } catch (const Tamtk::Exception&) {
         return 0;  // conversion, encoding or date failures are reported to the caller

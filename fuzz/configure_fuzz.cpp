@@ -11,7 +11,6 @@
 
 #include "ChannelHarness.h"
 #include "FuzzCheck.h"
-#include "MailCheck.h"
 
 namespace {
 
@@ -19,23 +18,13 @@ namespace {
 // at the recording agent so that no input can load some other library.
 void _bindRecordingAgent(const Tamxml::Document& doc) {
     xmlNodePtr root = xmlDocGetRootElement(doc.get());
-    if (root == nullptr) return;
+    if (root == nullptr)
+        return;
     for (xmlNodePtr node = root->children; node != nullptr; node = node->next) {
-        if (node->type == XML_ELEMENT_NODE &&
-            xmlStrEqual(node->name, reinterpret_cast<const xmlChar*>("EmailAgent"))) {
-            xmlSetProp(node, reinterpret_cast<const xmlChar*>("lib"),
-                       reinterpret_cast<const xmlChar*>(fuzzing::Agent::path()));
+        if (node->type == XML_ELEMENT_NODE && xmlStrEqual(node->name, BAD_CAST "EmailAgent")) {
+            xmlSetProp(node, BAD_CAST "lib", BAD_CAST fuzzing::agentPath());
         }
     }
-}
-
-bool _isFieldName(const std::string& name) {
-    if (name.empty()) return false;
-    for (char c : name) {
-        const unsigned char b = static_cast<unsigned char>(c);
-        if (b < 33 || b > 126 || c == ':') return false;
-    }
-    return true;
 }
 
 const char _event[] =
@@ -48,14 +37,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // The charset is chosen by locale: make the choice the same for every run.
     unsetenv("TAM_LANG");
     unsetenv("LANGUAGE");
-    fuzzing::Agent::instance();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     boost::shared_ptr<const Tamxml::Document> doc =
         fuzzing::parseOrNull(reinterpret_cast<const char*>(data), size);
-    if (!doc) return 0;
+    if (!doc)
+        return 0;
     _bindRecordingAgent(*doc);
 
     fuzzing::CountingChannel channel;
@@ -72,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             Tamxml::Document::fromMemory(_event, sizeof _event - 1);
         int rendered = 0;
         for (const auto& group : channel.event_groups()) {
-            if (++rendered > 3) break;
+            if (++rendered > 3)
+                break;
             // The mail carries a group's extra header when it has a value. A
             // configuration may name headers that are no field names at all
             // (names are the configuration's own business): then only the
@@ -81,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             bool checkable = true;
             try {
                 for (const auto& header : group.second.extra_headers) {
-                    checkable = checkable && _isFieldName(header.first) &&
+                    checkable = checkable && testing_support::isFieldName(header.first) &&
                                 !fuzzing::standardHeaders().count(header.first);
                     const bool fromEvent =
                         header.second.xpath &&
@@ -93,15 +83,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             } catch (const Tamtk::Exception&) {
                 checkable = false;  // do_log meets the same failure and must report it
             }
-            fuzzing::logAndCheck(channel,
-                                 boost::shared_ptr<Osk::ChannelEvent>(
-                                     new Osk::ChannelEvent(group.first, eventDoc)),
-                                 checkable ? &expected : nullptr);
+            fuzzing::logAndCheck(
+                channel,
+                boost::shared_ptr<Osk::ChannelEvent>(new Osk::ChannelEvent(group.first, eventDoc)),
+                checkable ? &expected : nullptr);
         }
     }
     channel.do_shutdown();
-    fuzzing::check(channel.tokens().empty() && channel.event_groups().empty() &&
-                       channel.recipients().empty(),
-                   "do_shutdown left configuration behind");
+    fuzzing::check(
+        channel.tokens().empty() && channel.event_groups().empty() && channel.recipients().empty(),
+        "do_shutdown left configuration behind");
     return 0;
 }

@@ -21,7 +21,8 @@ std::string _configuration(const std::string& charset) {
     <RecipientList><Recipient value="ops@example.com"/><Recipient value="oncall@example.org"/></RecipientList>
     <Sender name="Alerter" email="alerts@example.com"/>
     <Subject value="Alert"/>
-    <Charset enabled="yes" locale="" charset=")XML" + charset + R"XML("/>
+    <Charset enabled="yes" locale="" charset=")XML" +
+           charset + R"XML("/>
     <ExtraHeaders><Header name="X-Host" xpath="/event/host" default="unknown"/></ExtraHeaders>
   </Default>
   <Tokens>
@@ -57,7 +58,8 @@ Full text: %text% in %count% elements</Message>
     <Message>%text%</Message>
     <Event id="8" enabled="yes"/>
   </EventGroup>
-  <EmailAgent lib=")XML" + fuzzing::Agent::path() + R"XML("/>
+  <EmailAgent lib=")XML" +
+           fuzzing::agentPath() + R"XML("/>
 </Channel>
 )XML";
 }
@@ -86,17 +88,20 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
+    if (size < 1)
+        return 0;
     const int which = data[0] % 3;
     const unsigned long id = 6 + (data[0] / 3) % 3;  // 6 belongs to no group
     boost::shared_ptr<const Tamxml::Document> doc =
         fuzzing::parseOrNull(reinterpret_cast<const char*>(data + 1), size - 1);
-    if (!doc) return 0;
+    if (!doc)
+        return 0;
 
     std::set<std::string> expected;
     if (id == 7) {
         expected = {"X-Host", "X-Group"};
-        if (Tamxml::find_first_value(doc, "/event/detail")) expected.insert("X-Detail");
+        if (Tamxml::find_first_value(doc, "/event/detail"))
+            expected.insert("X-Detail");
     } else {
         expected = {"X-Host"};
     }

@@ -11,9 +11,9 @@
 #include "Toolkit/Exceptions.h"
 #include "Toolkit/Utf8Array.h"
 
+using fuzzing::check;
 using Tamtk::Utf8Array;
 using Tamtk::Utf8Char;
-using fuzzing::check;
 
 namespace {
 
@@ -55,8 +55,10 @@ std::vector<const char*> _walkBackward(const Utf8Array& text, bool& complete) {
 Utf8Char _character(FuzzedDataProvider& in) {
     Utf8Char c;
     const std::string bytes = in.ConsumeBytesAsString(in.ConsumeIntegralInRange(1, 6));
-    if (bytes.empty()) return c;
-    if (in.ConsumeBool()) return Utf8Char(bytes[0]);
+    if (bytes.empty())
+        return c;
+    if (in.ConsumeBool())
+        return Utf8Char(bytes[0]);
     try {
         c.raw_copy(bytes.data(), static_cast<unsigned>(bytes.size()));
     } catch (const Tamtk::Utf8Exception&) {
@@ -115,29 +117,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::size_t index = chars == 0 ? 0 : where % (chars + 1);
     const std::size_t offset =
         (index < chars ? forward[index] : text.data() + text.length()) - text.data();
-    const std::string expected =
-        bytes.substr(0, offset) + std::string(inserted.c_str(), inserted.length()) + bytes.substr(offset);
-    {
+    const std::string expected = bytes.substr(0, offset) +
+                                 std::string(inserted.c_str(), inserted.length()) +
+                                 bytes.substr(offset);
+    const bool reachable = index < chars || forwardComplete;
+    for (int range = 0; range < 2 && reachable; ++range) {
         Utf8Array copy = text;
         Utf8Array::iterator at = copy.begin();
-        const bool reachable = index == chars ? forwardComplete : true;
-        if (reachable) {
-            for (std::size_t k = 0; k < index; ++k) ++at;
-            copy.insert(at, inserted);
-            check(copy.str() == expected, "insert put the character in the wrong place", bytes);
-            check(text.str() == bytes, "insert into a copy changed the original", bytes);
-        }
-    }
-    {
-        Utf8Array copy = text;
-        Utf8Array::iterator at = copy.begin();
-        const bool reachable = index == chars ? forwardComplete : true;
-        if (reachable) {
-            for (std::size_t k = 0; k < index; ++k) ++at;
+        for (std::size_t k = 0; k < index; ++k) ++at;
+        if (range) {
             copy.insert(at, inserted.c_str(), inserted.c_str() + inserted.length());
-            check(copy.str() == expected, "range insert put the bytes in the wrong place", bytes);
-            check(text.str() == bytes, "range insert into a copy changed the original", bytes);
+        } else {
+            copy.insert(at, inserted);
         }
+        check(copy.str() == expected, "insert put the character in the wrong place", bytes);
+        check(text.str() == bytes, "insert into a copy changed the original", bytes);
     }
     // Writing through a mutable iterator replaces exactly that character.
     if (index < chars) {

@@ -131,8 +131,11 @@ void BM_Maildir(benchmark::State& state) {
 // inner agent only counts, so the figure is the digest agent's own.
 void BM_DigestPerHeldMail(benchmark::State& state) {
     AgentTest::TempDir dir;
-    DigestSettings settings = DigestSettings::fromParams(
-        {{"agent", COUNT_AGENT_PATH}, {"burst", "0"}, {"window", "86400"}, {"hold", dir / "hold"}});
+    DigestSettings settings = DigestSettings::fromParams({{"agent", FAKE_AGENT_PATH},
+                                                          {"burst", "0"},
+                                                          {"window", "86400"},
+                                                          {"hold", dir / "hold"},
+                                                          {"mode", "count"}});
     const Tamnet::EmailAddr from("alerts@example.org");
     const Osk::EmailChannel::ToList to = {Tamnet::EmailAddr("ops@example.org")};
     const int perDigest = static_cast<int>(state.range(0));

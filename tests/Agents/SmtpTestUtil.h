@@ -3,9 +3,7 @@
 // Shared by the SMTP agent's tests.
 
 #include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AgentTestSupport.h"
@@ -34,19 +32,6 @@ inline std::string sendFailure(Osk::EmailAgents::SmtpAgent& agent, const std::st
         return e.what();
     }
     return "";
-}
-
-// Polls `condition` for up to `seconds`.
-inline bool waitFor(const std::function<bool()>& condition, double seconds) {
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(static_cast<long>(seconds * 1000));
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
 }
 
 }  // namespace AgentTest

@@ -11,18 +11,6 @@ using namespace Osk::EmailAgents;
 using AgentTest::listDir;
 using AgentTest::TempDir;
 
-namespace {
-
-bool waitFor(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
-}
-
-}  // namespace
-
 // The channel cuts encoded words by bytes, so one character may be split
 // across two words: they are joined before conversion.
 TEST(DigestAgent, SummarySubjectsAreDecoded) {
@@ -71,7 +59,7 @@ TEST(DigestAgent, ARefusedDigestStaysHeldAndIsSentLater) {
     EXPECT_EQ(listDir(dir / "hold/new").size(), 3u);
 
     std::remove((dir / "mail").c_str());
-    ASSERT_TRUE(waitFor([&] { return agent.held() == 0; }));
+    ASSERT_TRUE(AgentTest::waitFor([&] { return agent.held() == 0; }, 30));
     const std::vector<std::string> sent = listDir(dir / "mail/new");
     ASSERT_EQ(sent.size(), 1u);
     const std::string digest = AgentTest::readFile(dir / ("mail/new/" + sent[0]));

@@ -114,30 +114,10 @@ TEST(MaildirAgent, ParametersAreCheckedAndNamedInTheError) {
         } catch (const AgentParamException& e) {
             text = e.what();
         }
-        for (const std::string& part : c.expected) {
-            EXPECT_NE(text.find(part), std::string::npos) << "'" << part << "' not in: " << text;
-        }
+        EXPECT_EQ(AgentTest::missingFrom(text, c.expected), "") << text;
     }
     EXPECT_FALSE(MaildirSettings::fromParams({{"path", "/x"}, {"fsync", "No"}}).fsync);
     EXPECT_TRUE(MaildirSettings::fromParams({{"path", "/x"}}).fsync);
-}
-
-TEST(MaildirAgent, CreatesTheMaildirAndStoresTheMessageUnchangedInNew) {
-    TempDir dir;
-    const std::string path = dir / "deep/er/Maildir";
-    const std::string message = "To: <a@b.example>\nSubject: =?UTF-8?B?w6k=?=\n\n.\nFrom x\n\xff\n";
-    for (const char* fsync : {"yes", "no"}) {
-        const std::string file = deliverToMaildir(
-            MaildirSettings::fromParams({{"path", path}, {"fsync", fsync}}), message.c_str());
-        EXPECT_EQ(withoutAddedLines(readFile(file)), message);
-        EXPECT_EQ(file.substr(0, path.size() + 5), path + "/new/");
-    }
-    EXPECT_EQ(listDir(path + "/new").size(), 2u);
-    EXPECT_TRUE(listDir(path + "/tmp").empty());
-    EXPECT_TRUE(listDir(path + "/cur").empty());
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0700u) << "mail folders are private";
 }
 
 TEST(MaildirAgent, ReadersNeverSeeAHalfWrittenFile) {
@@ -187,24 +167,31 @@ TEST(MaildirAgent, UnwritablePlacesGiveAClearError) {
     EXPECT_NE(readOnly.find("cannot create \"" + existing + "/tmp/"), std::string::npos)
         << readOnly;
     EXPECT_NE(readOnly.find("Permission denied"), std::string::npos) << readOnly;
-
-    AgentTest::writeFile(dir / "file", "not a folder");
-    const std::string blocked = failureOf({{"path", dir / "file"}});
-    EXPECT_NE(blocked.find("a file of that name is in the way"), std::string::npos) << blocked;
 }
 
-TEST(MaildirAgent, PythonsMailboxReadsTheMessagesBackByteForByte) {
+// Stored unchanged in new/ of a private Maildir made on the way, where
+// Python's mailbox module reads it back byte for byte.
+TEST(MaildirAgent, StoresTheMessageUnchangedWherePythonsMailboxReadsIt) {
     TempDir dir;
-    const std::string path = dir / "Maildir";
+    const std::string path = dir / "deep/er/Maildir";
     const std::vector<std::string> messages = {
         "To: <a@b.example>\nFrom: =?UTF-8?B?QWxlcnQ=?=\n <c@d.example>\n\nYm9keQ==\n",
-        "To: <a@b.example>\n\nFrom the start of a line\n.\n..\n",
+        "To: <a@b.example>\nSubject: =?UTF-8?B?w6k=?=\n\n.\nFrom the start of a line\n..\n",
         "To: <a@b.example>\n\n\xc3\xa9\xff\x01 no final line feed",
         "To: <a@b.example>\r\nX-Crlf: kept as given\r\n\r\n",
     };
-    for (const std::string& m : messages) {
-        deliverToMaildir(MaildirSettings::fromParams({{"path", path}}), m.c_str());
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        const std::string file = deliverToMaildir(
+            MaildirSettings::fromParams({{"path", path}, {"fsync", i % 2 ? "no" : "yes"}}),
+            messages[i].c_str());
+        EXPECT_EQ(file.substr(0, path.size() + 5), path + "/new/");
     }
+    EXPECT_TRUE(listDir(path + "/tmp").empty());
+    EXPECT_TRUE(listDir(path + "/cur").empty());
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << "mail folders are private";
+
     const std::string out = AgentTest::run(
         "/usr/bin/python3 -c 'import mailbox, sys\n"
         "box = mailbox.Maildir(sys.argv[1], factory=None, create=False)\n"

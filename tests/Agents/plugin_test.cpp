@@ -9,6 +9,7 @@
 #include "Osk/EmailAgent.h"
 #include "SmtpTestUtil.h"
 
+using AgentTest::contains;
 using AgentTest::TempDir;
 using Osk::EmailChannel::ToList;
 typedef std::map<std::string, std::string> Params;
@@ -51,32 +52,7 @@ private:
     bool close_ = true;
 };
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 }  // namespace
-
-TEST(AgentPlugins, MaildirPluginStoresMessagesAndItsErrorsReachTheHost) {
-    Plugin plugin(MAILDIR_AGENT);
-    ASSERT_TRUE(plugin.bound());
-    TempDir dir;
-    const ToList to = {Tamnet::EmailAddr("ops@example.org")};
-    EXPECT_EQ(plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "To: x\n\nhello\n",
-                          {{"path", dir / "Maildir"}}),
-              "");
-    const auto files = AgentTest::listDir(dir / "Maildir/new");
-    ASSERT_EQ(files.size(), 1u);
-    const std::string stored = AgentTest::readFile(dir / ("Maildir/new/" + files[0]));
-    EXPECT_EQ(stored.compare(0, 13, "Message-ID: <"), 0) << stored;
-    EXPECT_EQ(stored.substr(stored.find("Auto-Submitted: auto-generated\n") + 31),
-              "To: x\n\nhello\n");
-
-    const std::string text = plugin.send(Tamnet::EmailAddr("alerts@example.org"), to, "x",
-                                         {{"path", dir / "Maildir"}, {"colour", "red"}});
-    EXPECT_TRUE(contains(text, "Maildir agent: unknown parameter \"colour\"")) << text;
-    EXPECT_TRUE(contains(text, "Agents/AgentParams")) << "with its source location: " << text;
-}
 
 TEST(AgentPlugins, SmtpPluginSendsToThePlainAddressesAndItsErrorsReachTheHost) {
     Plugin plugin(SMTP_AGENT);

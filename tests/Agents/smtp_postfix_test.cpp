@@ -15,10 +15,6 @@ using namespace AgentTest;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 std::string headers(const std::string& message) {
     return message.substr(0, message.find("\n\n") + 1);
 }
@@ -32,19 +28,10 @@ std::string body(const std::string& message) {
 // own below its trace headers.
 std::string alert(const std::string& to, const std::string& bodyText) {
     static int count = 0;
-    return "Date: Mon, 23 Nov 2026 10:00:00 +0000\n"
-           "From: Alerts <alerts@example.com>\n"
-           "To: <" +
-           to +
-           ">\n"
-           "Subject: =?UTF-8?Q?St=C3=B6rung?=\n"
-           "Message-ID: <" +
-           std::to_string(++count) +
-           ".test@example.com>\n"
-           "MIME-Version: 1.0\n"
-           "Content-Type: text/plain; charset=UTF-8\n"
-           "Content-Transfer-Encoding: 8bit\n"
-           "\n" +
+    return "Date: Mon, 23 Nov 2026 10:00:00 +0000\nFrom: Alerts <alerts@example.com>\nTo: <" + to +
+           ">\nSubject: =?UTF-8?Q?St=C3=B6rung?=\nMessage-ID: <" + std::to_string(++count) +
+           ".test@example.com>\nMIME-Version: 1.0\nContent-Type: text/plain; charset=UTF-8\n"
+           "Content-Transfer-Encoding: 8bit\n\n" +
            bodyText;
 }
 

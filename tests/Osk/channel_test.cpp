@@ -22,8 +22,10 @@ struct Report {
 };
 
 std::string severityName(const Tamlog::severity_mask& s) {
-    if (s.equal(Tamlog::sev::warning)) return "warning";
-    if (s.equal(Tamlog::sev::critical)) return "critical";
+    if (s.equal(Tamlog::sev::warning))
+        return "warning";
+    if (s.equal(Tamlog::sev::critical))
+        return "critical";
     return "other";
 }
 
@@ -38,13 +40,15 @@ TEST(Channel, ReportsGoToTheChannelReporterThenTheDefaultThenStandardError) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "probe: warning: to stderr\n");
 
     std::vector<Report> global;
-    Osk::Channel::set_default_reporter(
-        [&](const Tamlog::severity_mask& s, const std::string& t) { global.push_back({severityName(s), t}); });
+    Osk::Channel::set_default_reporter([&](const Tamlog::severity_mask& s, const std::string& t) {
+        global.push_back({severityName(s), t});
+    });
     channel.report_error(Tamlog::sev::critical, std::string("to default"));
 
     std::vector<Report> own;
-    channel.set_reporter(
-        [&](const Tamlog::severity_mask& s, const std::string& t) { own.push_back({severityName(s), t}); });
+    channel.set_reporter([&](const Tamlog::severity_mask& s, const std::string& t) {
+        own.push_back({severityName(s), t});
+    });
     channel.report_error(Tamlog::sev::warning, static_cast<const char*>(nullptr));
     Osk::Channel::set_default_reporter(Osk::Reporter());
 
@@ -60,10 +64,4 @@ TEST(Channel, AThrowingReporterDoesNotEscape) {
     Probe channel;
     channel.set_reporter([](const Tamlog::severity_mask&, const std::string&) { throw 1; });
     EXPECT_NO_THROW(channel.report_error(Tamlog::sev::warning, "x"));
-}
-
-TEST(ChannelEvent, CarriesIdAndDocument) {
-    Osk::ChannelEvent event(42, boost::shared_ptr<const Tamxml::Document>());
-    EXPECT_EQ(event.id(), 42ul);
-    EXPECT_FALSE(event.document());
 }

@@ -11,7 +11,7 @@ import subprocess
 import time
 import unittest
 
-from host_harness import (EXAMPLES, MAILDIR_AGENT, RECIPIENTS, SANITIZED, SENDER, SENDER_NAME,
+from host_harness import (EXAMPLES, MAILDIR_AGENT, RECIPIENTS, SENDER, SENDER_NAME,
                           SMTP_AGENT, SUBJECT, HostTest, SmtpServer, channel_config, events_xml)
 
 # Tokens of all three kinds. The stylesheet shows the "locale" parameter it

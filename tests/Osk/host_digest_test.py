@@ -131,16 +131,12 @@ class DigestTest(HostTest):
             self.assertEqual(as_built(raw), as_built(reference[n]), f"alert {n}")
 
     def test_mail_held_by_a_killed_host_goes_out_with_the_next_run(self):
-        host = self.host_process(self.config(window=600), env=ENV)
-        head, *_ = events_xml().rpartition("</Events>")
-        host.stdin.write(head.encode() + "".join(
-            f'<Event id="{i}">{doc}</Event>\n' for i, doc in alert_events(range(1, 61))).encode())
-        host.stdin.flush()
-        deadline = time.monotonic() + 60
-        while len(list((self.dir / "hold" / "new").glob("*"))) < 55 and time.monotonic() < deadline:
-            time.sleep(0.05)
-        host.send_signal(signal.SIGKILL)
-        host.wait()
+        host = self.live_host(self.config(window=600), env=ENV)
+        host.send(events_xml(*alert_events(range(1, 61))).rpartition("</Events>")[0])
+        held = self.dir / "hold" / "new"
+        host.wait_for(lambda: len(list(held.glob("*"))) >= 55)
+        host.process.send_signal(signal.SIGKILL)
+        host.process.wait()
         self.assertEqual(len(list((self.dir / "hold" / "new").glob("*"))), 55)
         self.assertEqual(len(list((self.dir / "mail" / "new").glob("*"))), 5)
 

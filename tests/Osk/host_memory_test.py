@@ -4,52 +4,16 @@ resident size after 200,000 events is within 1 MiB of that after 20,000, and
 an event of 100 MB is dropped in under 256 MiB, as the host reports it (its
 own VmHWM: the rusage of a child started from Python would include Python's
 resident size at the fork). The streams are generated on the fly into a pipe;
-in the long one, one event in a hundred is rendered in full (XPath,
-stylesheet, constant, extra headers) and handed to an agent that only counts,
-so the channel's own path is measured along with the reader."""
+in the long one, one event in a hundred is rendered in full and handed to an
+agent that only counts, so the channel's own path is measured along with the
+reader."""
 
 import os
 import shutil
-import subprocess
-import threading
 import unittest
 
-from host_harness import (COUNTING_AGENT, MAILDIR_AGENT, OSK_HOST, SANITIZED, TIMEOUT, HostResult,
-                          HostTest, channel_config)
-
-TOKENS = """
-    <Token name="host" xpath="/alarm/host"/>
-    <Token name="n" xpath="/alarm/@n"/>
-    <Token name="site" default="dc-1"/>
-    <Token name="shout">
-      <xsl:stylesheet version="1.0" xmlns:xsl="http://www.w3.org/1999/XSL/Transform">
-        <xsl:output method="text"/>
-        <xsl:param name="locale"/>
-        <xsl:template match="/"><xsl:value-of select="translate(/alarm/host, 'abcdefghijklmnopqrstuvwxyz', 'ABCDEFGHIJKLMNOPQRSTUVWXYZ')"/></xsl:template>
-      </xsl:stylesheet>
-    </Token>"""
-
-GROUPS = """
-  <EventGroup enabled="yes">
-    <Message>Alert %n% on %host% (%shout%) at %site%</Message>
-    <ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>
-    <Event id="1" enabled="yes"/>
-  </EventGroup>"""
-
-EVERY = 100  # one event in EVERY is for the group above
-
-
-def _generate(pipe, count):
-    pipe.write(b"<Events>\n")
-    batch = []
-    for i in range(count):
-        event_id = 1 if i % EVERY == 0 else 1000 + i % 5000
-        batch.append(f'<Event id="{event_id}"><alarm n="{i}"><host>host-{i}.example.com</host>'
-                     f'<detail>value {i}</detail></alarm></Event>\n')
-        if len(batch) == 1000:
-            pipe.write("".join(batch).encode())
-            batch = []
-    pipe.write(("".join(batch) + "</Events>\n").encode())
+from host_harness import (EVERY, FAKE_AGENT, MAILDIR_AGENT, MEMORY_GROUPS, MEMORY_TOKENS,
+                          SANITIZED, HostTest, channel_config, memory_config, memory_stream)
 
 
 def _oversize(kind):
@@ -71,45 +35,24 @@ def _oversize(kind):
 
 
 class MemoryTest(HostTest):
-    def run_generated(self, config, generate, args=()):
-        """Runs osk-host on a stream that `generate(pipe)` writes as it goes."""
-        config = self.write("config.xml", config)
-        host = subprocess.Popen([OSK_HOST, "--config", str(config), "--events", "-"] + list(args),
-                                stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                stderr=subprocess.PIPE, cwd=self.dir)
-        # The writer owns the host's input; communicate() only collects stderr.
-        pipe, host.stdin = host.stdin, None
-
-        def write():
-            try:
-                generate(pipe)
-            except BrokenPipeError:
-                pass  # the host died; the test reports its exit status
-            finally:
-                pipe.close()
-        writer = threading.Thread(target=write, daemon=True)
-        writer.start()
-        try:
-            _, stderr = host.communicate(timeout=TIMEOUT)
-        finally:
-            if host.poll() is None:
-                host.kill()
-                host.wait()
-        writer.join(TIMEOUT)
-        return HostResult(host.returncode, "", stderr.decode())
+    def run_generated(self, config, generate):
+        """osk-host on a stream that `generate(pipe)` writes as it goes."""
+        host = self.live_host(config)
+        host.generate(generate)
+        host.finish(close=False)
+        return host.result()
 
     def peak_kib(self, count):
         """Runs osk-host over `count` generated events; its peak RSS in KiB."""
-        result = self.run_generated(channel_config(COUNTING_AGENT, [], GROUPS, tokens=TOKENS),
-                                    lambda pipe: _generate(pipe, count))
+        result = self.run_generated(memory_config(FAKE_AGENT), lambda pipe: memory_stream(pipe, count))
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertEqual((count, 0, {}), result.summary())
-        self.assertIn(f"counting agent: {(count + EVERY - 1) // EVERY} messages", result.stderr)
+        self.assertIn(f"fake agent: {(count + EVERY - 1) // EVERY} messages", result.stderr)
         return result.peak_kib()
 
     def test_peak_memory_does_not_grow_with_the_stream(self):
-        if not COUNTING_AGENT or not os.path.exists(COUNTING_AGENT):
-            self.fail(f"COUNTING_AGENT must name the built agent (got {COUNTING_AGENT!r})")
+        if not FAKE_AGENT or not os.path.exists(FAKE_AGENT):
+            self.fail(f"FAKE_AGENT must name the built agent (got {FAKE_AGENT!r})")
         # Sanitizer builds keep freed memory in quarantine: check the counts
         # on a shorter stream, not the memory.
         short, long_ = (2000, 20000) if SANITIZED else (20000, 200000)
@@ -122,8 +65,8 @@ class MemoryTest(HostTest):
     def test_oversize_event_is_dropped_while_read(self):
         # Today's alternative is a tree of the whole event: gigabytes.
         config = channel_config(MAILDIR_AGENT, [("path", "mail"), ("fsync", "no")],
-                                GROUPS.replace("Alert %n% on %host% (%shout%) at %site%", "%host%"),
-                                tokens=TOKENS)
+                                MEMORY_GROUPS.replace("Alert %n% on %host% (%shout%) at %site%", "%host%"),
+                                tokens=MEMORY_TOKENS)
         for kind in ("empty elements", "one text node", "one attribute"):
             with self.subTest(kind):
                 shutil.rmtree(self.dir / "mail", True)

@@ -5,6 +5,16 @@
 #include <cstdlib>
 
 namespace testing_support {
+namespace {
+
+[[maybe_unused]] const bool _localeUnset = unsetenv("TAM_LANG") == 0 && unsetenv("LANGUAGE") == 0;
+
+template <typename Function>
+Function _agentFunction(void* lib, const char* name) {
+    return reinterpret_cast<Function>(dlsym(lib, name));
+}
+
+}  // namespace
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
     const std::string::size_type at = text.find(from);
@@ -36,9 +46,29 @@ std::string baseConfig() {
     <Event id="7" enabled="yes"/>
     <Event id="8" enabled="yes"/>
   </EventGroup>
-  <EmailAgent lib=")") + TEST_AGENT_PATH + R"("><Param name="mode" value="record"/></EmailAgent>
+  <EmailAgent lib=")") +
+           TEST_AGENT_PATH + R"("><Param name="mode" value="record"/></EmailAgent>
 </Channel>
 )";
+}
+
+std::string hostileConfig(const std::string& message, const std::string& extraTokens) {
+    std::string xml = replaced(baseConfig(), R"(<Token name="sev" default="HIGH"/>)",
+                               R"(<Token name="detail" xpath="/event/detail"/>)" + extraTokens);
+    xml = replaced(xml, "<Message>Host %host% is %sev%</Message>",
+                   "<Message>" + message + "</Message>");
+    xml = replaced(
+        xml, R"(<Header name="X-Group" default="g1"/>)",
+        R"(<Header name="X-Group" default="g1"/><Header name="X-Detail" xpath="/event/detail"/>)");
+    return replaced(xml, R"(charset="ISO-8859-15")", R"(charset="UTF-8")");
+}
+
+std::set<std::string> hostileHeaders(bool withDetail) {
+    std::set<std::string> names = standardHeaders();
+    names.insert({"X-Host", "X-Group"});
+    if (withDetail)
+        names.insert("X-Detail");
+    return names;
 }
 
 Osk::ChannelCfg config(const std::string& xml) {
@@ -61,39 +91,76 @@ ReportingChannel::ReportingChannel() {
 
 TestAgent::TestAgent() : lib_(dlopen(TEST_AGENT_PATH, RTLD_NOW)) {
     EXPECT_NE(lib_, nullptr) << dlerror();
+    _agentFunction<void (*)()>(lib_, "testAgentReset")();
 }
 
 std::size_t TestAgent::count() const {
-    return reinterpret_cast<std::size_t (*)()>(dlsym(lib_, "testAgentCallCount"))();
+    return _agentFunction<std::size_t (*)()>(lib_, "testAgentCallCount")();
 }
 
 std::string TestAgent::message(std::size_t i) const {
-    return reinterpret_cast<const char* (*)(std::size_t)>(dlsym(lib_, "testAgentMessage"))(i);
+    return _agentFunction<const char* (*)(std::size_t)>(lib_, "testAgentMessage")(i);
 }
 
 std::string TestAgent::recipients(std::size_t i) const {
-    return reinterpret_cast<const char* (*)(std::size_t)>(dlsym(lib_, "testAgentRecipients"))(i);
+    return _agentFunction<const char* (*)(std::size_t)>(lib_, "testAgentRecipients")(i);
 }
 
-void TestAgent::reset() const { reinterpret_cast<void (*)()>(dlsym(lib_, "testAgentReset"))(); }
+std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id,
+                                  const std::string& xml) {
+    TestAgent agent;
+    channel.do_log(event(id, xml));
+    std::vector<std::string> mails;
+    for (std::size_t i = 0; i < agent.count(); ++i) mails.push_back(agent.message(i));
+    return mails;
+}
 
-ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
-    const char* old = std::getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value) {
-        setenv(name, value, 1);
-    } else {
-        unsetenv(name);
+Outcome deliverBetween(ReportingChannel& channel, const std::string& xml) {
+    TestAgent agent;
+    channel.reports.clear();
+    Outcome outcome;
+
+    channel.do_log(event(7, "<event><host>before</host></event>"));
+    const std::size_t reportsBefore = channel.reports.size();
+    boost::shared_ptr<Osk::ChannelEvent> hostile;
+    try {
+        hostile = event(7, xml);
+    } catch (const Tamxml::XmlException& e) {
+        outcome.parseError = e.what();
     }
+    if (hostile) {
+        EXPECT_NO_THROW(channel.do_log(hostile));
+    }
+    outcome.reports.assign(channel.reports.begin() + reportsBefore, channel.reports.end());
+    const std::size_t afterHostile = agent.count();
+    channel.do_log(event(7, "<event><host>after</host></event>"));
+
+    // The ordinary events on both sides arrive, each once, as themselves.
+    EXPECT_EQ(agent.count(), afterHostile + 1);
+    EXPECT_GE(afterHostile, 1u);
+    if (agent.count() < 2 || afterHostile < 1)
+        return outcome;
+    MailShape first = readMail(agent.message(0), hostileHeaders(false));
+    MailShape last = readMail(agent.message(agent.count() - 1), hostileHeaders(false));
+    EXPECT_EQ(first.problems, std::vector<std::string>());
+    EXPECT_EQ(last.problems, std::vector<std::string>());
+    EXPECT_EQ(decodeWords(first.headers["X-Host"]), "before");
+    EXPECT_EQ(decodeWords(last.headers["X-Host"]), "after");
+    EXPECT_LE(afterHostile, 2u) << "one event, one mail at most";
+    if (afterHostile == 2) {
+        outcome.sent = true;
+        outcome.mail = agent.message(1);
+    }
+    return outcome;
+}
+
+ScopedEnv::ScopedEnv(const char* name_, const char* value) : name(name_) {
+    if (value)
+        setenv(name_, value, 1);
 }
 
 ScopedEnv::~ScopedEnv() {
-    if (had_) {
-        setenv(name_.c_str(), old_.c_str(), 1);
-    } else {
-        unsetenv(name_.c_str());
-    }
+    unsetenv(name.c_str());
 }
 
 }  // namespace testing_support

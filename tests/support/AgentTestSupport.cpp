@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -28,28 +29,6 @@ extern char** environ;
 namespace AgentTest {
 
 namespace {
-
-void _removeTree(const std::string& path) {
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) {
-        return;
-    }
-    if (S_ISDIR(st.st_mode)) {
-        chmod(path.c_str(), 0700);
-        if (DIR* d = opendir(path.c_str())) {
-            while (dirent* e = readdir(d)) {
-                const std::string name = e->d_name;
-                if (name != "." && name != "..") {
-                    _removeTree(path + "/" + name);
-                }
-            }
-            closedir(d);
-        }
-        rmdir(path.c_str());
-    } else {
-        unlink(path.c_str());
-    }
-}
 
 std::string _unhex(const std::string& hex) {
     std::string out;
@@ -85,7 +64,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-    _removeTree(path_);
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 std::vector<std::string> listDir(const std::string& dir) {
@@ -130,6 +110,27 @@ std::string run(const std::string& command) {
         throw std::runtime_error("command failed (" + std::to_string(status) + "): " + command);
     }
     return out;
+}
+
+bool waitFor(const std::function<bool()>& condition, double seconds) {
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+std::string missingFrom(const std::string& text, const std::vector<std::string>& parts) {
+    for (const std::string& part : parts) {
+        if (!contains(text, part)) {
+            return part;
+        }
+    }
+    return "";
 }
 
 const Certificate& Certificate::get() {
@@ -206,31 +207,21 @@ void SmtpTestServer::start() {
     std::vector<std::string> args = {"/usr/bin/python3", AGENTS_TEST_SERVER,
                                      "--port",           std::to_string(port_),
                                      "--idle-timeout",   std::to_string(options_.idleTimeout)};
-    if (options_.record) {
-        args.insert(args.end(), {"--record", dir_ / "record"});
-    }
-    if (options_.starttls || options_.implicitTls) {
-        args.insert(args.end(),
-                    {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
-    }
-    if (!options_.dieOnce.empty()) {
-        args.insert(args.end(), {"--die-once", options_.dieOnce});
-    }
-    if (!options_.mailReply.empty()) {
-        args.insert(args.end(), {"--mail-reply", options_.mailReply});
-    }
-    if (options_.delay > 0) {
-        args.insert(args.end(), {"--delay", std::to_string(options_.delay)});
-    }
-    if (options_.implicitTls) {
-        args.push_back("--implicit-tls");
-    }
-    if (options_.requireStarttls) {
-        args.push_back("--require-starttls");
-    }
-    if (!options_.auth.empty()) {
-        args.insert(args.end(), {"--auth", options_.auth});
-    }
+    const auto add = [&args](bool when, std::initializer_list<std::string> more) {
+        if (when) {
+            args.insert(args.end(), more);
+        }
+    };
+    const Options& o = options_;
+    add(o.record, {"--record", dir_ / "record"});
+    add(o.starttls || o.implicitTls,
+        {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
+    add(!o.dieOnce.empty(), {"--die-once", o.dieOnce});
+    add(!o.mailReply.empty(), {"--mail-reply", o.mailReply});
+    add(o.delay > 0, {"--delay", std::to_string(o.delay)});
+    add(o.implicitTls, {"--implicit-tls"});
+    add(o.requireStarttls, {"--require-starttls"});
+    add(!o.auth.empty(), {"--auth", o.auth});
     std::vector<char*> argv;
     for (std::string& a : args) {
         argv.push_back(&a[0]);
@@ -305,34 +296,23 @@ void SmtpTestServer::waitForExit() {
     kill();
 }
 
-void SmtpTestServer::freeze(bool frozen) {
-    if (pid_ > 0) {
-        ::kill(pid_, frozen ? SIGSTOP : SIGCONT);
-    }
-}
-
 std::vector<SmtpTestServer::Message> SmtpTestServer::messages() const {
     std::vector<Message> out;
-    std::istringstream in(readFile(dir_ / "record"));
-    std::string line;
-    while (std::getline(in, line)) {
+    for (const std::string& line : _split(readFile(dir_ / "record"), '\n')) {
         const std::vector<std::string> f = _split(line, ' ');
         if (f.size() == 7 && f[0] == "M") {
-            out.push_back({std::stoi(f[1]), f[2] == "1", f[3] == "1", f[4] == "-" ? "" : f[4],
-                           _split(f[5], ','), _unhex(f[6])});
+            out.push_back({f[2] == "1", f[3] == "1", f[4] == "-" ? "" : f[4], _split(f[5], ','),
+                           _unhex(f[6])});
         }
     }
     return out;
 }
 
 int SmtpTestServer::records(char kind) const {
-    int count = 0;
-    std::istringstream in(readFile(dir_ / "record"));
-    std::string line;
-    while (std::getline(in, line)) {
-        count += line.size() > 1 && line[0] == kind && line[1] == ' ' ? 1 : 0;
-    }
-    return count;
+    const std::vector<std::string> lines = _split(readFile(dir_ / "record"), '\n');
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [kind](const std::string& l) {
+        return l.size() > 1 && l[0] == kind && l[1] == ' ';
+    }));
 }
 
 int freePort() {
@@ -414,54 +394,43 @@ PostfixServer::PostfixServer(const std::vector<std::string>& users,
         mailboxes += user + "@example.test " + user + "/\n";  // the slash: a Maildir
     }
     writeFile(etc + "/mailboxes", mailboxes);
-    writeFile(etc + "/main.cf",
-              "compatibility_level = 3.6\n"
-              "queue_directory = " +
-                  dir_.path() +
-                  "/queue\n"
-                  "data_directory = " +
-                  dir_.path() +
-                  "/data\n"
-                  "maillog_file = " +
-                  dir_.path() +
-                  "/maillog\n"
-                  "maillog_file_prefixes = " +
-                  dir_.path() +
-                  "\n"
-                  "inet_interfaces = 127.0.0.1\n"
-                  "inet_protocols = ipv4\n"
-                  "myhostname = postfix.test\n"
-                  "mydestination =\n"
-                  "mynetworks = 127.0.0.0/8\n"
-                  "alias_maps =\n"
-                  "alias_database =\n"
-                  "relayhost =\n"
-                  "local_transport = error:local delivery is off\n"
-                  "default_transport = error:this instance sends nothing out\n"
-                  "virtual_mailbox_domains = example.test\n"
-                  "virtual_mailbox_base = " +
-                  dir_.path() +
-                  "/mail\n"
-                  "virtual_mailbox_maps = texthash:" +
-                  etc +
-                  "/mailboxes\n"
-                  "virtual_uid_maps = static:" +
-                  std::to_string(nobody->pw_uid) +
-                  "\n"
-                  "virtual_gid_maps = static:" +
-                  std::to_string(nobody->pw_gid) +
-                  "\n"
-                  "smtpd_recipient_restrictions = check_recipient_access texthash:" +
-                  etc +
-                  "/refused, permit_mynetworks, reject_unauth_destination\n"
-                  "smtpd_tls_security_level = may\n"
-                  "smtpd_tls_cert_file = " +
-                  certificate.cert +
-                  "\n"
-                  "smtpd_tls_key_file = " +
-                  certificate.key +
-                  "\n"
-                  "smtpd_tls_received_header = yes\n");
+    std::string mainCf = R"(compatibility_level = 3.6
+queue_directory = @DIR@/queue
+data_directory = @DIR@/data
+maillog_file = @DIR@/maillog
+maillog_file_prefixes = @DIR@
+inet_interfaces = 127.0.0.1
+inet_protocols = ipv4
+myhostname = postfix.test
+mydestination =
+mynetworks = 127.0.0.0/8
+alias_maps =
+alias_database =
+relayhost =
+local_transport = error:local delivery is off
+default_transport = error:this instance sends nothing out
+virtual_mailbox_domains = example.test
+virtual_mailbox_base = @DIR@/mail
+virtual_mailbox_maps = texthash:@DIR@/etc/mailboxes
+virtual_uid_maps = static:@UID@
+virtual_gid_maps = static:@GID@
+smtpd_recipient_restrictions = check_recipient_access texthash:@DIR@/etc/refused, permit_mynetworks, reject_unauth_destination
+smtpd_tls_security_level = may
+smtpd_tls_cert_file = @CERT@
+smtpd_tls_key_file = @KEY@
+smtpd_tls_received_header = yes
+)";
+    const std::pair<const char*, std::string> values[] = {{"@DIR@", dir_.path()},
+                                                          {"@UID@", std::to_string(nobody->pw_uid)},
+                                                          {"@GID@", std::to_string(nobody->pw_gid)},
+                                                          {"@CERT@", certificate.cert},
+                                                          {"@KEY@", certificate.key}};
+    for (const auto& value : values) {
+        for (std::size_t at; (at = mainCf.find(value.first)) != std::string::npos;) {
+            mainCf.replace(at, std::strlen(value.first), value.second);
+        }
+    }
+    writeFile(etc + "/main.cf", mainCf);
     writeFile(etc + "/master.cf",
               "127.0.0.1:" + std::to_string(port_) + " inet n - n - - smtpd\n" + _postfixServices);
     try {
@@ -470,21 +439,22 @@ PostfixServer::PostfixServer(const std::vector<std::string>& users,
         throw std::runtime_error(std::string(e.what()) + "\n" + log());
     }
     // master binds the port before it forks the first smtpd; wait for it.
-    for (int i = 0; i < 200; ++i) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port_));
-        const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-        close(fd);
-        if (up) {
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const bool listening = waitFor(
+        [this] {
+            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            address.sin_port = htons(static_cast<uint16_t>(port_));
+            const bool up = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            close(fd);
+            return up;
+        },
+        10);
+    if (!listening) {
+        throw std::runtime_error("Postfix does not listen on port " + std::to_string(port_) + "\n" +
+                                 log());
     }
-    throw std::runtime_error("Postfix does not listen on port " + std::to_string(port_) + "\n" +
-                             log());
 }
 
 PostfixServer::~PostfixServer() {
@@ -504,11 +474,7 @@ PostfixServer::~PostfixServer() {
 std::vector<std::string> PostfixServer::mailbox(const std::string& user, std::size_t count,
                                                 double seconds) const {
     const std::string dir = dir_ / ("mail/" + user + "/new");
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(static_cast<long>(seconds * 1000));
-    while (listDir(dir).size() < count && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    waitFor([&] { return listDir(dir).size() >= count; }, seconds);
     std::vector<std::string> messages;
     for (const std::string& name : listDir(dir)) {
         messages.push_back(readFile(dir + "/" + name));

@@ -30,6 +30,9 @@ struct MailShape {
     std::string body;
 };
 
+// Printable ASCII without ":", at least one character.
+bool isFieldName(const std::string& name);
+
 // The headers every mail carries besides its extra headers.
 const std::set<std::string>& standardHeaders();
 

@@ -32,6 +32,13 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content);
 // Runs a shell command; returns its standard output, throws on a non-zero exit.
 std::string run(const std::string& command);
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+// The first of `parts` not in `text`, "" when all are.
+std::string missingFrom(const std::string& text, const std::vector<std::string>& parts);
+// Polls `condition` for up to `seconds`; whether it came true.
+bool waitFor(const std::function<bool()>& condition, double seconds);
 
 // A self-signed certificate for 127.0.0.1 and localhost, made once per process.
 struct Certificate {
@@ -58,7 +65,6 @@ public:
         double delay = 0;              // seconds before each message is answered
     };
     struct Message {
-        int connection;
         bool tls;
         bool auth;
         std::string from;
@@ -80,8 +86,6 @@ public:
     // socket closes before the process is gone, and start() would take a
     // dying server for one still up.
     void waitForExit();
-    // SIGSTOP / SIGCONT: the server hangs, connections stay open.
-    void freeze(bool frozen);
     bool running() const { return pid_ > 0; }
 
     int port() const { return port_; }

@@ -21,8 +21,8 @@ OSK_HOST = os.environ.get("OSK_HOST", "")
 MAILDIR_AGENT = os.environ.get("MAILDIR_AGENT", "")
 SMTP_AGENT = os.environ.get("SMTP_AGENT", "")
 DIGEST_AGENT = os.environ.get("DIGEST_AGENT", "")
-COUNTING_AGENT = os.environ.get("COUNTING_AGENT", "")
-SMTP_SERVER = os.environ.get("SMTP_SERVER", "")
+FAKE_AGENT = os.environ.get("FAKE_AGENT", "")
+SMTP_SERVER = str(pathlib.Path(__file__).with_name("smtp_server.py"))
 EXAMPLES = pathlib.Path(os.environ.get("EXAMPLES_DIR", pathlib.Path(__file__).parents[2] / "examples"))
 SANITIZED = os.environ.get("OSK_SANITIZED", "OFF").upper() in ("ON", "1", "TRUE", "YES")
 
@@ -91,29 +91,17 @@ class HostTest(unittest.TestCase):
         if events is not None:
             command += ["--events", str(self.write("events.xml", events))]
         command += list(args)
-        run_env = _clean_env(env)
         done = subprocess.run(command, input=(stdin or "").encode("utf-8"), capture_output=True,
-                              cwd=self.dir, env=run_env, timeout=TIMEOUT)
+                              cwd=self.dir, env=_clean_env(env), timeout=TIMEOUT)
         return HostResult(done.returncode, done.stdout.decode("utf-8", "replace"),
                           done.stderr.decode("utf-8", "replace"))
 
-    def live_host(self, config, args=(), stderr_limit=None):
+    def live_host(self, config, args=(), env=None, stderr_limit=None):
         """osk-host reading standard input from the test as it goes; see LiveHost."""
         host = LiveHost([OSK_HOST, "--config", str(self.write("config.xml", config)), "--events", "-"]
-                        + list(args), self.dir, stderr_limit)
+                        + list(args), self.dir, env, stderr_limit)
         self.addCleanup(host.reap)
         return host
-
-    def host_process(self, config, env=None):
-        """osk-host reading events from a pipe, left running: the caller
-        writes to its stdin and ends it (its output goes to host.log)."""
-        log = open(self.dir / "host.log", "wb")
-        self.addCleanup(log.close)
-        process = subprocess.Popen(
-            [OSK_HOST, "--config", str(self.write("config.xml", config)), "--events", "-"],
-            stdin=subprocess.PIPE, stdout=log, stderr=log, cwd=self.dir, env=_clean_env(env))
-        self.addCleanup(lambda: process.poll() is None and (process.kill(), process.wait()))
-        return process
 
     def maildir(self, name="mail"):
         """The messages delivered into the Maildir `name`, parsed."""
@@ -125,28 +113,49 @@ class HostTest(unittest.TestCase):
 
 
 class LiveHost:
-    """A running osk-host: the test writes its events with send() while a
-    thread collects standard error into `seen`. With `stderr_limit`, the
-    thread closes standard error after that many bytes, like `| head -c`."""
+    """A running osk-host: the test writes its events with send() (or has
+    generate(pipe) write them from a thread) while another thread collects
+    standard error into `seen`, noting when the summary line came. With
+    `stderr_limit`, standard error is closed after that many bytes, like
+    `| head -c`."""
 
-    def __init__(self, command, cwd, stderr_limit=None):
+    def __init__(self, command, cwd, env=None, stderr_limit=None):
+        self.started = time.monotonic()
+        self.summary_after = None
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.PIPE, cwd=cwd, env=_clean_env(None))
+                                        stderr=subprocess.PIPE, cwd=cwd, env=_clean_env(env))
         self.seen = bytearray()
         self.reader = threading.Thread(target=self._read, args=(stderr_limit,), daemon=True)
         self.reader.start()
+        self.writer = None
 
     def _read(self, limit):
         pipe = self.process.stderr
-        for piece in iter(lambda: os.read(pipe.fileno(), 4096), b""):
+        for piece in iter(lambda: os.read(pipe.fileno(), 65536), b""):
             self.seen.extend(piece)
+            if self.summary_after is None and b" events read" in self.seen:
+                self.summary_after = time.monotonic() - self.started
             if limit is not None and len(self.seen) >= limit:
                 break
         pipe.close()
 
     def send(self, text):
-        self.process.stdin.write(text.encode())
+        self.process.stdin.write(text.encode() if isinstance(text, str) else text)
         self.process.stdin.flush()
+
+    def generate(self, write):
+        """Has write(pipe) produce the whole stream from a thread, then close it."""
+        pipe, self.process.stdin = self.process.stdin, None
+
+        def run():
+            try:
+                write(pipe)
+            except BrokenPipeError:
+                pass  # the host died; the test reports its exit status
+            finally:
+                pipe.close()
+        self.writer = threading.Thread(target=run, daemon=True)
+        self.writer.start()
 
     def wait_for(self, condition):
         """Waits (up to TIMEOUT) until condition() holds; returns whether it did."""
@@ -155,14 +164,22 @@ class LiveHost:
             time.sleep(0.02)
         return condition()
 
-    def finish(self, text=""):
-        """Sends the rest of the stream, closes it; osk-host's exit status."""
+    def finish(self, text="", close=True):
+        """Sends the rest of the stream and closes it (or, with close=False,
+        leaves it to a signal or a writer); osk-host's exit status."""
         if text:
             self.send(text)
-        self.process.stdin.close()
+        if close and self.process.stdin:
+            self.process.stdin.close()
         status = self.process.wait(TIMEOUT)
-        self.reader.join(TIMEOUT)
+        for thread in (self.reader, self.writer):
+            if thread:
+                thread.join(TIMEOUT)
         return status
+
+    def result(self):
+        """The finished run as a HostResult."""
+        return HostResult(self.process.returncode, "", self.stderr())
 
     def stderr(self):
         return bytes(self.seen).decode("utf-8", "replace")
@@ -171,7 +188,7 @@ class LiveHost:
         if self.process.poll() is None:
             self.process.kill()
         self.process.wait()
-        if not self.process.stdin.closed:
+        if self.process.stdin and not self.process.stdin.closed:
             self.process.stdin.close()
 
 
@@ -227,15 +244,14 @@ def events_xml(*events):
 
 
 class SmtpServer:
-    """tests/Agents/smtp_server.py on 127.0.0.1: what it accepted, parsed.
+    """smtp_server.py on 127.0.0.1: what it accepted, parsed.
     stop() and start() keep the port, so a client sees the same server go
-    down and come back; freeze() makes it hang with its connections open."""
+    down and come back; freeze() makes it hang with its connections open.
+    Without a `directory` it keeps no record (a benchmark's server)."""
 
     def __init__(self, directory, *args):
-        if not SMTP_SERVER or not os.path.exists(SMTP_SERVER):
-            raise unittest.SkipTest("SMTP_SERVER does not name the test server script")
-        self.record = pathlib.Path(directory) / "smtp-record"
-        self.args = list(args)
+        self.record = directory and pathlib.Path(directory) / "smtp-record"
+        self.args = list(args) + (["--record", str(self.record)] if directory else [])
         self.port = 0
         self.process = None
         self.start()
@@ -243,8 +259,7 @@ class SmtpServer:
 
     def start(self):
         self.process = subprocess.Popen(
-            ["/usr/bin/python3", SMTP_SERVER, "--record", str(self.record),
-             "--port", str(self.port)] + self.args,
+            ["/usr/bin/python3", SMTP_SERVER, "--port", str(self.port)] + self.args,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         ready = _readline_within(self.process.stdout, 30)
         if not ready.startswith(b"READY "):
@@ -258,7 +273,7 @@ class SmtpServer:
     def messages(self):
         """[(envelope sender, [recipients], parsed message)] in arrival order."""
         out = []
-        if self.record.exists():
+        if self.record and self.record.exists():
             for line in self.record.read_text().splitlines():
                 parts = line.split(" ")
                 if parts[0] == "M":
@@ -285,3 +300,44 @@ def _readline_within(pipe, seconds):
     reader.start()
     reader.join(seconds)
     return line[0] if line else b""
+
+
+# The long stream of the memory test and benchmark: one event in EVERY is
+# rendered in full (XPath, stylesheet, constant, extra headers).
+MEMORY_TOKENS = """
+    <Token name="host" xpath="/alarm/host"/>
+    <Token name="n" xpath="/alarm/@n"/>
+    <Token name="site" default="dc-1"/>
+    <Token name="shout">
+      <xsl:stylesheet version="1.0" xmlns:xsl="http://www.w3.org/1999/XSL/Transform">
+        <xsl:output method="text"/>
+        <xsl:param name="locale"/>
+        <xsl:template match="/"><xsl:value-of select="translate(/alarm/host, 'abcdefghijklmnopqrstuvwxyz', 'ABCDEFGHIJKLMNOPQRSTUVWXYZ')"/></xsl:template>
+      </xsl:stylesheet>
+    </Token>"""
+MEMORY_GROUPS = """
+  <EventGroup enabled="yes">
+    <Message>Alert %n% on %host% (%shout%) at %site%</Message>
+    <ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>
+    <Event id="1" enabled="yes"/>
+  </EventGroup>"""
+EVERY = 100
+
+
+def memory_config(agent_lib):
+    """The long stream's configuration; the fake agent only counts."""
+    return channel_config(agent_lib, [("mode", "count")], MEMORY_GROUPS, tokens=MEMORY_TOKENS)
+
+
+def memory_stream(pipe, count):
+    """Writes `count` events of the long stream to `pipe`."""
+    pipe.write(b"<Events>\n")
+    batch = []
+    for i in range(count):
+        event_id = 1 if i % EVERY == 0 else 1000 + i % 5000
+        batch.append(f'<Event id="{event_id}"><alarm n="{i}"><host>host-{i}.example.com</host>'
+                     f'<detail>value {i}</detail></alarm></Event>\n')
+        if len(batch) == 1000:
+            pipe.write("".join(batch).encode())
+            batch = []
+    pipe.write(("".join(batch) + "</Events>\n").encode())

@@ -5,17 +5,17 @@
 namespace testing_support {
 namespace {
 
-bool _isFieldNameChar(char c) {
-    const unsigned char b = static_cast<unsigned char>(c);
-    return b >= 33 && b <= 126 && c != ':';
-}
-
 int _base64Value(char c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
+    if (c >= 'A' && c <= 'Z')
+        return c - 'A';
+    if (c >= 'a' && c <= 'z')
+        return c - 'a' + 26;
+    if (c >= '0' && c <= '9')
+        return c - '0' + 52;
+    if (c == '+')
+        return 62;
+    if (c == '/')
+        return 63;
     return -1;
 }
 
@@ -23,7 +23,8 @@ std::vector<std::string> _lines(const std::string& text) {
     std::vector<std::string> lines;
     for (std::string::size_type at = 0; at < text.size();) {
         std::string::size_type end = text.find('\n', at);
-        if (end == std::string::npos) end = text.size();
+        if (end == std::string::npos)
+            end = text.size();
         lines.push_back(text.substr(at, end - at));
         at = end + 1;
     }
@@ -32,10 +33,20 @@ std::vector<std::string> _lines(const std::string& text) {
 
 }  // namespace
 
+bool isFieldName(const std::string& name) {
+    for (char c : name) {
+        const unsigned char b = static_cast<unsigned char>(c);
+        if (b < 33 || b > 126 || c == ':')
+            return false;
+    }
+    return !name.empty();
+}
+
 const std::set<std::string>& standardHeaders() {
-    static const std::set<std::string> names = {
-        "To",           "From",           "Date", "Subject", "MIME-Version", "Content-Disposition",
-        "Content-Type", "Content-Transfer-Encoding"};
+    static const std::set<std::string> names = {"To",           "From",
+                                                "Date",         "Subject",
+                                                "MIME-Version", "Content-Disposition",
+                                                "Content-Type", "Content-Transfer-Encoding"};
     return names;
 }
 
@@ -45,7 +56,8 @@ std::string decodeBase64(const std::string& text) {
     int count = 0;
     for (char c : text) {
         const int v = _base64Value(c);
-        if (v < 0) continue;  // padding
+        if (v < 0)
+            continue;  // padding
         bits = (bits << 6) | static_cast<unsigned>(v);
         count += 6;
         if (count >= 8) {
@@ -62,7 +74,8 @@ std::string decodeWords(const std::string& value) {
          at = value.find("=?", at)) {
         const std::string::size_type b = value.find("?B?", at + 2);
         const std::string::size_type end = b == std::string::npos ? b : value.find("?=", b + 3);
-        if (end == std::string::npos) break;
+        if (end == std::string::npos)
+            break;
         out += decodeBase64(value.substr(b + 3, end - b - 3));
         at = end + 2;
     }
@@ -72,9 +85,12 @@ std::string decodeWords(const std::string& value) {
 MailShape readMail(const std::string& mail, const std::set<std::string>& expectedHeaders) {
     MailShape shape;
     auto problem = [&shape](const std::string& what) { shape.problems.push_back(what); };
-    if (std::strlen(mail.c_str()) != mail.size()) problem("mail holds a NUL byte");
-    if (mail.find('\r') != std::string::npos) problem("mail holds a carriage return");
-    if (mail.empty() || mail.back() != '\n') problem("mail does not end with a line feed");
+    if (std::strlen(mail.c_str()) != mail.size())
+        problem("mail holds a NUL byte");
+    if (mail.find('\r') != std::string::npos)
+        problem("mail holds a carriage return");
+    if (mail.empty() || mail.back() != '\n')
+        problem("mail does not end with a line feed");
 
     const std::vector<std::string> lines = _lines(mail);
     std::map<std::string, int> seen;
@@ -97,11 +113,12 @@ MailShape readMail(const std::string& mail, const std::set<std::string>& expecte
             continue;
         }
         current = line.substr(0, colon);
-        for (char c : current) {
-            if (!_isFieldNameChar(c)) problem("header name with a bad byte: " + line);
-        }
-        if (line.compare(colon, 2, ": ") != 0) problem("header name not followed by \": \": " + line);
-        if (++seen[current] > 1) problem("header \"" + current + "\" appears more than once");
+        if (!isFieldName(current))
+            problem("header name with a bad byte: " + line);
+        if (line.compare(colon, 2, ": ") != 0)
+            problem("header name not followed by \": \": " + line);
+        if (++seen[current] > 1)
+            problem("header \"" + current + "\" appears more than once");
         shape.headers[current] += line.size() > colon + 2 ? line.substr(colon + 2) : std::string();
     }
     if (i == lines.size()) {
@@ -119,13 +136,16 @@ MailShape readMail(const std::string& mail, const std::set<std::string>& expecte
     }
 
     ++i;
-    if (i == lines.size()) problem("mail without a body line");
+    if (i == lines.size())
+        problem("mail without a body line");
     std::string encoded;
     for (; i < lines.size(); ++i) {
         const std::string& line = lines[i];
         const bool last = i + 1 == lines.size();
-        if (!last && line.size() != 76) problem("body line that is not 76 characters long");
-        if (last && (line.size() > 76 || line.size() % 4 != 0)) problem("bad last body line");
+        if (!last && line.size() != 76)
+            problem("body line that is not 76 characters long");
+        if (last && (line.size() > 76 || line.size() % 4 != 0))
+            problem("bad last body line");
         for (std::string::size_type k = 0; k < line.size(); ++k) {
             const bool padding = line[k] == '=' && last && k + 2 >= line.size() &&
                                  line.find_first_not_of('=', k) == std::string::npos;
