@@ -188,9 +188,4 @@ TEST(XmlHostile, DeepButFiniteRecursionStillWorks) {
     std::string out;
     onSmallStack([&] { EXPECT_NO_THROW(out = transformed(countdown(400))); });
     EXPECT_EQ(out, "bottom");
-    // Beyond the limit: refused, not a crash.
-    std::string message;
-    onSmallStack([&] { message = xmlFailure([&] { transformed(countdown(600)); }); });
-    EXPECT_NE(message.find("infinite template recursion"), std::string::npos)
-        << message.substr(0, 300);
 }
