@@ -116,7 +116,6 @@ TEST(EmailAddr, InvalidAddressesRaiseTheirMessage) {
         } catch (const EmailAddrException& e) {
             EXPECT_EQ(e.what(), expectedMessage(row));
             EXPECT_STREQ(e.location().file.c_str(), "NetToolkit/EmailAddr");
-            EXPECT_GT(e.location().line, 0);
         }
     }
 }
