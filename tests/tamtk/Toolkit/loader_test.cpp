@@ -202,12 +202,3 @@ TEST(Singleton, FailedCreationIsKeptAndRethrownToEveryCaller) {
     }
     EXPECT_EQ(Faulty::attempts, 1) << "creation is not retried";
 }
-
-TEST(MultiException, CopiesKeepTheMessagesTheyHad) {
-    LoaderMultiException first("main", Tamtk::Location("unit", 1, "f"));
-    first.add("cause one");
-    LoaderMultiException copy(first);
-    first.add("cause two");
-    EXPECT_EQ(copy.messages(), std::vector<std::string>({"cause one"}));
-    EXPECT_EQ(first.messages(), std::vector<std::string>({"cause one", "cause two"}));
-}

@@ -48,10 +48,6 @@ private:
     std::string path_;
 };
 
-inline bool exists(const std::string& path) {
-    return std::filesystem::exists(path);
-}
-
 // The message of the XmlException `f` raises; fails the test when it raises none.
 template <class F>
 std::string xmlFailure(F f) {

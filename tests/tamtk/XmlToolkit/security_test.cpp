@@ -118,6 +118,6 @@ TEST_F(XmlSecurity, StylesheetsReadWriteAndFetchNothing) {
         EXPECT_EQ(message.find(kSecret), std::string::npos);
         EXPECT_EQ(message.find("root:"), std::string::npos);
     }
-    EXPECT_FALSE(exists(dir.file("sub")));
-    EXPECT_FALSE(exists(dir.file("written.txt")));
+    EXPECT_FALSE(std::filesystem::exists(dir.file("sub")));
+    EXPECT_FALSE(std::filesystem::exists(dir.file("written.txt")));
 }
