@@ -23,7 +23,9 @@ Channel::Channel(const std::string& name) : name_(name), hostState_(false) {}
 
 Channel::~Channel() {}
 
-void Channel::set_reporter(Reporter reporter) { reporter_ = std::move(reporter); }
+void Channel::set_reporter(Reporter reporter) {
+    reporter_ = std::move(reporter);
+}
 
 void Channel::set_default_reporter(Reporter reporter) {
     std::lock_guard<std::mutex> guard(_reporterLock());
@@ -50,7 +52,8 @@ void Channel::report_error(const Tamlog::internal::severity::severity_mask& sev,
             reporter(sev, text);
             return;
         }
-        std::fprintf(stderr, "%s: %s: %s\n", name_.c_str(), Tamlog::severityName(sev).c_str(), text.c_str());
+        std::fprintf(stderr, "%s: %s: %s\n", name_.c_str(), Tamlog::severityName(sev).c_str(),
+                     text.c_str());
     } catch (...) {
         // Reporting must never take the channel down.
     }

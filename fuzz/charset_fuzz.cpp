@@ -16,12 +16,16 @@ using fuzzing::check;
 
 namespace {
 
-const char* const _charsets[] = {
-    "UTF-8",       "utf-8",          "ISO-8859-1",  "ISO-8859-15", "US-ASCII",   "CP1252",
-    "KOI8-R",      "UTF-16",         "UTF-16LE",    "UTF-32",      "UCS-2",      "UTF-7",
-    "SHIFT_JIS",   "EUC-JP",         "ISO-2022-JP", "ISO-2022-KR", "ISO-2022-CN", "ISO-2022-CN-EXT",
-    "GB18030",     "BIG5",           "BIG5-HKSCS",  "EUC-TW",      "TSCII",      "IBM1390",
-    "UTF-8//TRANSLIT", "ASCII//IGNORE", "",         "NO-SUCH-CHARSET", "UTF-8\n", "x-unknown"};
+const char* const _charsets[] = {"UTF-8",           "utf-8",         "ISO-8859-1",
+                                 "ISO-8859-15",     "US-ASCII",      "CP1252",
+                                 "KOI8-R",          "UTF-16",        "UTF-16LE",
+                                 "UTF-32",          "UCS-2",         "UTF-7",
+                                 "SHIFT_JIS",       "EUC-JP",        "ISO-2022-JP",
+                                 "ISO-2022-KR",     "ISO-2022-CN",   "ISO-2022-CN-EXT",
+                                 "GB18030",         "BIG5",          "BIG5-HKSCS",
+                                 "EUC-TW",          "TSCII",         "IBM1390",
+                                 "UTF-8//TRANSLIT", "ASCII//IGNORE", "",
+                                 "NO-SUCH-CHARSET", "UTF-8\n",       "x-unknown"};
 
 }  // namespace
 
@@ -30,10 +34,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* charset = in.PickValueInArray(_charsets);
     unsigned limit = Osk::EmailChannel::noLimit;
     switch (in.ConsumeIntegralInRange(0, 3)) {
-        case 0: break;
-        case 1: limit = 0; break;
-        case 2: limit = in.ConsumeIntegralInRange<unsigned>(1, 64); break;
-        default: limit = in.ConsumeIntegral<unsigned>(); break;
+        case 0:
+            break;
+        case 1:
+            limit = 0;
+            break;
+        case 2:
+            limit = in.ConsumeIntegralInRange<unsigned>(1, 64);
+            break;
+        default:
+            limit = in.ConsumeIntegral<unsigned>();
+            break;
     }
     const std::string bytes = in.ConsumeRemainingBytesAsString();
     const Tamtk::Utf8Array text(bytes.data(), static_cast<unsigned>(bytes.size()));

@@ -10,8 +10,8 @@
 #include "FuzzCheck.h"
 #include "NetToolkit/EmailAddr.h"
 
-using Tamnet::EmailAddr;
 using fuzzing::check;
+using Tamnet::EmailAddr;
 
 namespace {
 
@@ -28,7 +28,8 @@ void _checkWritable(const EmailAddr& addr) {
 // mailbox: the same canonical form, and for an address that was parsed
 // (whose quoting the parser normalised) the very same address.
 void _checkRoundTrip(const EmailAddr& addr, EmailAddr::DomainCheck domainCheck, bool parsed) {
-    if (!addr) return;
+    if (!addr)
+        return;
     const std::string written = addr.asRFC821String(false);
     // The parser stores the local part in canonical quoting, which may be
     // longer than a part given to setLocalPart ("a..b" becomes "\"a..b\""):
@@ -52,7 +53,8 @@ void _checkRoundTrip(const EmailAddr& addr, EmailAddr::DomainCheck domainCheck, 
     } catch (const Tamnet::EmailAddrException& e) {
         fuzzing::fail("the written form of a valid address is refused", written + "\n" + e.what());
     }
-    if (domainCheck != EmailAddr::NoDomainCheck) _checkWritable(addr);
+    if (domainCheck != EmailAddr::NoDomainCheck)
+        _checkWritable(addr);
 }
 
 }  // namespace
@@ -61,10 +63,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     const int form = in.ConsumeIntegralInRange(0, 5);
     const EmailAddr::DomainCheck domainCheck = in.ConsumeIntegralInRange<unsigned>(0, 5);
-    const std::uint32_t maxDomain = in.ConsumeBool() ? EmailAddr::DefaultMaxDomain
-                                                     : in.ConsumeIntegralInRange<std::uint32_t>(0, 300);
-    const std::uint32_t maxLocal = in.ConsumeBool() ? EmailAddr::DefaultMaxLocal
-                                                    : in.ConsumeIntegralInRange<std::uint32_t>(0, 80);
+    const std::uint32_t maxDomain = in.ConsumeBool()
+                                        ? EmailAddr::DefaultMaxDomain
+                                        : in.ConsumeIntegralInRange<std::uint32_t>(0, 300);
+    const std::uint32_t maxLocal = in.ConsumeBool()
+                                       ? EmailAddr::DefaultMaxLocal
+                                       : in.ConsumeIntegralInRange<std::uint32_t>(0, 80);
     const std::string second = in.ConsumeRandomLengthString(300);
     const std::string text = in.ConsumeRemainingBytesAsString();
 

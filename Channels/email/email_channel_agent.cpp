@@ -4,7 +4,6 @@
 #include "Channels/email/email_channel.h"
 #include "Toolkit/ComponentLoader.h"
 
-
 namespace Osk {
 
 namespace {
@@ -14,7 +13,8 @@ typedef Tamtk::FunctionPointer<void, const Tamnet::EmailAddr&, const EmailChanne
 }  // namespace
 
 void email_channel::load_email_agent(const ChannelCfg& cfg) {
-    auto pEmailAgentList = Tamxml::find_elements(cfg.document, Tamxml::XPath("/Channel/EmailAgent"));
+    auto pEmailAgentList =
+        Tamxml::find_elements(cfg.document, Tamxml::XPath("/Channel/EmailAgent"));
     if (!(pEmailAgentList && !pEmailAgentList->empty())) {
         EMAIL_CFG_FAULT("pEmailAgentList && !pEmailAgentList->empty()", 189);
     }
@@ -44,8 +44,8 @@ void email_channel::load_email_agent(const ChannelCfg& cfg) {
             if (!(pName && pValue)) {
                 EMAIL_CFG_FAULT("pName && pValue", 212);
             }
-            agent_params_.insert(
-                std::make_pair(pName->value_cast<std::string>(), pValue->value_cast<std::string>()));
+            agent_params_.insert(std::make_pair(pName->value_cast<std::string>(),
+                                                pValue->value_cast<std::string>()));
         } catch (const Tamtk::Exception& e) {
             // One bad parameter is reported and skipped; the others still count.
             report_error(Tamlog::sev::warning, e.what());

@@ -33,7 +33,8 @@ class IconvHandle {
 public:
     explicit IconvHandle(const char* charset) : handle_(iconv_open(charset, "UTF-8")) {}
     ~IconvHandle() {
-        if (ok()) iconv_close(handle_);
+        if (ok())
+            iconv_close(handle_);
     }
     IconvHandle(const IconvHandle&) = delete;
     IconvHandle& operator=(const IconvHandle&) = delete;
@@ -52,7 +53,8 @@ private:
 
 // One character into `out` (cleared first) through `cd`; on failure the
 // replacement character instead when `replace` is set.
-bool _convert_with(iconv_t cd, const Tamtk::Utf8Char& ch, char* out, unsigned int size, bool replace) {
+bool _convert_with(iconv_t cd, const Tamtk::Utf8Char& ch, char* out, unsigned int size,
+                   bool replace) {
     std::memset(out, 0, size);
     char* in = const_cast<char*>(ch.c_str());
     size_t inLeft = ch.length();
@@ -159,14 +161,16 @@ public:
     KeptHandles& operator=(const KeptHandles&) = delete;
     ~KeptHandles() {
         for (const Entry& entry : entries_) {
-            if (entry.handle != _badHandle) iconv_close(entry.handle);
+            if (entry.handle != _badHandle)
+                iconv_close(entry.handle);
         }
     }
 
     // The kept handle for `charset`, or _badHandle when it is not kept.
     iconv_t get(const char* charset) {
         for (const Entry& entry : entries_) {
-            if (entry.charset == charset) return entry.handle;
+            if (entry.charset == charset)
+                return entry.handle;
         }
         if (entries_.size() >= _maxEntries) {
             return _badHandle;

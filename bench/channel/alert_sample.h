@@ -59,9 +59,15 @@ inline std::vector<Tamnet::EmailAddr> recipients() {
             Tamnet::EmailAddr("noc-team@example.net")};
 }
 
-inline const char* senderName() { return "Überwachung Rechenzentrum Süd"; }
-inline const char* sender() { return "alerts@example.org"; }
-inline const char* subject() { return "Störung: Dienst httpd auf web-01 antwortet nicht"; }
+inline const char* senderName() {
+    return "Überwachung Rechenzentrum Süd";
+}
+inline const char* sender() {
+    return "alerts@example.org";
+}
+inline const char* subject() {
+    return "Störung: Dienst httpd auf web-01 antwortet nicht";
+}
 
 inline std::map<std::string, std::string> headers() {
     return {{"X-Alert-Severity", "kritisch"}, {"X-Alert-Site", "Rechenzentrum Süd, Brücke 3"}};
@@ -87,9 +93,15 @@ inline std::string event() {
 }
 
 // XPaths of the three XPath tokens, in the order of the placeholders.
-inline const char* hostPath() { return "/Event/Host"; }
-inline const char* servicePath() { return "/Event/Service"; }
-inline const char* textPath() { return "/Event/Text"; }
+inline const char* hostPath() {
+    return "/Event/Host";
+}
+inline const char* servicePath() {
+    return "/Event/Service";
+}
+inline const char* textPath() {
+    return "/Event/Text";
+}
 
 // The stylesheet token: lists the event's attributes, prefixed by the locale.
 inline std::string stylesheet() {

@@ -131,8 +131,8 @@ void BM_CharsetFallback_IconvOpenPerChar(benchmark::State& state) {
 
 void BM_CharsetFallback_ReusedHandle(benchmark::State& state) {
     for (auto _ : state) {
-        benchmark::DoNotOptimize(
-            Osk::EmailChannel::make_charset(kFallbackCharset, fallbackText(), Osk::EmailChannel::noLimit));
+        benchmark::DoNotOptimize(Osk::EmailChannel::make_charset(kFallbackCharset, fallbackText(),
+                                                                 Osk::EmailChannel::noLimit));
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * fallbackText().length()));
 }
@@ -140,9 +140,10 @@ void BM_CharsetFallback_ReusedHandle(benchmark::State& state) {
 // Both fallbacks must give the same bytes, or the comparison means nothing.
 void checkSameOutput() {
     const std::string before = naive::makeCharset(kFallbackCharset, fallbackText());
-    const CharsetString after =
-        Osk::EmailChannel::make_charset(kFallbackCharset, fallbackText(), Osk::EmailChannel::noLimit);
-    if (before.size() != after.length || std::memcmp(before.data(), after.bytes.get(), after.length) != 0) {
+    const CharsetString after = Osk::EmailChannel::make_charset(kFallbackCharset, fallbackText(),
+                                                                Osk::EmailChannel::noLimit);
+    if (before.size() != after.length ||
+        std::memcmp(before.data(), after.bytes.get(), after.length) != 0) {
         std::fprintf(stderr, "compose_bench: the two fallbacks differ (%zu and %u bytes)\n",
                      before.size(), after.length);
         std::exit(1);
@@ -178,12 +179,13 @@ void printSample() {
         headers += (headers.empty() ? "" : ", ") + jsonString(header.first) + ": " +
                    jsonString(header.second);
     }
-    std::printf("{\"time\": %ld, \"senderName\": %s, \"sender\": %s, \"to\": [%s], "
-                "\"subject\": %s, \"headers\": {%s}, \"body\": %s}\n",
-                kTime, jsonString(AlertSample::senderName()).c_str(),
-                jsonString(AlertSample::sender()).c_str(), to.c_str(),
-                jsonString(AlertSample::subject()).c_str(), headers.c_str(),
-                jsonString(AlertSample::body(false)).c_str());
+    std::printf(
+        "{\"time\": %ld, \"senderName\": %s, \"sender\": %s, \"to\": [%s], "
+        "\"subject\": %s, \"headers\": {%s}, \"body\": %s}\n",
+        kTime, jsonString(AlertSample::senderName()).c_str(),
+        jsonString(AlertSample::sender()).c_str(), to.c_str(),
+        jsonString(AlertSample::subject()).c_str(), headers.c_str(),
+        jsonString(AlertSample::body(false)).c_str());
 }
 
 }  // namespace

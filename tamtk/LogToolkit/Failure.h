@@ -15,7 +15,7 @@ namespace util {
 template <class Family>
 Family wrapCurrent(const char* text, const Tamtk::Location& where) {
     class wrapper : public Family {
-      public:
+    public:
         wrapper(const char* t, const Tamtk::Location& w) : Family(Tamtk::ExceptionString(t), w) {}
         void cause(const Tamtk::Exception& e) { this->ctorhelper(e); }
         void cause(const std::exception& e) { this->ctorhelper(e); }

@@ -8,7 +8,9 @@ namespace severity {
 
 severity_mask::~severity_mask() {}
 
-bool severity_mask::equal(const severity_mask&) const { return false; }
+bool severity_mask::equal(const severity_mask&) const {
+    return false;
+}
 
 boost::shared_ptr<severity_mask> basic_noop::clone() const {
     return boost::shared_ptr<severity_mask>(new basic_noop(*this));
@@ -69,7 +71,8 @@ std::uint64_t debug_mask(const SeverityBag& c) {
     return bits;
 }
 
-bool isSeverityIgnored(const SeverityBag& accepted, std::uint64_t debugMask, const severity_mask& s) {
+bool isSeverityIgnored(const SeverityBag& accepted, std::uint64_t debugMask,
+                       const severity_mask& s) {
     const std::uint64_t bits = debug_mask(s);
     if (bits != 0) {
         return (bits & debugMask) == 0;

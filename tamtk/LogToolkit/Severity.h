@@ -114,7 +114,8 @@ public:
     }
     bool is(const Mask& m) const {
         for (const pointer& p : members_) {
-            if (p->equal(m)) return true;
+            if (p->equal(m))
+                return true;
         }
         return false;
     }

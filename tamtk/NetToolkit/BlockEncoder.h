@@ -18,7 +18,7 @@ namespace internal {
 
 // An output iterator over a stream that can also take whole blocks.
 class ostream_writer {
-  public:
+public:
     typedef std::output_iterator_tag iterator_category;
     typedef void value_type;
     typedef void difference_type;
@@ -38,7 +38,7 @@ class ostream_writer {
         out_->write(text, static_cast<std::streamsize>(length));
     }
 
-  private:
+private:
     std::ostream* out_;
 };
 
@@ -47,7 +47,7 @@ namespace sink {
 // The string behind a back-inserter: the standard names its `container`
 // member, protected so that derived iterators can reach it.
 class string_access : public std::back_insert_iterator<std::string> {
-  public:
+public:
     explicit string_access(std::back_insert_iterator<std::string> it)
         : std::back_insert_iterator<std::string>(it) {}
     std::string& target() const noexcept { return *container; }

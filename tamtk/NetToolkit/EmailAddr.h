@@ -42,7 +42,7 @@ extern TAMTK_API const char weakDomainRefused[];
 }  // namespace internal
 
 class TAMTK_API EmailAddr {
-  public:
+public:
     // How far a domain that is not an address literal is checked after the
     // common checks (length, leading dot, double dot):
     //   0 nothing more; 1 the weak rules (no "/$[]{}\^|?*", no control
@@ -149,7 +149,7 @@ class TAMTK_API EmailAddr {
     // A strict weak order whose equivalence is operator==.
     friend TAMTK_API bool operator<(const EmailAddr& a, const EmailAddr& b) noexcept;
 
-  private:
+private:
     void parse(const std::string& text, DomainCheck check);
 
     std::string local_;

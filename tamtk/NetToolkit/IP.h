@@ -18,7 +18,7 @@ namespace Tamnet {
 
 // One IPv4 address, held in host byte order.
 class TAMTK_API IPv4Addr {
-  public:
+public:
     IPv4Addr() noexcept : addr_(0) {}
     explicit IPv4Addr(std::uint32_t hostOrder) noexcept : addr_(hostOrder) {}
     // Dotted text; anything else raises "Bad IPv4 address string [[ text ]]".
@@ -38,7 +38,7 @@ class TAMTK_API IPv4Addr {
     friend bool operator!=(IPv4Addr a, IPv4Addr b) noexcept { return a.addr_ != b.addr_; }
     friend bool operator<(IPv4Addr a, IPv4Addr b) noexcept { return a.addr_ < b.addr_; }
 
-  private:
+private:
     std::uint32_t addr_;
 };
 
@@ -46,7 +46,7 @@ class TAMTK_API IPv4Addr {
 // the network may not have bits outside its mask, so that every network has
 // exactly one written form. The all-zero network (any address) is "0/0".
 class TAMTK_API IPv4Mask {
-  public:
+public:
     IPv4Mask() noexcept {}
     IPv4Mask(IPv4Addr network, const IPv4Addr& mask);
 
@@ -71,7 +71,7 @@ class TAMTK_API IPv4Mask {
         return a.network_ < b.network_ || (a.network_ == b.network_ && a.mask_ < b.mask_);
     }
 
-  private:
+private:
     IPv4Addr network_;
     IPv4Addr mask_;
 };
@@ -79,7 +79,7 @@ class TAMTK_API IPv4Mask {
 // An IPv4 or IPv6 address, or nothing. Empty addresses order first, then
 // IPv4, then IPv6; within a kind by numeric value.
 class TAMTK_API IPAddr {
-  public:
+public:
     enum kind_type { none = 0, v4 = AF_INET, v6 = AF_INET6 };
 
     IPAddr() noexcept;
@@ -108,7 +108,7 @@ class TAMTK_API IPAddr {
     friend TAMTK_API bool operator<(const IPAddr& a, const IPAddr& b) noexcept;
     friend bool operator!=(const IPAddr& a, const IPAddr& b) noexcept { return !(a == b); }
 
-  private:
+private:
     kind_type kind_;
     std::uint32_t v4_;  // host order
     in6_addr v6_;

@@ -24,7 +24,7 @@ namespace rfc2047 {
 // "_". Bytes from 0x80 are decided before the classification, which could
 // not change the outcome for them.
 class QClassifier {
-  public:
+public:
 #if defined(__GLIBC__)
     // The table that glibc's isspace() and its kin read for the calling
     // thread's locale, fetched once per block: three library calls per byte
@@ -34,7 +34,7 @@ class QClassifier {
         return c >= 0x80 || c == '_' || (table_[c] & (_ISspace | _IScntrl | _ISpunct)) != 0;
     }
 
-  private:
+private:
     const unsigned short* table_;
 #else
     bool mustEncode(unsigned char c) const noexcept {

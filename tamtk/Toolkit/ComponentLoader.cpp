@@ -24,7 +24,8 @@ std::string _lastError() {
 [[noreturn]] void _raise(const std::string& message, const std::string* cause,
                          const Location& where) {
     LoaderMultiException e{ExceptionString(message), where};
-    if (cause) e.add(*cause);
+    if (cause)
+        e.add(*cause);
     throw e;
 }
 
@@ -34,7 +35,9 @@ namespace internal {
 namespace loader {
 namespace dlfcn {
 
-const char* system() noexcept { return "dlfcn (dlopen,dlclose,dlsym,dlerror) Linux"; }
+const char* system() noexcept {
+    return "dlfcn (dlopen,dlclose,dlsym,dlerror) Linux";
+}
 
 }  // namespace dlfcn
 }  // namespace loader
@@ -46,7 +49,8 @@ namespace {
 
 void* _openBesideToolkit(const char* filename, int mode) {
     Dl_info self;
-    if (dladdr(reinterpret_cast<void*>(&_openBesideToolkit), &self) == 0 || self.dli_fname == nullptr) {
+    if (dladdr(reinterpret_cast<void*>(&_openBesideToolkit), &self) == 0 ||
+        self.dli_fname == nullptr) {
         return nullptr;
     }
     std::string path(self.dli_fname);
@@ -88,7 +92,8 @@ Loader::Loader(const char* filename, int mode) : handle_(nullHandle) {
 }
 
 Loader::~Loader() {
-    if (handle_ != nullHandle) dlclose(handle_);
+    if (handle_ != nullHandle)
+        dlclose(handle_);
 }
 
 void* Loader::getAddr(const char* symbol) const {
@@ -124,7 +129,8 @@ ComponentLoader_t::~ComponentLoader_t() {
 const Loader& ComponentLoader_t::get(const std::string& filename, int mode) {
     ScopeLock<FastMutex> lock(mutex_);
     auto found = loaders_.find(filename);
-    if (found != loaders_.end()) return *found->second;
+    if (found != loaders_.end())
+        return *found->second;
 
     std::unique_ptr<Loader> loader(new Loader(filename.c_str(), mode));
     auto inserted = loaders_.insert(std::make_pair(filename, loader.get()));

@@ -30,7 +30,9 @@ Exception& Exception::operator=(const Exception& other) noexcept {
 
 Exception::~Exception() {}
 
-const char* Exception::what() const noexcept { return message_.c_str() ? message_.c_str() : ""; }
+const char* Exception::what() const noexcept {
+    return message_.c_str() ? message_.c_str() : "";
+}
 
 void Exception::compose(const char* cause) noexcept {
     try {
@@ -54,7 +56,9 @@ void Exception::ctorhelper(const Exception& lower) noexcept {
     }
 }
 
-void Exception::ctorhelper(const std::exception& lower) noexcept { compose(lower.what()); }
+void Exception::ctorhelper(const std::exception& lower) noexcept {
+    compose(lower.what());
+}
 
 std::ostream& operator<<(std::ostream& out, const Exception& e) {
     out << e.what() << " [" << e.location() << ']';

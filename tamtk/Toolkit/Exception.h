@@ -61,11 +61,11 @@ public:
 
 // Raise `Family` at an explicit location with a message built by streaming:
 //   TAMTK_THROW_AT(Family, TAMTK_HERE("ComponentLoader"), "Opening of module " << name);
-#define TAMTK_THROW_AT(Family, where, stream_expr)                               \
-    do {                                                                         \
-        std::ostringstream tamtk_msg_;                                           \
-        tamtk_msg_ << stream_expr;                                               \
-        throw Family(::Tamtk::ExceptionString(tamtk_msg_.str()), (where));       \
+#define TAMTK_THROW_AT(Family, where, stream_expr)                         \
+    do {                                                                   \
+        std::ostringstream tamtk_msg_;                                     \
+        tamtk_msg_ << stream_expr;                                         \
+        throw Family(::Tamtk::ExceptionString(tamtk_msg_.str()), (where)); \
     } while (0)
 
 // Raise `Family` here, naming the source.
@@ -74,10 +74,10 @@ public:
 
 // Internal consistency check: raises the assertion family with the text of
 // the failed condition.
-#define TAMTK_ASSERT(cond, source)                                                      \
-    do {                                                                                \
-        if (!(cond)) {                                                                  \
-            throw ::Tamtk::AssertionException(::Tamtk::ExceptionString(#cond),         \
-                                              TAMTK_HERE(source));                      \
-        }                                                                               \
+#define TAMTK_ASSERT(cond, source)                                             \
+    do {                                                                       \
+        if (!(cond)) {                                                         \
+            throw ::Tamtk::AssertionException(::Tamtk::ExceptionString(#cond), \
+                                              TAMTK_HERE(source));             \
+        }                                                                      \
     } while (0)

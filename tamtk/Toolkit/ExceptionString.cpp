@@ -5,7 +5,9 @@
 
 namespace Tamtk {
 
-ExceptionString::ExceptionString() noexcept : text_(nullptr), length_(0) { inline_[0] = '\0'; }
+ExceptionString::ExceptionString() noexcept : text_(nullptr), length_(0) {
+    inline_[0] = '\0';
+}
 
 ExceptionString::ExceptionString(const char* text) : ExceptionString() {
     create_string(text, text ? static_cast<unsigned>(std::strlen(text)) : 0);

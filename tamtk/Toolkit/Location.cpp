@@ -8,9 +8,11 @@ Location::Location() noexcept : line(0) {}
 
 Location::Location(const char* file_, std::int32_t line_, const char* function_) noexcept
     : line(line_) {
-    file.create_string(file_, file_ ? static_cast<unsigned>(std::char_traits<char>::length(file_)) : 0);
-    function.create_string(function_,
-                           function_ ? static_cast<unsigned>(std::char_traits<char>::length(function_)) : 0);
+    file.create_string(file_,
+                       file_ ? static_cast<unsigned>(std::char_traits<char>::length(file_)) : 0);
+    function.create_string(
+        function_,
+        function_ ? static_cast<unsigned>(std::char_traits<char>::length(function_)) : 0);
 }
 
 Location::Location(const Location& other) noexcept : line(other.line) {

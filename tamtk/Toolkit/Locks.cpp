@@ -17,7 +17,8 @@ const char* const _failureText = "Resource lock or scope lock could not be acqui
 LockException::LockException(const ExceptionString& message, const Location& where) noexcept
     : LockFamilyException(message, where) {}
 
-LockException::LockException(const char* text, const Exception& lower, const Location& where) noexcept
+LockException::LockException(const char* text, const Exception& lower,
+                             const Location& where) noexcept
     : LockFamilyException(ctor_helper(text, " due to lower level exception"), where) {
     ctorhelper(lower);
 }
@@ -40,14 +41,15 @@ LockFailureException::LockFailureException(const Exception& lower, const Locatio
     : LockException(_failureText, lower, where) {}
 
 SelfLockException::SelfLockException(const char* lockType, const Location& where) noexcept
-    : LockException(ctor_helper("Self lock detected",
-                                ExceptionString(std::string(" (RTTI of Lock=") +
-                                                (lockType ? lockType : "") + ")")),
-                    where) {}
+    : LockException(
+          ctor_helper("Self lock detected", ExceptionString(std::string(" (RTTI of Lock=") +
+                                                            (lockType ? lockType : "") + ")")),
+          where) {}
 
 FastMutex::FastMutex() {
     pthread_mutexattr_t attr;
-    internal::locks::enforce<LockCreateException>(pthread_mutexattr_init(&attr), TAMTK_HERE(_source));
+    internal::locks::enforce<LockCreateException>(pthread_mutexattr_init(&attr),
+                                                  TAMTK_HERE(_source));
     int rc = pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
     if (rc == 0) {
         rc = pthread_mutex_init(&mutex_, &attr);
@@ -56,7 +58,9 @@ FastMutex::FastMutex() {
     internal::locks::enforce<LockCreateException>(rc, TAMTK_HERE(_source));
 }
 
-FastMutex::~FastMutex() { pthread_mutex_destroy(&mutex_); }
+FastMutex::~FastMutex() {
+    pthread_mutex_destroy(&mutex_);
+}
 
 void FastMutex::lock() {
     int rc = pthread_mutex_lock(&mutex_);
@@ -67,6 +71,8 @@ void FastMutex::lock() {
     internal::locks::enforce<LockFailureException>(rc, TAMTK_HERE(_source));
 }
 
-void FastMutex::unlock() noexcept { pthread_mutex_unlock(&mutex_); }
+void FastMutex::unlock() noexcept {
+    pthread_mutex_unlock(&mutex_);
+}
 
 }  // namespace Tamtk

@@ -24,7 +24,8 @@ public:
     static T& instance() {
         State& s = state();
         std::call_once(s.once, &create);
-        if (s.failure) throw *s.failure;
+        if (s.failure)
+            throw *s.failure;
         return *s.object;
     }
 

@@ -40,7 +40,8 @@ struct ExternalBlock : buffer_block {
 
 void _destroyExternal(buffer_block* block) {
     ExternalBlock* external = static_cast<ExternalBlock*>(block);
-    if (external->release) external->release(external->bytes);
+    if (external->release)
+        external->release(external->bytes);
     delete external;
 }
 
@@ -48,7 +49,9 @@ struct StringBlock : buffer_block {
     std::string text;
 };
 
-void _destroyString(buffer_block* block) { delete static_cast<StringBlock*>(block); }
+void _destroyString(buffer_block* block) {
+    delete static_cast<StringBlock*>(block);
+}
 
 bool _within(const char* p, const char* first, const char* last) {
     // std::less gives a total order even for pointers into other buffers.
@@ -67,7 +70,8 @@ unsigned _checkedLength(std::size_t length) {
 const char Utf8Array::empty_text_[1] = {'\0'};
 
 Utf8Array::Utf8Array(const char* text) : block_(nullptr) {
-    if (text) assign(text, _checkedLength(std::strlen(text)));
+    if (text)
+        assign(text, _checkedLength(std::strlen(text)));
 }
 
 Utf8Array::Utf8Array(const std::string& text) : block_(nullptr) {
@@ -76,7 +80,8 @@ Utf8Array::Utf8Array(const std::string& text) : block_(nullptr) {
 
 Utf8Array::Utf8Array(std::string&& text) : block_(nullptr) {
     const unsigned length = _checkedLength(text.size());
-    if (length == 0) return;
+    if (length == 0)
+        return;
     StringBlock* block = new StringBlock;
     block->text = std::move(text);
     block->refs.store(1, std::memory_order_relaxed);
@@ -88,13 +93,15 @@ Utf8Array::Utf8Array(std::string&& text) : block_(nullptr) {
 }
 
 Utf8Array::Utf8Array(Utf8RawData data, unsigned length, void (*release)(void*)) : block_(nullptr) {
-    if (!data) return;
+    if (!data)
+        return;
     ExternalBlock* block;
     try {
         block = new ExternalBlock;
     } catch (...) {
         // Taking over means the buffer is ours to free whatever happens.
-        if (release) release(data);
+        if (release)
+            release(data);
         throw;
     }
     data[length] = '\0';
@@ -108,15 +115,18 @@ Utf8Array::Utf8Array(Utf8RawData data, unsigned length, void (*release)(void*)) 
 }
 
 Utf8Array& Utf8Array::operator=(const Utf8Array& other) noexcept {
-    if (other.block_) other.block_->refs.fetch_add(1, std::memory_order_relaxed);
-    if (block_) release(block_);
+    if (other.block_)
+        other.block_->refs.fetch_add(1, std::memory_order_relaxed);
+    if (block_)
+        release(block_);
     block_ = other.block_;
     return *this;
 }
 
 Utf8Array& Utf8Array::operator=(Utf8Array&& other) noexcept {
     if (this != &other) {
-        if (block_) release(block_);
+        if (block_)
+            release(block_);
         block_ = other.block_;
         other.block_ = nullptr;
     }
@@ -124,11 +134,13 @@ Utf8Array& Utf8Array::operator=(Utf8Array&& other) noexcept {
 }
 
 void Utf8Array::release(buffer_block* block) noexcept {
-    if (block->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) block->destroy(block);
+    if (block->refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        block->destroy(block);
 }
 
 void Utf8Array::assign(const char* bytes, unsigned length) {
-    if (length == 0) return;
+    if (length == 0)
+        return;
     buffer_block* block = _allocate(length);
     std::memcpy(block->bytes, bytes, length);
     block->bytes[length] = '\0';
@@ -137,18 +149,21 @@ void Utf8Array::assign(const char* bytes, unsigned length) {
 }
 
 void Utf8Array::clear() noexcept {
-    if (block_) release(block_);
+    if (block_)
+        release(block_);
     block_ = nullptr;
 }
 
 void Utf8Array::allocate(unsigned bytes) {
-    if (bytes <= capacity() && block_ && block_->refs.load(std::memory_order_acquire) == 1) return;
+    if (bytes <= capacity() && block_ && block_->refs.load(std::memory_order_acquire) == 1)
+        return;
     const unsigned length = this->length();
     buffer_block* block = _allocate(std::max(bytes, length));
     std::memcpy(block->bytes, data(), length);
     block->bytes[length] = '\0';
     block->length = length;
-    if (block_) release(block_);
+    if (block_)
+        release(block_);
     block_ = block;
 }
 
@@ -167,7 +182,8 @@ char* Utf8Array::make_room(unsigned at, unsigned removed, std::size_t inserted) 
     // Growing by appending should not copy the whole text every time.
     std::size_t capacity = length;
     if (length > old && old > 0) {
-        capacity = std::max<std::size_t>(length, std::min<std::size_t>(2ull * old, length + (1u << 20)));
+        capacity =
+            std::max<std::size_t>(length, std::min<std::size_t>(2ull * old, length + (1u << 20)));
         capacity = std::min<std::size_t>(capacity, std::numeric_limits<unsigned>::max() - 1);
     }
     buffer_block* block = _allocate(static_cast<unsigned>(capacity));
@@ -175,7 +191,8 @@ char* Utf8Array::make_room(unsigned at, unsigned removed, std::size_t inserted) 
     std::memcpy(block->bytes + at + inserted, data() + at + removed, tail);
     block->bytes[length] = '\0';
     block->length = length;
-    if (block_) release(block_);
+    if (block_)
+        release(block_);
     block_ = block;
     return block->bytes + at;
 }
@@ -187,7 +204,8 @@ Utf8Array::iterator Utf8Array::insert_bytes(unsigned at, const char* bytes, std:
         return insert_bytes(at, copy.data(), copy.size());
     }
     char* room = make_room(at, 0, length);
-    if (length) std::memcpy(room, bytes, length);
+    if (length)
+        std::memcpy(room, bytes, length);
     return iterator(room, data() + this->length(), this);
 }
 
@@ -239,10 +257,12 @@ std::pair<const char*, const char*> Utf8Array::range(const_iterator first,
 
 const char* Utf8Array::find_start_of_last_char(const char* bytes, unsigned length,
                                                bool complete) const {
-    if (!bytes || length == 0) return nullptr;
+    if (!bytes || length == 0)
+        return nullptr;
     const char* end = bytes + length;
     const char* p = end - 1;
-    while (p > bytes && internal::utf8::is_continuation(*p) && end - p < int(Utf8Char::max_length)) {
+    while (p > bytes && internal::utf8::is_continuation(*p) &&
+           end - p < int(Utf8Char::max_length)) {
         --p;
     }
     const unsigned n = internal::utf8::num_utf8_chars(*p);

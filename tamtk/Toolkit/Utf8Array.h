@@ -59,13 +59,15 @@ public:
     Utf8Array(Utf8RawData data, unsigned length, void (*release)(void*));
 
     Utf8Array(const Utf8Array& other) noexcept : block_(other.block_) {
-        if (block_) block_->refs.fetch_add(1, std::memory_order_relaxed);
+        if (block_)
+            block_->refs.fetch_add(1, std::memory_order_relaxed);
     }
     Utf8Array(Utf8Array&& other) noexcept : block_(other.block_) { other.block_ = nullptr; }
     Utf8Array& operator=(const Utf8Array& other) noexcept;
     Utf8Array& operator=(Utf8Array&& other) noexcept;
     ~Utf8Array() {
-        if (block_) release(block_);
+        if (block_)
+            release(block_);
     }
 
     const char* c_str() const noexcept { return block_ ? block_->bytes : empty_text_; }
@@ -183,13 +185,15 @@ void array_iterator<c_>::set_signal() const {
 template <bool c_>
 void array_iterator<c_>::callback(const Utf8Char& c) const {
     static_assert(!c_, "only a mutable iterator writes back");
-    if (&c != &cache_ || !owner_) return;
+    if (&c != &cache_ || !owner_)
+        return;
     const char* base = owner_->data();
     const unsigned before = owner_->length();
     const std::ptrdiff_t endOffset = end_ - base;
     current_ = owner_->update_at(current_, c);
     end_ = owner_->data() + endOffset + (static_cast<std::ptrdiff_t>(owner_->length()) - before);
-    if (c.empty()) reload();
+    if (c.empty())
+        reload();
 }
 
 }  // namespace utf8

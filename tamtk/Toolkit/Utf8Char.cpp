@@ -19,12 +19,15 @@ void raise_utf8(const char* message, const char* source, int line, const char* f
 }
 
 const char* find_next_utf8(const char* p) noexcept {
-    if (*p == '\0') return nullptr;
+    if (*p == '\0')
+        return nullptr;
     const unsigned n = num_utf8_chars(*p);
-    if (n == 0) return nullptr;
+    if (n == 0)
+        return nullptr;
     // A NUL is no continuation byte, so this stops at the terminator.
     for (unsigned i = 1; i < n; ++i) {
-        if (!is_continuation(p[i])) return nullptr;
+        if (!is_continuation(p[i]))
+            return nullptr;
     }
     return p[n] == '\0' ? nullptr : p + n;
 }
@@ -35,7 +38,8 @@ const char* find_next_utf8(const char* p, const char* end) noexcept {
 }
 
 const char* find_prev_utf8(const char* p, const char* begin) noexcept {
-    if (!p || !begin || p <= begin) return nullptr;
+    if (!p || !begin || p <= begin)
+        return nullptr;
     const char* q = p - 1;
     while (q > begin && is_continuation(*q) && p - q < static_cast<long>(Utf8Char::max_length)) {
         --q;
@@ -60,7 +64,8 @@ Utf8Char::Utf8Char(wchar_t packed) : length_(0) {
     unsigned n = 0;
     for (int shift = 24; shift >= 0; shift -= 8) {
         const char b = static_cast<char>((value >> shift) & 0xFF);
-        if (n || b) bytes[n++] = b;
+        if (n || b)
+            bytes[n++] = b;
     }
     if (n && internal::utf8::sequence_length(bytes, bytes + n) != n) {
         TAMTK_THROW(Utf8Exception, _source,
@@ -70,8 +75,10 @@ Utf8Char::Utf8Char(wchar_t packed) : length_(0) {
 }
 
 Utf8Char& Utf8Char::operator=(const Utf8Char& other) {
-    if (this != &other) load(other.bytes_, other.length_);
-    if (signal_) signal_(*this);
+    if (this != &other)
+        load(other.bytes_, other.length_);
+    if (signal_)
+        signal_(*this);
     return *this;
 }
 
@@ -81,12 +88,13 @@ void Utf8Char::raw_copy(const char* bytes, unsigned maxBytes) {
     }
     const unsigned n = internal::utf8::num_utf8_chars(*bytes);
     if (n == 0 || n > maxBytes || internal::utf8::sequence_length(bytes, bytes + n) != n) {
-        TAMTK_THROW(Utf8Exception, _source,
-                    "Bytes do not hold one complete UTF-8 character within " << maxBytes
-                                                                            << " bytes");
+        TAMTK_THROW(
+            Utf8Exception, _source,
+            "Bytes do not hold one complete UTF-8 character within " << maxBytes << " bytes");
     }
     load(bytes, n);
-    if (signal_) signal_(*this);
+    if (signal_)
+        signal_(*this);
 }
 
 std::ostream& operator<<(std::ostream& out, const Utf8Char& c) {

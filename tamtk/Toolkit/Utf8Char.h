@@ -21,13 +21,20 @@ class array_iterator;
 // open one (a continuation byte, 0xFE or 0xFF).
 inline unsigned num_utf8_chars(char lead) noexcept {
     const unsigned char b = static_cast<unsigned char>(lead);
-    if (b < 0x80) return 1;
-    if (b < 0xC0) return 0;
-    if (b < 0xE0) return 2;
-    if (b < 0xF0) return 3;
-    if (b < 0xF8) return 4;
-    if (b < 0xFC) return 5;
-    if (b < 0xFE) return 6;
+    if (b < 0x80)
+        return 1;
+    if (b < 0xC0)
+        return 0;
+    if (b < 0xE0)
+        return 2;
+    if (b < 0xF0)
+        return 3;
+    if (b < 0xF8)
+        return 4;
+    if (b < 0xFC)
+        return 5;
+    if (b < 0xFE)
+        return 6;
     return 0;
 }
 
@@ -38,11 +45,14 @@ inline bool is_continuation(char b) noexcept {
 // Length of the complete, well-formed sequence at `p` that ends at or before
 // `end`; 0 when the bytes there are not one.
 inline unsigned sequence_length(const char* p, const char* end) noexcept {
-    if (p >= end) return 0;
+    if (p >= end)
+        return 0;
     const unsigned n = num_utf8_chars(*p);
-    if (n == 0 || static_cast<unsigned long>(end - p) < n) return 0;
+    if (n == 0 || static_cast<unsigned long>(end - p) < n)
+        return 0;
     for (unsigned i = 1; i < n; ++i) {
-        if (!is_continuation(p[i])) return 0;
+        if (!is_continuation(p[i]))
+            return 0;
     }
     return n;
 }
@@ -114,7 +124,8 @@ private:
 
     // Takes `n` (at most max_length) bytes without firing the signal.
     void load(const char* p, unsigned n) noexcept {
-        if (n) std::memcpy(bytes_, p, n);
+        if (n)
+            std::memcpy(bytes_, p, n);
         bytes_[n] = '\0';
         length_ = static_cast<unsigned char>(n);
     }

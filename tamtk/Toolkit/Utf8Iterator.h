@@ -87,7 +87,8 @@ public:
 
     reference operator*() const {
         if constexpr (!c_) {
-            if (!cache_.has_signal()) set_signal();
+            if (!cache_.has_signal())
+                set_signal();
         }
         return cache_;
     }
@@ -121,7 +122,8 @@ private:
             return;
         }
         unsigned n = num_utf8_chars(*current_);
-        if (static_cast<unsigned long>(end_ - current_) < n) n = static_cast<unsigned>(end_ - current_);
+        if (static_cast<unsigned long>(end_ - current_) < n)
+            n = static_cast<unsigned>(end_ - current_);
         cache_.load(current_, n);
     }
 

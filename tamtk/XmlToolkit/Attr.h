@@ -53,7 +53,7 @@ struct ValueCast<std::string> {
 
 // One attribute of an element; holding it keeps the document alive.
 class TAMTK_API Attr {
-  public:
+public:
     Attr(boost::shared_ptr<const Document> document, xmlAttrPtr attr);
 
     // The attribute's text, entity references resolved.
@@ -73,7 +73,7 @@ class TAMTK_API Attr {
 
     xmlAttrPtr get() const { return attr_; }
 
-  private:
+private:
     std::string content() const;
 
     boost::shared_ptr<const Document> document_;

@@ -33,7 +33,7 @@ const char* const _source = "XmlToolkit/Document";
 const std::size_t _maxEntityExpansion = XML_MAX_TEXT_LENGTH;
 
 class ExpansionCounter {
-  public:
+public:
     explicit ExpansionCounter(xmlDocPtr doc) : doc_(doc) {}
 
     // Bytes that the entity references under `first` and its siblings expand
@@ -49,10 +49,12 @@ class ExpansionCounter {
                 total += entitySize(xmlGetDocEntity(doc_, node->name));
                 continue;
             }
-            if (node->type == XML_DTD_NODE) continue;  // declarations expand only where used
+            if (node->type == XML_DTD_NODE)
+                continue;  // declarations expand only where used
             if (node->type == XML_ELEMENT_NODE) {
                 for (xmlAttrPtr a = node->properties; a != nullptr; a = a->next) {
-                    for (xmlNodePtr c = a->children; c != nullptr; c = c->next) pending.push_back(c);
+                    for (xmlNodePtr c = a->children; c != nullptr; c = c->next)
+                        pending.push_back(c);
                 }
             }
             for (xmlNodePtr c = node->children; c != nullptr; c = c->next) pending.push_back(c);
@@ -60,16 +62,19 @@ class ExpansionCounter {
         return total;
     }
 
-  private:
+private:
     // The expanded text of one entity, nested references included; each
     // entity is counted once and a loop counts as too much.
     std::size_t entitySize(xmlEntityPtr entity) {
-        if (entity == nullptr || entity->etype != XML_INTERNAL_GENERAL_ENTITY) return 0;
+        if (entity == nullptr || entity->etype != XML_INTERNAL_GENERAL_ENTITY)
+            return 0;
         auto known = sizes_.find(entity);
-        if (known != sizes_.end()) return known->second;
+        if (known != sizes_.end())
+            return known->second;
         sizes_[entity] = _maxEntityExpansion + 1;  // until known: a loop is refused
         std::size_t size = static_cast<std::size_t>(entity->length);
-        if (entity->children != nullptr) size += countSiblings(entity->children);
+        if (entity->children != nullptr)
+            size += countSiblings(entity->children);
         sizes_[entity] = size;
         return size;
     }
@@ -79,7 +84,8 @@ class ExpansionCounter {
 };
 
 bool _expandsTooFar(xmlDocPtr doc) {
-    if (doc->intSubset == nullptr || doc->intSubset->entities == nullptr) return false;
+    if (doc->intSubset == nullptr || doc->intSubset->entities == nullptr)
+        return false;
     return ExpansionCounter(doc).countSiblings(doc->children) > _maxEntityExpansion;
 }
 

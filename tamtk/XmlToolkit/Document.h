@@ -20,7 +20,7 @@ class Element;
 // DTD or entity, and within libxml2's default size limits: configuration and
 // event data are never trusted to point the parser elsewhere.
 class TAMTK_API Document : public boost::enable_shared_from_this<Document> {
-  public:
+public:
     // Both throw Tamxml::XmlException with libxml2's own report when the
     // text is not a well-formed document.
     static boost::shared_ptr<const Document> fromFile(const std::string& path);
@@ -39,7 +39,7 @@ class TAMTK_API Document : public boost::enable_shared_from_this<Document> {
 
     xmlDocPtr get() const { return doc_; }
 
-  private:
+private:
     explicit Document(xmlDocPtr doc) : doc_(doc) {}
 
     xmlDocPtr doc_;

@@ -15,7 +15,7 @@ class Document;
 
 // One element of a document; holding it keeps the document alive.
 class TAMTK_API Element {
-  public:
+public:
     Element(boost::shared_ptr<const Document> document, xmlNodePtr node);
 
     // The attribute of that name without a namespace (or, for a prefixed
@@ -38,7 +38,7 @@ class TAMTK_API Element {
     const boost::shared_ptr<const Document>& document() const { return document_; }
     xmlNodePtr get() const { return node_; }
 
-  private:
+private:
     boost::shared_ptr<const Document> document_;
     xmlNodePtr node_;
 };

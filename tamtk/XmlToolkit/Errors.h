@@ -17,7 +17,7 @@ namespace Tamxml {
 namespace internal {
 
 class ErrorScope {
-  public:
+public:
     ErrorScope();
     ~ErrorScope();
     ErrorScope(const ErrorScope&) = delete;

@@ -16,7 +16,7 @@ const char* const _source = "XmlToolkit/XPath";
 // One evaluation of a compiled expression. The thread's XPath context is
 // reused from call to call; only the document and context node change.
 class Evaluation {
-  public:
+public:
     Evaluation(const XPath& path, xmlDocPtr doc, xmlNodePtr node) {
         xmlXPathContextPtr context = errors_.xpathContext();
         if (context == nullptr) {
@@ -50,7 +50,7 @@ class Evaluation {
     xmlNodePtr node(int i) const { return result_->nodesetval->nodeTab[i]; }
     xmlXPathObjectPtr get() const { return result_; }
 
-  private:
+private:
     internal::ErrorScope errors_;
     xmlXPathObjectPtr result_ = nullptr;
 };

@@ -16,7 +16,7 @@ namespace internal {
 // libxml2's tree, and are then read in place instead of being concatenated
 // into a fresh buffer.
 class NodeText {
-  public:
+public:
     explicit NodeText(const xmlNode* node);
     ~NodeText();
     NodeText(const NodeText&) = delete;
@@ -32,7 +32,7 @@ class NodeText {
     // over to the array rather than copied, so call this once.
     boost::shared_ptr<const Tamtk::Utf8Array> utf8();
 
-  private:
+private:
     const xmlChar* text_;
     xmlChar* owned_;
     std::size_t size_;

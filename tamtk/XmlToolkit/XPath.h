@@ -14,7 +14,7 @@ namespace Tamxml {
 // evaluated as often as needed; copies share the compiled form. Expressions
 // that do not compile raise Tamxml::XmlException with libxml2's report.
 class TAMTK_API XPath {
-  public:
+public:
     explicit XPath(boost::shared_ptr<const Tamtk::Utf8Array> text);
     explicit XPath(const std::string& text);
     XPath(const char* text);  // NOLINT: implicit on purpose, paths are written as literals
@@ -22,7 +22,7 @@ class TAMTK_API XPath {
     const std::string& text() const;
     xmlXPathCompExprPtr get() const;
 
-  private:
+private:
     struct Compiled;
     static boost::shared_ptr<const Compiled> compile(const std::string& text);
 

@@ -26,7 +26,8 @@ Matches byExpression(const std::vector<std::string>& keys, const std::string& te
     const boost::regex expression = expressionOf(keys);
     Matches found;
     const char* const begin = text.data();
-    for (boost::cregex_iterator it(begin, begin + text.size(), expression), stop; it != stop; ++it) {
+    for (boost::cregex_iterator it(begin, begin + text.size(), expression), stop; it != stop;
+         ++it) {
         found.emplace_back((*it)[0].first - begin, (*it)[0].second - begin);
     }
     return found;
@@ -49,16 +50,11 @@ Matches byScan(const Osk::internal::token_scan& scan, const std::string& text) {
 // and a repeated last name: the scan must find what the expression finds.
 TEST(TokenScan, FindsWhatTheTokenExpressionFinds) {
     const std::vector<std::vector<std::string>> keySets = {
-        {"%a%"},
-        {"%a%", "%ab%", "%b%"},
-        {"%ab%", "%a%"},
-        {"%a%b%", "%a%", "%b%"},
-        {"%%", "%x%"},
-        {"%host%", "%sev%", "%host%"},
-        {"%x y%", "%-_:/%"},
+        {"%a%"},       {"%a%", "%ab%", "%b%"},        {"%ab%", "%a%"},     {"%a%b%", "%a%", "%b%"},
+        {"%%", "%x%"}, {"%host%", "%sev%", "%host%"}, {"%x y%", "%-_:/%"},
     };
-    const std::vector<std::string> pieces = {"%", "%%", "a", "b", "ab", "x", " y", "host",
-                                             "sev", "-_:/", "text \xC3\xA9 ", "\n"};
+    const std::vector<std::string> pieces = {
+        "%", "%%", "a", "b", "ab", "x", " y", "host", "sev", "-_:/", "text \xC3\xA9 ", "\n"};
     std::mt19937 rng(11);
     std::uniform_int_distribution<std::size_t> pick(0, pieces.size() - 1), length(0, 14);
     for (const auto& keys : keySets) {
