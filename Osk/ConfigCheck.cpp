@@ -81,7 +81,7 @@ void _configureChannel(const std::string& plugin,
 
 typedef Tamtk::FunctionPointer<void, const Tamnet::EmailAddr&, const EmailChannel::ToList&,
                                const char*, const std::map<std::string, std::string>&>
-    _SendEmail;
+    SendEmailCall;
 
 // The parameters as the channel passes them: children with a non-empty
 // name and value, the first of a name winning.
@@ -112,12 +112,12 @@ void _checkAgent(const boost::shared_ptr<const Tamxml::Document>& doc, bool prob
         return;
     }
     const std::string name = lib->value()->str();
-    _SendEmail::func_type send = nullptr;
+    SendEmailCall::func_type send = nullptr;
     try {
         send =
             Tamtk::ComponentLoaderT<Tamtk::internal::loader::global_component_registry>::instance()
                 .get(name, 1)
-                .loadFunction<_SendEmail>("sendEmail");
+                .loadFunction<SendEmailCall>("sendEmail");
     } catch (const Tamtk::Exception& e) {
         findings.error("the agent " + name + " does not load: " + e.what());
         return;

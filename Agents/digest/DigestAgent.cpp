@@ -21,7 +21,7 @@ const char* const _source = "Agents/digest";
 
 typedef Tamtk::FunctionPointer<void, const Tamnet::EmailAddr&, const EmailChannel::ToList&,
                                const char*, const std::map<std::string, std::string>&>
-    _SendEmail;
+    SendEmailCall;
 
 std::string _key(const std::string& from, const std::vector<std::string>& to) {
     std::string key = from;
@@ -51,7 +51,7 @@ DigestAgent::DigestAgent(const DigestSettings& settings)
     const Tamtk::Loader& loader =
         Tamtk::ComponentLoaderT<Tamtk::internal::loader::global_component_registry>::instance().get(
             settings_.agent, RTLD_LAZY);
-    inner_ = loader.loadFunction<_SendEmail>("sendEmail");
+    inner_ = loader.loadFunction<SendEmailCall>("sendEmail");
 
     // Left by an earlier run: its windows are over.
     const Clock::time_point now = Clock::now();
@@ -234,7 +234,7 @@ void DigestAgent::shutdown() noexcept {
 
 namespace {
 
-class _Registry {
+class Registry {
 public:
     std::shared_ptr<DigestAgent> get(const Params& params) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -274,8 +274,8 @@ private:
     std::map<Params, Entry> agents_;
 };
 
-_Registry& _registry() {
-    static _Registry registry;
+Registry& _registry() {
+    static Registry registry;
     return registry;
 }
 
@@ -295,7 +295,7 @@ void _armExitFlush() {
 }  // namespace
 
 std::shared_ptr<DigestAgent> digestAgentFor(const Params& params) {
-    _Registry& registry = _registry();
+    Registry& registry = _registry();
     static const bool armed = (std::atexit(&_flushAtExit), true);
     (void)armed;
     return registry.get(params);

@@ -16,13 +16,13 @@ namespace {
 
 const char* const _source = "Agents/smtp";
 
-struct _Upload {
+struct Upload {
     const std::string* data;
     std::size_t offset;
 };
 
 size_t _read(char* buffer, size_t size, size_t count, void* userdata) {
-    _Upload* up = static_cast<_Upload*>(userdata);
+    Upload* up = static_cast<Upload*>(userdata);
     const std::size_t left = up->data->size() - up->offset;
     const std::size_t n = std::min(left, size * count);
     std::memcpy(buffer, up->data->data() + up->offset, n);
@@ -122,15 +122,6 @@ void SmtpSession::initialise() {
             TAMTK_THROW(AgentException, _source, "SMTP agent: libcurl cannot be initialised");
         }
     });
-}
-
-bool Attempt::allDelivered() const {
-    for (const RecipientOutcome& r : recipients) {
-        if (r.fate != Fate::Delivered) {
-            return false;
-        }
-    }
-    return true;
 }
 
 std::string toWireFormat(const char* message) {
@@ -272,7 +263,7 @@ Attempt SmtpSession::perform(const std::string& from, const std::vector<std::str
         rcpts = next;
     }
     const std::string sender = "<" + from + ">";
-    _Upload upload{&wire, 0};
+    Upload upload{&wire, 0};
     char error[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl_, CURLOPT_MAIL_FROM, sender.c_str());
     curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT, rcpts);

@@ -42,8 +42,6 @@ struct Attempt {
     long connections = 0;
     // The relay's URL this outcome is about.
     std::string relay;
-
-    bool allDelivered() const;
 };
 
 // The message with every line ending in CR LF, as SMTP requires. Existing
