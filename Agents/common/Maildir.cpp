@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -250,6 +251,24 @@ std::string Maildir::deliver(const std::vector<Piece>& pieces) const {
     }
     TAMTK_THROW(DeliveryException, _source,
                 "Maildir \"" << path_ << "\": no unused file name found in tmp/");
+}
+
+std::vector<std::string> sortedNames(const std::string& dir, const std::string& failure) {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    if (!d) {
+        const int err = errno;
+        TAMTK_THROW(DeliveryException, _source,
+                    failure << " \"" << dir << "\": " << std::strerror(err));
+    }
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') {
+            names.emplace_back(e->d_name);
+        }
+    }
+    closedir(d);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace EmailAgents

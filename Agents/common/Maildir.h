@@ -46,6 +46,11 @@ private:
 // and the names of one directory sort by the time they were made.
 std::string uniqueMaildirName();
 
+// The file names in `dir`, oldest first (names begin with the time they were
+// made, zero-padded). Throws DeliveryException "<failure> \"dir\": <reason>"
+// when the folder cannot be read.
+std::vector<std::string> sortedNames(const std::string& dir, const std::string& failure);
+
 // Flushes a directory's entries (after a rename or unlink in it).
 void syncDirectory(const std::string& dir);
 

@@ -1,11 +1,9 @@
 #include "Agents/digest/Hold.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -116,23 +114,7 @@ std::string Hold::put(const HeldMail& mail) {
 }
 
 std::vector<std::string> Hold::names() const {
-    std::vector<std::string> names;
-    const std::string dir = box_.newDir();
-    DIR* d = opendir(dir.c_str());
-    if (!d) {
-        const int err = errno;
-        TAMTK_THROW(DeliveryException, _source,
-                    "Digest agent: cannot list \"" << dir << "\": " << std::strerror(err));
-    }
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            names.emplace_back(e->d_name);
-        }
-    }
-    closedir(d);
-    // Names begin with the time they were made, zero-padded.
-    std::sort(names.begin(), names.end());
-    return names;
+    return sortedNames(box_.newDir(), "Digest agent: cannot list");
 }
 
 bool Hold::load(const std::string& name, HeldMail& out) const {

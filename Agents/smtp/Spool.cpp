@@ -44,25 +44,6 @@ bool _take(const std::string& line, const char* prefix, std::string& value) {
     return true;
 }
 
-std::vector<std::string> _names(const std::string& dir) {
-    std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (!d) {
-        const int err = errno;
-        TAMTK_THROW(DeliveryException, _source,
-                    "cannot list the spool \"" << dir << "\": " << std::strerror(err));
-    }
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            names.emplace_back(e->d_name);
-        }
-    }
-    closedir(d);
-    // Names begin with the time they were made, zero-padded.
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 bool _load(const std::string& path, SpooledMessage& out, std::string* failure) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -164,11 +145,11 @@ std::string Spool::putFailed(const SpooledMessage& message, const std::string& f
 }
 
 std::vector<std::string> Spool::pending() const {
-    return _names(pending_.newDir());
+    return sortedNames(pending_.newDir(), "cannot list the spool");
 }
 
 std::vector<std::string> Spool::failed() const {
-    return _names(failed_.newDir());
+    return sortedNames(failed_.newDir(), "cannot list the spool");
 }
 
 bool Spool::load(const std::string& name, SpooledMessage& out) const {
