@@ -87,14 +87,10 @@ class HostTest(unittest.TestCase):
     def host(self, config, events=None, stdin=None, args=(), env=None):
         """Runs osk-host in the scratch directory with `config` (text) and
         `events` (text, written to events.xml) or `stdin`."""
-        command = [OSK_HOST, "--config", str(self.write("config.xml", config))]
+        command = [OSK_HOST, "--config", self.write("config.xml", config)]
         if events is not None:
-            command += ["--events", str(self.write("events.xml", events))]
-        command += list(args)
-        done = subprocess.run(command, input=(stdin or "").encode("utf-8"), capture_output=True,
-                              cwd=self.dir, env=_clean_env(env), timeout=TIMEOUT)
-        return HostResult(done.returncode, done.stdout.decode("utf-8", "replace"),
-                          done.stderr.decode("utf-8", "replace"))
+            command += ["--events", self.write("events.xml", events)]
+        return run(*command, *args, stdin=stdin, cwd=self.dir, env=env)
 
     def live_host(self, config, args=(), env=None, stderr_limit=None):
         """osk-host reading standard input from the test as it goes; see LiveHost."""
@@ -107,6 +103,10 @@ class HostTest(unittest.TestCase):
         """The messages delivered into the Maildir `name`, parsed."""
         new = self.dir / name / "new"
         return [parse_mail(p.read_bytes()) for p in sorted(new.glob("*"))] if new.exists() else []
+
+    def bodies(self, name="mail"):
+        """The texts of the messages in the Maildir `name`, sorted."""
+        return sorted(msg.get_content() for msg in self.maildir(name))
 
     def assertNoMailDefects(self, msg):
         self.assertEqual([], msg.defects, msg.as_string())
@@ -192,6 +192,14 @@ class LiveHost:
             self.process.stdin.close()
 
 
+def run(*command, stdin=None, cwd=None, env=None):
+    """Runs a program to its end (bounded by TIMEOUT) as a HostResult."""
+    done = subprocess.run([str(c) for c in command], input=(stdin or "").encode("utf-8"),
+                          capture_output=True, cwd=cwd, env=_clean_env(env), timeout=TIMEOUT)
+    return HostResult(done.returncode, done.stdout.decode("utf-8", "replace"),
+                      done.stderr.decode("utf-8", "replace"))
+
+
 def _clean_env(extra):
     """The test's environment without the locale variables the channel reads,
     so that only what a test sets chooses the charset."""
@@ -208,6 +216,30 @@ RECIPIENTS = ("ops@example.com", "oncall@example.org")
 SENDER = "alerts@example.com"
 SENDER_NAME = "Überwachung/Ops"
 SUBJECT = "[ALERT] Störung gemeldet"
+# Nobody listens on port 1: an SMTP relay that is down.
+DEAD_URL = "smtp://127.0.0.1:1"
+MAILDIR = [("path", "mail"), ("fsync", "no")]
+HOST_TOKEN = '<Token name="host" xpath="/alarm/host"/>'
+XSL = 'xmlns:xsl="http://www.w3.org/1999/XSL/Transform"'
+# A stylesheet that always fails: a critical report, and the mail goes out
+# with what was rendered before it.
+FAILING = '<xsl:template match="/"><xsl:message terminate="yes">boom</xsl:message></xsl:template>'
+
+
+def stylesheet(name, body):
+    """A token whose text is what a stylesheet of `body` makes."""
+    return f'<Token name="{name}"><xsl:stylesheet version="1.0" {XSL}>{body}</xsl:stylesheet></Token>'
+
+
+def group(message, *ids, enabled="yes", headers=""):
+    """An event group sending `message` for the events `ids`."""
+    events = "".join(f'<Event id="{i}" enabled="{enabled}"/>' for i in ids)
+    return f'<EventGroup enabled="yes"><Message>{message}</Message>{headers}{events}</EventGroup>\n'
+
+
+def alarm(host, **attributes):
+    """An event document about `host`."""
+    return "<alarm%s><host>%s</host></alarm>" % ("".join(f' {k}="{v}"' for k, v in attributes.items()), host)
 
 
 def channel_config(agent_lib, agent_params, groups, defaults_extra="", tokens="",
