@@ -9,17 +9,12 @@ import os
 import subprocess
 import unittest
 
-from host_harness import (SMTP_AGENT, SUBJECT, TIMEOUT, HostTest, SmtpServer, channel_config,
-                          events_xml)
+from host_harness import (DEAD_URL, HOST_TOKEN, SMTP_AGENT, SUBJECT, TIMEOUT, HostTest, SmtpServer,
+                          alarm, channel_config, events_xml, group, run)
 
 OSK_SPOOL = os.environ.get("OSK_SPOOL", "")
 
-GROUPS = """
-  <EventGroup enabled="yes">
-    <Message>Disk on %host% is full.</Message>
-    <Event id="100" enabled="yes"/>
-  </EventGroup>"""
-TOKENS = '<Token name="host" xpath="/alarm/host"/>'
+GROUPS = group("Disk on %host% is full.", 100)
 # The subject goes out in ISO-8859-15, so listing it takes a charset conversion.
 CHARSET = '<Charset enabled="yes" locale="de" charset="ISO-8859-15"/>'
 REFUSED = "r550.gone@example.org"
@@ -33,23 +28,22 @@ class SpoolToolTest(HostTest):
         self.spool = self.dir / "spool"
         self.server = SmtpServer(self.dir)
         self.addCleanup(self.server.stop)
+        self.flush_config = self.config(self.server.url, name="flush.xml")
 
     def config(self, url, recipients=("ops@example.com",), name="config.xml"):
         params = [("url", url), ("starttls", "no"), ("timeout", "5"), ("drain", "0"),
                   ("spool", str(self.spool))]
-        return self.write(name, channel_config(SMTP_AGENT, params, GROUPS, CHARSET, TOKENS,
+        return self.write(name, channel_config(SMTP_AGENT, params, GROUPS, CHARSET, HOST_TOKEN,
                                                recipients))
 
-    def alert(self, url, host, recipients=("ops@example.com",)):
-        """One alert through osk-host; it ends in the server or in the spool."""
+    def alert(self, url, *hosts, recipients=("ops@example.com",)):
+        """An alert per host through osk-host; each ends in the server or in the spool."""
         config = self.config(url, recipients).read_text()
-        self.host(config, events_xml((100, f"<alarm><host>{host}</host></alarm>")),
-                  env={"TAM_LANG": "de_DE"})
+        self.host(config, events_xml(*[(100, alarm(h)) for h in hosts]), env={"TAM_LANG": "de_DE"})
 
     def spool_tool(self, *args):
-        done = subprocess.run([OSK_SPOOL, *map(str, args)], capture_output=True, cwd=self.dir,
-                              timeout=TIMEOUT)
-        return done.returncode, done.stdout.decode(), done.stderr.decode()
+        done = run(OSK_SPOOL, *args, cwd=self.dir)
+        return done.returncode, done.stdout, done.stderr
 
     def listing(self):
         code, out, err = self.spool_tool("list", self.spool, "--json")
@@ -58,10 +52,9 @@ class SpoolToolTest(HostTest):
 
     def fill(self):
         """Two mails waiting (server unreachable), one failed (refused)."""
-        self.alert(self.server.url, "db0", ("ops@example.com", REFUSED))
+        self.alert(self.server.url, "db0", recipients=("ops@example.com", REFUSED))
         self.assertEqual(1, len(self.server.messages()))
-        for host in ("db1", "db2"):
-            self.alert("smtp://127.0.0.1:1", host)
+        self.alert(DEAD_URL, "db1", "db2")
         entries = self.listing()
         self.assertEqual(["failed", "waiting", "waiting"], [e["state"] for e in entries])
         return entries
@@ -85,7 +78,7 @@ class SpoolToolTest(HostTest):
         self.assertIn(SUBJECT, lines[1])
         self.assertIn("550", lines[0])
 
-        code, out, err = self.spool_tool("flush", "--config", self.config(self.server.url))
+        code, out, err = self.spool_tool("flush", "--config", self.flush_config)
         self.assertEqual((0, ""), (code, err))
         self.assertIn("2 delivered", out)
         self.assertEqual(3, len(self.server.messages()))
@@ -98,7 +91,7 @@ class SpoolToolTest(HostTest):
         self.assertEqual(("waiting", None, [REFUSED]),
                          (requeued["state"], requeued["reason"], requeued["recipients"]))
         self.assertIn(requeued["id"], out)
-        code, out, err = self.spool_tool("flush", "--config", self.config(self.server.url))
+        code, out, err = self.spool_tool("flush", "--config", self.flush_config)
         self.assertEqual(0, code, out + err)
         self.assertIn(REFUSED, err)
         (refused,) = self.listing()
@@ -108,55 +101,47 @@ class SpoolToolTest(HostTest):
         self.assertEqual([], self.listing())
         self.assertEqual("0 mails: 0 waiting, 0 failed\n", self.spool_tool("list", self.spool)[1])
 
-    def test_mistakes_change_nothing(self):
+    def test_mistakes_and_a_locked_spool_change_nothing_or_send_twice(self):
         entries = self.fill()
         ids = [e["id"] for e in entries]
         not_spool = self.dir / "not-a-spool"
         not_spool.mkdir()
         no_spool = self.write("no-spool.xml", channel_config(
-            SMTP_AGENT, [("url", self.server.url)], GROUPS, "", TOKENS))
-        cases = [  # (arguments, what the message says)
-            (("list", not_spool), "is not a spool"),
-            (("drop", not_spool, ids[0]), "is not a spool"),
-            (("list", self.dir / "missing"), "is not a spool"),
-            (("drop", self.spool, ids[1], "no-such-id"), '"no-such-id" is not in the spool'),
-            (("drop", self.spool, "../spool/new/" + ids[1]), "is not in the spool"),
-            (("requeue", self.spool, ids[0], ids[1]), f'"{ids[1]}" is waiting, not failed'),
-            (("flush", "--config", no_spool), 'no "spool" parameter'),
+            SMTP_AGENT, [("url", self.server.url)], GROUPS, "", HOST_TOKEN))
+        locked = "another process"
+        cases = [  # (arguments, exit status, what the message says)
+            (("list", not_spool), 2, "is not a spool"),
+            (("drop", not_spool, ids[0]), 2, "is not a spool"),
+            (("list", self.dir / "missing"), 2, "is not a spool"),
+            (("drop", self.spool, ids[1], "no-such-id"), 2, '"no-such-id" is not in the spool'),
+            (("drop", self.spool, "../spool/new/" + ids[1]), 2, "is not in the spool"),
+            (("requeue", self.spool, ids[0], ids[1]), 2, f'"{ids[1]}" is waiting, not failed'),
+            (("flush", "--config", no_spool), 2, 'no "spool" parameter'),
+            (("flush", "--config", self.flush_config), 1, locked),
+            (("requeue", self.spool), 1, locked),
+            (("drop", self.spool, ids[1]), 1, locked),
         ]
-        for args, message in cases:
-            with self.subTest(args=args):
-                code, out, err = self.spool_tool(*args)
-                self.assertEqual(2, code, out + err)
-                self.assertIn(message, err)
+        with open(self.spool / "lock", "a") as lock:
+            for args, status, message in cases:
+                with self.subTest(args=args):
+                    # Another process holds the spool's lock for the last rows.
+                    fcntl.flock(lock, fcntl.LOCK_EX if message == locked else fcntl.LOCK_UN)
+                    code, out, err = self.spool_tool(*args)
+                    self.assertEqual(status, code, out + err)
+                    self.assertIn(message, err)
         self.assertEqual(entries, self.listing())
         self.assertEqual([], os.listdir(not_spool))
         self.assertFalse((self.dir / "missing").exists())
         self.assertEqual(1, len(self.server.messages()))
 
-    def test_a_locked_spool_is_left_alone_and_nothing_is_sent_twice(self):
-        entries = self.fill()
-        config = self.config(self.server.url, name="flush.xml")
-        with open(self.spool / "lock", "a") as lock:
-            fcntl.flock(lock, fcntl.LOCK_EX)
-            for args in (("flush", "--config", config), ("requeue", self.spool),
-                         ("drop", self.spool, entries[1]["id"])):
-                with self.subTest(args=args[0]):
-                    code, out, err = self.spool_tool(*args)
-                    self.assertEqual(1, code, out + err)
-                    self.assertIn("another process", err)
-        self.assertEqual(entries, self.listing())
-        self.assertEqual(1, len(self.server.messages()))
-
         # Two flushes at once: each mail reaches the server exactly once.
-        for host in range(3, 12):
-            self.alert("smtp://127.0.0.1:1", f"db{host}")
-        runs = [subprocess.Popen([OSK_SPOOL, "flush", "--config", str(config)],
+        self.alert(DEAD_URL, *[f"db{n}" for n in range(3, 12)])
+        runs = [subprocess.Popen([OSK_SPOOL, "flush", "--config", str(self.flush_config)],
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
                 for _ in range(2)]
-        for run in runs:
-            out, err = run.communicate(timeout=TIMEOUT)
-            self.assertIn(run.returncode, (0, 1), out + err)
+        for flush in runs:
+            out, err = flush.communicate(timeout=TIMEOUT)
+            self.assertIn(flush.returncode, (0, 1), out + err)
         bodies = [m.get_content() for _, _, m in self.server.messages()[1:]]
         self.assertEqual(11, len(bodies), bodies)
         self.assertEqual(len(bodies), len(set(bodies)))
