@@ -38,11 +38,13 @@ class BadInputTest(HostTest):
         bad_ids = events_xml((1, alarm("one")), ("abc", alarm("bad")), (1, alarm("two")),
                              ("", alarm("empty")), (1, alarm("three")), (forged, alarm("x")))
         secret = self.write("secret.txt", "TOP-SECRET-4711")
+        # An internal entity whose text is markup stays inside the event using it.
         entities = (f'<?xml version="1.0"?>\n<!DOCTYPE Events [\n'
                     f'  <!ENTITY leak SYSTEM "file://{secret}">\n'
-                    f'  <!ENTITY near SYSTEM "secret.txt">\n]>\n'
+                    f'  <!ENTITY near SYSTEM "secret.txt">\n'
+                    f'  <!ENTITY event \'<Event id="1"><alarm/></Event>\'>\n]>\n'
                     f'<Events>\n<Event id="1">{alarm("a&leak;b")}</Event>\n'
-                    f'<Event id="1">{alarm("&near;")}</Event>\n</Events>\n')
+                    f'<Event id="1">{alarm("&near;&event;")}</Event>\n</Events>\n')
         big = events_xml(*alarms("one", "x" * 300, "two"))
         deep = events_xml(*alarms("one", "<b/>" * 5, "two"))
         rows = [  # (what, events, standard input, arguments, status, hosts mailed, read, skipped, said)
