@@ -4,6 +4,7 @@ configurations, reading the mail it produced and a real SMTP server.
 
 Run with Debian's /usr/bin/python3 (python3-aiosmtpd for the SMTP server)."""
 
+import collections
 import email
 import email.policy
 import os
@@ -17,11 +18,9 @@ import threading
 import time
 import unittest
 
-OSK_HOST = os.environ.get("OSK_HOST", "")
-MAILDIR_AGENT = os.environ.get("MAILDIR_AGENT", "")
-SMTP_AGENT = os.environ.get("SMTP_AGENT", "")
-DIGEST_AGENT = os.environ.get("DIGEST_AGENT", "")
-FAKE_AGENT = os.environ.get("FAKE_AGENT", "")
+PROGRAMS = ("OSK_HOST", "OSK_SPOOL", "MAILDIR_AGENT", "SMTP_AGENT", "DIGEST_AGENT", "FAKE_AGENT")
+OSK_HOST, OSK_SPOOL, MAILDIR_AGENT, SMTP_AGENT, DIGEST_AGENT, FAKE_AGENT = (
+    os.environ.get(name, "") for name in PROGRAMS)
 SMTP_SERVER = str(pathlib.Path(__file__).with_name("smtp_server.py"))
 EXAMPLES = pathlib.Path(os.environ.get("EXAMPLES_DIR", pathlib.Path(__file__).parents[2] / "examples"))
 SANITIZED = os.environ.get("OSK_SANITIZED", "OFF").upper() in ("ON", "1", "TRUE", "YES")
@@ -34,12 +33,7 @@ SUMMARY = re.compile(
     r"(\d+\.\d{3}) s, (\d+) events/s(?:, peak memory (\d+) KiB)?$", re.M)
 
 
-class HostResult:
-    def __init__(self, returncode, stdout, stderr):
-        self.returncode = returncode
-        self.stdout = stdout
-        self.stderr = stderr
-
+class HostResult(collections.namedtuple("HostResult", "returncode stdout stderr")):
     def summary(self):
         """(events read, skipped, {severity: count}) from the closing line."""
         lines = SUMMARY.findall(self.stderr)
@@ -73,9 +67,9 @@ class HostTest(unittest.TestCase):
     """A test with its own scratch directory, removed afterwards."""
 
     def setUp(self):
-        for name, value in (("OSK_HOST", OSK_HOST), ("MAILDIR_AGENT", MAILDIR_AGENT)):
-            if not value or not os.path.exists(value):
-                self.fail(f"{name} must name the built program (got {value!r})")
+        for name in PROGRAMS:
+            if not os.path.exists(globals()[name]):
+                self.fail(f"{name} must name the built program (got {globals()[name]!r})")
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="osk-host-e2e."))
         self.addCleanup(shutil.rmtree, self.dir, True)
 
