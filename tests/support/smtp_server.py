@@ -51,8 +51,7 @@ class Recorder:
 
     def write(self, line):
         if self.file:
-            self.file.write(line + "\n")
-            self.file.flush()
+            print(line, file=self.file, flush=True)
 
 
 class Handler:
@@ -83,17 +82,9 @@ class Handler:
         m = _DATA_REPLY.search(data)
         if m:
             return m.group(1).decode("ascii", "replace")
-        self.recorder.write(
-            "M %d %d %d %s %s %s"
-            % (
-                server.connection_number,
-                1 if session.ssl is not None or server.implicit_tls else 0,
-                1 if session.authenticated else 0,
-                envelope.mail_from or "-",
-                ",".join(envelope.rcpt_tos),
-                data.hex(),
-            )
-        )
+        tls = session.ssl is not None or server.implicit_tls
+        self.recorder.write(f"M {server.connection_number} {int(tls)} {int(bool(session.authenticated))} "
+                            f"{envelope.mail_from or '-'} {','.join(envelope.rcpt_tos)} {data.hex()}")
         if self.die_once and _DIE.search(data) and not os.path.exists(self.die_once):
             open(self.die_once, "w").close()
             os._exit(0)
@@ -150,12 +141,8 @@ def main():
 
     recorder = Recorder(args.record)
     handler = Handler(recorder, args.die_once, args.mail_reply, args.delay)
-    options = dict(
-        hostname="test.invalid",
-        timeout=args.idle_timeout,
-        data_size_limit=None,
-        enable_SMTPUTF8=True,
-    )
+    options = dict(hostname="test.invalid", timeout=args.idle_timeout, data_size_limit=None,
+                   enable_SMTPUTF8=True)
     if context is not None and not args.implicit_tls:
         options.update(tls_context=context, require_starttls=args.require_starttls)
     if args.auth:
@@ -166,24 +153,14 @@ def main():
                   and auth_data.password == password.encode())
             return AuthResult(success=ok, handled=False)
 
-        options.update(
-            authenticator=authenticator,
-            auth_required=True,
-            auth_require_tls=context is not None,
-            auth_exclude_mechanism=["LOGIN"],
-        )
+        options.update(authenticator=authenticator, auth_required=True,
+                       auth_require_tls=context is not None, auth_exclude_mechanism=["LOGIN"])
 
     loop = asyncio.new_event_loop()
     asyncio.set_event_loop(loop)
-    server = loop.run_until_complete(
-        loop.create_server(
-            lambda: RecordingSMTP(recorder, handler, loop=loop, **options),
-            host="127.0.0.1",
-            port=args.port,
-            ssl=context if args.implicit_tls else None,
-            reuse_address=True,
-        )
-    )
+    server = loop.run_until_complete(loop.create_server(
+        lambda: RecordingSMTP(recorder, handler, loop=loop, **options), host="127.0.0.1",
+        port=args.port, ssl=context if args.implicit_tls else None, reuse_address=True))
     port = server.sockets[0].getsockname()[1]
     print("READY %d" % port, flush=True)
     # Stopped by SIGTERM or SIGKILL from the test; either ends at once.
