@@ -101,17 +101,15 @@ class DeliveryTest(HostTest):
         for msg, (header_host, host, used, ticket) in zip(sorted(mails, key=lambda m: str(m["X-Alert-Host"])),
                                                           sorted(want)):
             self.assertNoMailDefects(msg)
-            self.assertEqual(SUBJECT, str(msg["Subject"]))
-            self.assertEqual(SENDER_NAME, msg["From"].addresses[0].display_name)
-            self.assertEqual(SENDER, msg["From"].addresses[0].addr_spec)
-            self.assertEqual(list(RECIPIENTS), [a.addr_spec for a in msg["To"].addresses])
+            sender = msg["From"].addresses[0]
+            self.assertEqual((SUBJECT, SENDER_NAME, SENDER, list(RECIPIENTS), charset),
+                             (str(msg["Subject"]), sender.display_name, sender.addr_spec,
+                              [a.addr_spec for a in msg["To"].addresses], msg.get_content_charset()))
             sent = email.utils.parsedate_to_datetime(str(msg["Date"])).timestamp()
             self.assertLess(abs(sent - time.time()), 600)
             headers = {"X-Alert-Host": header_host, "X-Alert-Source": "osk e2e", "X-Kind": "channel-wide",
                        "X-Group": "disk", "X-Fallback": "fallback", "X-Ticket": ticket, "X-Empty": None}
-            for name, value in headers.items():
-                self.assertEqual(value, None if msg[name] is None else str(msg[name]), name)
-            self.assertEqual(charset, msg.get_content_charset())
+            self.assertEqual(headers, {name: msg[name] and str(msg[name]) for name in headers})
             self.assertEqual(f"Disk on {host} is {used} full.\n[{locale}] {greeting} {host}\n"
                              f"Runbook: https://wiki.example.com/rb (ünïcödé €)", msg.get_content())
 
