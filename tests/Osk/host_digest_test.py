@@ -9,19 +9,13 @@ import signal
 import time
 import unittest
 
-from host_harness import DIGEST_AGENT, MAILDIR_AGENT, HostTest, channel_config, events_xml, parse_mail
+from host_harness import (DIGEST_AGENT, HOST_TOKEN, MAILDIR_AGENT, HostTest, channel_config, events_xml,
+                          group, parse_mail)
 
-TOKENS = """
-    <Token name="n" xpath="/alarm/@n"/>
-    <Token name="host" xpath="/alarm/host"/>"""
+TOKENS = '<Token name="n" xpath="/alarm/@n"/>' + HOST_TOKEN
 # ISO-8859-1 for TAM_LANG=de: the subjects' encoded words are not UTF-8.
 DEFAULTS = '<Charset enabled="yes" locale="de" charset="ISO-8859-1"/>'
-GROUPS = """
-  <EventGroup enabled="yes">
-    <Message>Alert %n% on %host%</Message>
-    <Subject>[ALERT] Nr. %n% Störung auf %host%</Subject>
-    <Event id="1" enabled="yes"/>
-  </EventGroup>"""
+GROUPS = group("Alert %n% on %host%", 1, extra="<Subject>[ALERT] Nr. %n% Störung auf %host%</Subject>")
 ENV = {"TAM_LANG": "de_DE"}
 
 

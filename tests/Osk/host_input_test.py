@@ -11,7 +11,7 @@ from host_harness import (DEAD_URL, FAILING, HOST_TOKEN, MAILDIR, MAILDIR_AGENT,
                           run, stylesheet)
 
 GROUP = group("Alert on %host%", 1,
-              headers='<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>')
+              extra='<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>')
 
 
 def maildir_config(message="Alert on %host%", tokens=HOST_TOKEN):

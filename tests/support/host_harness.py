@@ -222,10 +222,11 @@ def stylesheet(name, body):
     return f'<Token name="{name}"><xsl:stylesheet version="1.0" {XSL}>{body}</xsl:stylesheet></Token>'
 
 
-def group(message, *ids, enabled="yes", headers=""):
-    """An event group sending `message` for the events `ids`."""
+def group(message, *ids, enabled="yes", extra=""):
+    """An event group sending `message` for the events `ids`; `extra` (a
+    subject, extra headers) goes between the two."""
     events = "".join(f'<Event id="{i}" enabled="{enabled}"/>' for i in ids)
-    return f'<EventGroup enabled="yes"><Message>{message}</Message>{headers}{events}</EventGroup>\n'
+    return f'<EventGroup enabled="yes"><Message>{message}</Message>{extra}{events}</EventGroup>\n'
 
 
 def alarm(host):
@@ -333,7 +334,7 @@ SHOUT = ('<xsl:output method="text"/><xsl:param name="locale"/><xsl:template mat
 MEMORY_TOKENS = (HOST_TOKEN + '<Token name="n" xpath="/alarm/@n"/><Token name="site" default="dc-1"/>'
                  + stylesheet("shout", SHOUT))
 MEMORY_GROUPS = group("Alert %n% on %host% (%shout%) at %site%", 1,
-                      headers='<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>')
+                      extra='<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>')
 EVERY = 100
 
 
