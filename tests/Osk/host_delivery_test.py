@@ -55,7 +55,7 @@ class DeliveryTest(HostTest):
         self.assertEqual(sorted(MAILS), sorted(str(m["X-Alert-Host"]) for m in mails))
         for msg in mails:
             subject, kind, priority, body = MAILS[str(msg["X-Alert-Host"])]
-            self.assertNoMailDefects(msg)
+            self.assertEqual([], msg.defects, msg.as_string())
             sender = msg["From"].addresses[0]
             self.assertEqual((subject, "Überwachung / Monitoring", "alerts@example.com", charset),
                              (str(msg["Subject"]), sender.display_name, sender.addr_spec,

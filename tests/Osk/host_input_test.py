@@ -122,18 +122,6 @@ class CommandLineTest(HostTest):
                 for text in texts:
                     self.assertIn(text, done.stderr if status else done.stdout)
 
-    def test_progress_shows_a_live_count(self):
-        # With the system log target set up, but no report for the machine's log.
-        host = self.live_host(maildir_config(), ["--progress", "--syslog", "osk-host-e2e"])
-        host.send("<Events>\n" + event_lines("first"))
-        # The count appears while the stream is still open.
-        self.assertTrue(host.wait_for(lambda: b"\rosk-host: 1 events" in host.seen), host.stderr())
-        self.assertEqual(1, len(self.maildir()))
-        self.assertEqual(0, host.finish(event_lines(*range(3)) + "</Events>\n"))
-        text = host.stderr()
-        self.assertIn("\rosk-host: 4 events\n", text)
-        self.assertIn("osk-host: 4 events read, lost alerts: 0, reports: none, ", text)
-
     def test_delivery_goes_on_when_standard_error_is_gone(self):
         # osk-host ... 2>&1 >/dev/null | head -c 100: every event reports (a
         # stylesheet fails) and every mail is still delivered.
@@ -145,21 +133,24 @@ class CommandLineTest(HostTest):
         self.assertEqual(0, host.finish(event_lines(*range(199)) + "</Events>\n"))
         self.assertEqual(200, len(self.maildir()))
 
-    def test_signal_ends_the_run_in_order(self):
+    def test_live_progress_and_a_signal_that_ends_the_run_in_order(self):
         for sig in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(sig.name):
                 spool = self.dir / sig.name
                 host = self.live_host(channel_config(SMTP_AGENT, [("url", DEAD_URL), ("spool", spool)],
                                                      GROUP, tokens=HOST_TOKEN), ["--progress"])
                 host.send("<Events>\n" + event_lines("a"))
-                self.assertTrue(host.wait_for(lambda: b"osk-host: 1 events" in host.seen))
+                # The count appears and the mail is kept while the stream is still open.
+                self.assertTrue(host.wait_for(lambda: b"\rosk-host: 1 events" in host.seen))
+                self.assertEqual(1, len(list(spool.glob("new/*"))))
                 # The next event is still open: the reader waits in the middle of it.
                 host.send('<Event id="1"><alarm>')
                 host.process.send_signal(sig)
                 status = host.finish(close=False)
                 text = host.stderr()
                 self.assertEqual(0, status, text)
-                self.assertIn(f"osk-host: stopped by {sig.name}; shutting the channel down", text)
+                self.assertIn(f"\rosk-host: 1 events\nosk-host: stopped by {sig.name}; shutting the channel down",
+                              text)
                 self.assertIn("osk-host: 1 events read, lost alerts: 0, ", text)
                 # Said by the agent's static destructor as it drains: the process ended normally.
                 self.assertIn(f'1 mail waits in the spool "{spool}"', text)

@@ -99,9 +99,6 @@ class HostTest(unittest.TestCase):
         """The texts of the messages in the Maildir `name`, sorted."""
         return sorted(msg.get_content() for msg in self.maildir(name))
 
-    def assertNoMailDefects(self, msg):
-        self.assertEqual([], msg.defects, msg.as_string())
-
 
 class LiveHost:
     """A running osk-host: the test writes its events with send() (or has
@@ -261,10 +258,8 @@ def channel_config(agent_lib, agent_params, groups, defaults_extra="", tokens=""
 
 def events_xml(*events):
     """An event stream of (id, document) pairs, one event a line."""
-    lines = ['<?xml version="1.0" encoding="UTF-8"?>', "<Events>"]
-    lines += [f'  <Event id="{i}">{doc}</Event>' for i, doc in events]
-    lines.append("</Events>")
-    return "\n".join(lines) + "\n"
+    body = "".join(f'  <Event id="{i}">{doc}</Event>\n' for i, doc in events)
+    return f'<?xml version="1.0" encoding="UTF-8"?>\n<Events>\n{body}</Events>\n'
 
 
 class SmtpServer:
@@ -273,9 +268,9 @@ class SmtpServer:
     down and come back; freeze() makes it hang with its connections open.
     Without a `directory` it keeps no record (a benchmark's server)."""
 
-    def __init__(self, directory, *args):
+    def __init__(self, directory):
         self.record = directory and pathlib.Path(directory) / "smtp-record"
-        self.args = list(args) + (["--record", str(self.record)] if directory else [])
+        self.args = ["--record", str(self.record)] if directory else []
         self.port = 0
         self.process = None
         self.start()
