@@ -55,15 +55,13 @@ class Recorder:
 
 
 class Handler:
-    def __init__(self, recorder, die_once, mail_reply=None, delay=0.0):
+    def __init__(self, recorder, args):
         self.recorder = recorder
-        self.die_once = die_once
-        self.mail_reply = mail_reply
-        self.delay = delay
+        self.args = args
 
     async def handle_MAIL(self, server, session, envelope, address, mail_options):
-        if self.mail_reply:
-            return self.mail_reply
+        if self.args.mail_reply:
+            return self.args.mail_reply
         envelope.mail_from = address
         envelope.mail_options.extend(mail_options)
         return "250 OK"
@@ -85,11 +83,12 @@ class Handler:
         tls = session.ssl is not None or server.implicit_tls
         self.recorder.write(f"M {server.connection_number} {int(tls)} {int(bool(session.authenticated))} "
                             f"{envelope.mail_from or '-'} {','.join(envelope.rcpt_tos)} {data.hex()}")
-        if self.die_once and _DIE.search(data) and not os.path.exists(self.die_once):
-            open(self.die_once, "w").close()
+        die_once = self.args.die_once
+        if die_once and _DIE.search(data) and not os.path.exists(die_once):
+            open(die_once, "w").close()
             os._exit(0)
-        if self.delay:
-            await asyncio.sleep(self.delay)
+        if self.args.delay:
+            await asyncio.sleep(self.args.delay)
         return "250 OK queued"
 
 
@@ -140,7 +139,7 @@ def main():
         context.load_cert_chain(args.cert, args.key)
 
     recorder = Recorder(args.record)
-    handler = Handler(recorder, args.die_once, args.mail_reply, args.delay)
+    handler = Handler(recorder, args)
     options = dict(hostname="test.invalid", timeout=args.idle_timeout, data_size_limit=None,
                    enable_SMTPUTF8=True)
     if context is not None and not args.implicit_tls:
