@@ -96,15 +96,6 @@ TEST(EventStream, WhatEachStreamHandsOut) {
         for (std::size_t i = 0; i < seen.size(); ++i)
             EXPECT_EQ(0u, seen[i].rfind(c.expected[i], 0)) << seen[i] << " from " << c.stream;
     }
-
-    Osk::EventStream missing("/nonexistent/events.xml");
-    Osk::EventStream::Problem problem;
-    bool hadProblem = false;
-    EXPECT_FALSE(missing.next(problem, hadProblem));
-    EXPECT_TRUE(hadProblem && problem.fatal);
-    EXPECT_EQ("cannot open the event stream: No such file or directory", problem.message);
-    EXPECT_FALSE(missing.next(problem, hadProblem));
-    EXPECT_FALSE(hadProblem);
 }
 
 // Whatever point a stream breaks off at, every event whose end tag came

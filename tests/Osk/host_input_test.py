@@ -114,6 +114,8 @@ class CommandLineTest(HostTest):
             (["--events", "-"], 64, usage), (["--config", config, "--max-event-size", "0"], 64, usage),
             (["--config", config, "--max-event-nodes", "1e6"], 64, usage),
             (["--config", config, "--channel", "/nonexistent.so"], 69, ["cannot load /nonexistent.so"]),
+            (["--config", config, "--events", "/nonexistent/events.xml"], 1,
+             ["osk-host: /nonexistent/events.xml: cannot open the event stream: No such file or directory"]),
         ]
         for args, status, texts in rows:
             with self.subTest(args=args):
