@@ -81,10 +81,6 @@ class BadInputTest(HostTest):
         cases = [
             ("no sender", good.replace('<Sender name="Überwachung/Ops" email="alerts@example.com"/>', ""),
              ["configuration failed: pSender", "at email_channel:421 in "]),
-            ("not XML", good[:good.index("<Tokens>")],
-             ["configuration failed: Could not parse XML file", "at XmlToolkit/Document:"]),
-            ("agent missing", good.replace(MAILDIR_AGENT, "/nonexistent/libagent.so"),
-             ["configuration failed: Opening of module ", "/nonexistent/libagent.so"]),
             ("no agent", good[:good.index("  <EmailAgent")] + "</Channel>\n",
              ["configuration failed: pEmailAgentList && !pEmailAgentList->empty()",
               "at email_channel:189 in "]),

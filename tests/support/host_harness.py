@@ -10,6 +10,7 @@ import email.policy
 import os
 import pathlib
 import re
+import select
 import shutil
 import signal
 import subprocess
@@ -280,8 +281,8 @@ class SmtpServer:
         self.process = subprocess.Popen(
             ["/usr/bin/python3", SMTP_SERVER, "--port", str(self.port)] + self.args,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        ready = _readline_within(self.process.stdout, 30)
-        if not ready.startswith(b"READY "):
+        ready = select.select([self.process.stdout], [], [], 30)[0] and self.process.stdout.readline()
+        if not ready or not ready.startswith(b"READY "):
             self.stop()
             raise AssertionError(f"SMTP test server did not start: {ready!r}")
         self.port = int(ready.split()[1])
@@ -311,14 +312,6 @@ class SmtpServer:
                 self.process.wait()
         for pipe in (self.process.stdin, self.process.stdout):
             pipe.close()
-
-
-def _readline_within(pipe, seconds):
-    line = []
-    reader = threading.Thread(target=lambda: line.append(pipe.readline()), daemon=True)
-    reader.start()
-    reader.join(seconds)
-    return line[0] if line else b""
 
 
 # The long stream of the memory test and benchmark: one event in EVERY is
