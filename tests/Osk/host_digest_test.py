@@ -8,8 +8,8 @@ import re
 import signal
 import unittest
 
-from host_harness import (DIGEST_AGENT, HOST_TOKEN, MAILDIR_AGENT, HostTest, channel_config, events_xml,
-                          group, parse_mail)
+from host_harness import (DIGEST_AGENT, EXAMPLES, HOST_TOKEN, MAILDIR_AGENT, HostTest, channel_config,
+                          events_xml, group, parse_mail)
 
 TOKENS = '<Token name="n" xpath="/alarm/@n"/>' + HOST_TOKEN
 # ISO-8859-1 for TAM_LANG=de: the subjects' encoded words are not UTF-8.
@@ -61,7 +61,8 @@ class DigestTest(HostTest):
         """The alerts of a digest as raw bytes, after checking its headers,
         its structure and its summary against them."""
         self.assertEqual([], [p.defects for p in msg.walk() if p.defects])
-        self.assertEqual((["auto-generated"], 1), (msg.get_all("Auto-Submitted"), len(msg.get_all("Message-ID"))))
+        self.assertEqual((["auto-generated"], 1),
+                         (msg.get_all("Auto-Submitted"), len(msg.get_all("Message-ID"))))
         self.assertRegex(msg["Message-ID"], r"^<[^<>@\s]+@[^<>@\s]+>$")
         self.assertIsNotNone(msg["Date"])
         # The alerts as they were built, byte for byte, between the boundaries.
@@ -72,7 +73,8 @@ class DigestTest(HostTest):
         alerts = [p[len(prefix):] for p in pieces[2:-1]]
         self.assertEqual(f"Digest of {len(alerts)} alerts", str(msg["Subject"]))
         parts = list(msg.iter_parts())
-        self.assertEqual(["text/plain"] + ["message/rfc822"] * len(alerts), [p.get_content_type() for p in parts])
+        self.assertEqual(["text/plain"] + ["message/rfc822"] * len(alerts),
+                         [p.get_content_type() for p in parts])
         parsed = [parse_mail(a) for a in alerts]
         lines = parts[0].get_content().splitlines()
         self.assertEqual(f"{len(alerts)} alerts, from {parsed[0]['Date']} to {parsed[-1]['Date']}.", lines[0])
@@ -95,7 +97,7 @@ class DigestTest(HostTest):
         host.wait_for(lambda: len(list(held.glob("*"))) >= 55)
         host.process.send_signal(signal.SIGKILL)
         host.process.wait()
-        self.assertEqual((55, 5), (len(list(held.glob("*"))), len(list((self.dir / "mail" / "new").glob("*")))))
+        self.assertEqual((55, 5), (len(list(held.glob("*"))), len(self.maildir())))
 
         result = self.host(self.config(), events_xml(*alert_events(range(61, 101))), env=ENV)
         self.assertEqual(result.returncode, 0, result.stderr)
@@ -107,6 +109,18 @@ class DigestTest(HostTest):
         self.assertEqual([], list(held.glob("*")), "nothing left held")
         for n, (raw,) in alerts.items():  # each alert once, as it was built
             self.assertEqual(as_built(raw), as_built(reference[n]), f"alert {n}")
+
+
+    def test_the_shipped_example(self):
+        # A burst of one: the first alert alone, the other two in one digest.
+        result = self.host((EXAMPLES / "alerts-digest.xml").read_text(encoding="utf-8"),
+                           (EXAMPLES / "events.xml").read_text(encoding="utf-8"))
+        self.assertEqual((0, (4, 0, {})), (result.returncode, result.summary()))
+        single, digest = self.maildir("example-mail")
+        self.assertEqual({"[ALERT] disk 97% full on db1.example.com", "[ALERT] nginx down on web2.example.com",
+                          "[ALERT] disk 91% full on Köln-backup"},
+                         {str(single["Subject"])} | {str(p.get_content()["Subject"])
+                                                     for p in list(digest.iter_parts())[1:]})
 
 
 if __name__ == "__main__":

@@ -7,11 +7,10 @@ import signal
 import unittest
 
 from host_harness import (DEAD_URL, FAILING, HOST_TOKEN, MAILDIR, MAILDIR_AGENT, OSK_HOST,
-                          SMTP_AGENT, TIMEOUT, HostTest, alarm, channel_config, events_xml, group,
-                          run, stylesheet)
+                          SMTP_AGENT, TIMEOUT, X_HOST, HostTest, alarm, channel_config, events_xml,
+                          group, run, stylesheet)
 
-GROUP = group("Alert on %host%", 1,
-              extra='<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>')
+GROUP = group("Alert on %host%", 1, extra=X_HOST)
 
 
 def maildir_config(message="Alert on %host%", tokens=HOST_TOKEN):

@@ -321,8 +321,8 @@ SHOUT = ('<xsl:output method="text"/><xsl:param name="locale"/><xsl:template mat
          "'ABCDEFGHIJKLMNOPQRSTUVWXYZ')\"/></xsl:template>")
 MEMORY_TOKENS = (HOST_TOKEN + '<Token name="n" xpath="/alarm/@n"/><Token name="site" default="dc-1"/>'
                  + stylesheet("shout", SHOUT))
-MEMORY_GROUPS = group("Alert %n% on %host% (%shout%) at %site%", 1,
-                      extra='<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>')
+X_HOST = '<ExtraHeaders><Header name="X-Host" xpath="/alarm/host" default="none"/></ExtraHeaders>'
+MEMORY_GROUPS = group("Alert %n% on %host% (%shout%) at %site%", 1, extra=X_HOST)
 EVERY = 100
 
 
