@@ -45,10 +45,6 @@ ROWS = [
 ]
 
 
-def spooled(spool):
-    return [f for _, _, files in os.walk(spool) for f in files]
-
-
 class DeliveryTest(HostTest):
     """The shipped example configurations, their mail read back."""
 
@@ -88,7 +84,7 @@ class DeliveryTest(HostTest):
                     self.assertEqual([("alerts@example.com", ["ops@example.com", "Oncall.Team@example.org"])]
                                      * len(mails), [(s, r) for s, r, _ in server.messages()])
                     # Everything was accepted: nothing waits in the spool or sits in failed/.
-                    self.assertEqual([], spooled(self.dir / "example-spool"))
+                    self.assertEqual([], [f for _, _, files in os.walk(self.dir / "example-spool") for f in files])
                 self.check_mails(mails, charset, greeting, name == "alerts.xml")
 
 
