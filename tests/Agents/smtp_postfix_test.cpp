@@ -42,8 +42,8 @@ protected:
             return;
         }
         try {
-            server_.reset(new PostfixServer({"ops", "oncall", "secure", "kept", "fallback"},
-                                            {"gone@example.test"}));
+            server_.reset(
+                new PostfixServer({"ops", "oncall", "secure", "kept"}, {"gone@example.test"}));
         } catch (const std::exception& e) {
             startFailure_ = e.what();
         }
@@ -100,34 +100,23 @@ TEST_F(Postfix, DeliversTheMessageAsSentToEveryRecipient) {
     }
 }
 
+// Without ca_file the system store is asked, which does not know the test
+// certificate: the agent must refuse the server, not send in clear.
 TEST_F(Postfix, StartTlsRequiredTrustsOnlyTheConfiguredAuthority) {
-    struct Case {
-        std::string caFile;
-        bool delivered;
-    };
-    // Without ca_file the system store is asked, which does not know the
-    // test certificate: the agent must refuse the server, not send in clear.
-    const std::vector<Case> cases = {{Certificate::get().cert, true}, {"", false}};
-    std::size_t expected = 0;
-    for (const Case& c : cases) {
+    for (const bool withCa : {false, true}) {
         Params params = {{"starttls", "required"}};
-        if (!c.caFile.empty()) {
-            params.emplace("ca_file", c.caFile);
+        if (withCa) {
+            params.emplace("ca_file", Certificate::get().cert);
         }
         SmtpAgent agent(settingsFor(server_->url(), params));
         const std::string failure =
             sendFailure(agent, "alerts@example.com", {"secure@example.test"},
                         alert("secure@example.test", "over TLS\n"));
-        expected += c.delivered ? 1 : 0;
-        if (c.delivered) {
-            EXPECT_EQ(failure, "");
-        } else {
-            EXPECT_TRUE(contains(failure, "certificate")) << failure;
-        }
-        const std::vector<std::string> got = server_->mailbox("secure", expected, 20);
-        ASSERT_EQ(got.size(), expected) << server_->log();
+        EXPECT_TRUE(withCa ? failure.empty() : contains(failure, "certificate")) << failure;
     }
-    EXPECT_TRUE(contains(headers(server_->mailbox("secure", 1, 0)[0]), "(using TLS"))
+    const std::vector<std::string> got = server_->mailbox("secure", 1, 20);
+    ASSERT_EQ(got.size(), 1u) << server_->log();
+    EXPECT_TRUE(contains(headers(got[0]), "(using TLS"))
         << "Postfix's Received header names no TLS";
 }
 
@@ -150,18 +139,4 @@ TEST_F(Postfix, ARefusedRecipientLandsInFailedWhileTheOtherGetsTheMail) {
     EXPECT_EQ(refused.to, std::vector<std::string>{"gone@example.test"});
     EXPECT_TRUE(contains(reply, "gone@example.test: 550 5.1.1")) << reply;
     EXPECT_EQ(body(refused.message), "partly refused\n");
-}
-
-TEST_F(Postfix, AFallbackRelayTakesOverFromADeadOne) {
-    TempDir dir;
-    const std::string dead = "smtp://127.0.0.1:" + std::to_string(freePort());
-    SmtpAgent agent(
-        settingsFor(dead + " " + server_->url(), {{"starttls", "no"}, {"spool", dir / "spool"}}));
-    EXPECT_EQ(sendFailure(agent, "alerts@example.com", {"fallback@example.test"},
-                          alert("fallback@example.test", "via the second relay\n")),
-              "");
-    const std::vector<std::string> got = server_->mailbox("fallback", 1, 20);
-    ASSERT_EQ(got.size(), 1u) << server_->log();
-    EXPECT_EQ(body(got[0]), "via the second relay\n");
-    EXPECT_EQ(listDir(dir / "spool/new"), std::vector<std::string>());
 }
