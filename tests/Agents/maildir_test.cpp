@@ -48,15 +48,19 @@ extern "C" int fsync(int fd) {
 }
 
 TEST(MaildirAgent, TheFileAndNewAreOnDiskBeforeDeliveryReturnsUnlessFsyncIsOff) {
-    for (const char* fsyncParam : {"yes", "no"}) {
+    for (const std::string fsyncParam : {"yes", "No", ""}) {  // "": left at its default
         TempDir dir;
+        Params params = {{"path", dir / "md"}, {"fsync", fsyncParam}};
+        if (fsyncParam.empty()) {
+            params.erase("fsync");
+        }
         {
             std::lock_guard<std::mutex> lock(syncedLock);
             synced.clear();
         }
-        ASSERT_EQ(failureOf({{"path", dir / "md"}, {"fsync", fsyncParam}}), "");
+        ASSERT_EQ(failureOf(params), "");
         std::lock_guard<std::mutex> lock(syncedLock);
-        if (std::string(fsyncParam) == "no") {
+        if (fsyncParam == "No") {
             EXPECT_TRUE(synced.empty());
             continue;
         }
@@ -79,16 +83,9 @@ TEST(MaildirAgent, ParametersAreCheckedAndNamedInTheError) {
         {{{"path", "/tmp/x"}, {"fsnyc", "no"}}, {"unknown parameter \"fsnyc\"", "path, fsync"}},
     };
     for (const Case& c : cases) {
-        std::string text;
-        try {
-            MaildirSettings::fromParams(c.params);
-        } catch (const AgentParamException& e) {
-            text = e.what();
-        }
+        const std::string text = failureOf(c.params);
         EXPECT_EQ(AgentTest::missingFrom(text, c.expected), "") << text;
     }
-    EXPECT_FALSE(MaildirSettings::fromParams({{"path", "/x"}, {"fsync", "No"}}).fsync);
-    EXPECT_TRUE(MaildirSettings::fromParams({{"path", "/x"}}).fsync);
 }
 
 TEST(MaildirAgent, ReadersNeverSeeAHalfWrittenFile) {
