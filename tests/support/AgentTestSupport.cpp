@@ -1,7 +1,6 @@
 #include "AgentTestSupport.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -70,13 +69,11 @@ TempDir::~TempDir() {
 
 std::vector<std::string> listDir(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] != '.') {
-                names.emplace_back(e->d_name);
-            }
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, missing)) {
+        if (entry.path().filename().string()[0] != '.') {
+            names.push_back(entry.path().filename());
         }
-        closedir(d);
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -199,7 +196,7 @@ std::string SmtpTestServer::url() const {
 
 void SmtpTestServer::start() {
     int status = 0;
-    if (running() && waitpid(pid_, &status, WNOHANG) == 0) {
+    if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) {
         return;  // still up
     }
     pid_ = -1;
