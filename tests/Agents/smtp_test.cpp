@@ -242,32 +242,25 @@ TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
 
 TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
     const std::string dead = "smtp://127.0.0.1:" + std::to_string(freePort());
-    SmtpTestServer::Options busyOptions;
+    SmtpTestServer::Options busyOptions, refusingOptions;
     busyOptions.mailReply = "451 4.3.2 busy";
-    SmtpTestServer busy(busyOptions);
-    SmtpTestServer::Options refusingOptions;
     refusingOptions.mailReply = "554 5.7.1 not from you";
-    SmtpTestServer refusing(refusingOptions);
-    SmtpTestServer live;
+    SmtpTestServer busy(busyOptions), refusing(refusingOptions), live;
+    const std::string refused = "SMTP agent (" + refusing.url() + "): the server refused";
     struct Case {
         std::string urls;
         std::size_t arrivesLive;            // of two messages
         std::vector<std::string> expected;  // in the first message's exception
-        std::string absent;                 // not in it
     };
     const std::vector<Case> cases = {
-        {dead + " " + live.url(), 2, {}, ""},
-        {busy.url() + "  " + live.url(), 2, {}, ""},
+        {dead + " " + live.url(), 2, {}},
+        {busy.url() + "  " + live.url(), 2, {}},
         // A permanent refusal is final, and the text names that relay.
-        {refusing.url() + " " + live.url(),
-         0,
-         {"SMTP agent (" + refusing.url() + "): the server refused", "554 5.7.1"},
-         live.url()},
+        {refusing.url() + " " + live.url(), 0, {refused, "554 5.7.1"}},
         // Nobody takes it: the last relay is named, and the others' answers.
         {dead + " " + busy.url(),
          0,
-         {"SMTP agent (" + busy.url() + "): ", "451 4.3.2 busy", "tried before: " + dead},
-         ""},
+         {"(" + busy.url() + "): ", "451 4.3.2", "tried before: " + dead}},
     };
     for (const Case& c : cases) {
         const std::size_t before = live.messages().size();
@@ -277,9 +270,6 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
         sendFailure(agent, "a@b", {"c@d"}, "second\n");
         EXPECT_EQ(live.messages().size() - before, c.arrivesLive) << c.urls;
         EXPECT_EQ(missingFrom(text, c.expected), "") << text;
-        if (!c.absent.empty()) {
-            EXPECT_FALSE(contains(text, c.absent)) << text;
-        }
         if (c.arrivesLive == 2 && c.urls.find(busy.url()) == 0) {
             EXPECT_EQ(busy.connections() - busyConnections, 1) << "the working relay is kept";
         }
@@ -342,7 +332,6 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
         SmtpSettings settings =
             settingsFor(server.url(), {{"spool", dir / "spool"}, {"drain", c.drain}});
         settings.retryFirst = settings.retryMax = std::chrono::seconds(60);
-        std::string said;
         const auto start = std::chrono::steady_clock::now();
         {
             SmtpAgent agent(settings);
@@ -354,7 +343,7 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
             }
             testing::internal::CaptureStderr();
         }
-        said = testing::internal::GetCapturedStderr();
+        const std::string said = testing::internal::GetCapturedStderr();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
         EXPECT_EQ(spoolFiles(dir, "new").size(), c.left);
         EXPECT_EQ(server.messages().size() - before, 5 - c.left);
