@@ -153,11 +153,8 @@ std::string runUnprivileged(const std::function<std::string()>& body) {
         throw std::runtime_error("fork failed");
     }
     if (pid == 0) {
-        close(fds[0]);
-        std::string result;
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
-            result = "cannot drop root";
-        } else {
+        std::string result = "cannot drop root";
+        if (geteuid() != 0 || (setgid(65534) == 0 && setuid(65534) == 0)) {
             try {
                 result = body();
             } catch (...) {
@@ -169,15 +166,10 @@ std::string runUnprivileged(const std::function<std::string()>& body) {
         _exit(0);
     }
     close(fds[1]);
-    std::string result;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) {
-        result.append(buf, static_cast<std::size_t>(n));
-    }
+    // The pipe ends when the child does.
+    const std::string result = readFile("/proc/self/fd/" + std::to_string(fds[0]));
     close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    waitpid(pid, nullptr, 0);
     return result;
 }
 
