@@ -29,9 +29,8 @@ std::vector<Tamnet::EmailAddr> addresses(std::initializer_list<const char*> text
 
 std::string mail(const std::string& subject, const std::string& body,
                  std::map<std::string, std::string> headers = {},
-                 std::initializer_list<const char*> to = {"a@example.com"},
-                 const char* charset = "UTF-8", const std::string& name = "N") {
-    return buildEmail(charset, 0, Utf8Array(name), Tamnet::EmailAddr(std::string("s@example.com")),
+                 std::initializer_list<const char*> to = {"a@example.com"}) {
+    return buildEmail("UTF-8", 0, Utf8Array("N"), Tamnet::EmailAddr(std::string("s@example.com")),
                       addresses(to), Utf8Array(subject), Utf8Array(body), headers);
 }
 
@@ -219,77 +218,63 @@ TEST(HostileCharsets, AClearErrorOrAWellFormedMail) {
         broken.push_back(valid.substr(0, at) + "\xE2\x82" + valid.substr(at));
         broken.push_back(valid.substr(0, at));
     }
+    const std::vector<std::string> nul = {std::string("a\0b\r\n\0", 6)};
     // Characters whose designations make ISO-2022-CN-EXT write its longest
     // escape sequences (the glibc overflow of 2024), after every count of
     // ASCII so that the escapes fall on every position of the output buffer.
-    const std::vector<std::string> nul = {std::string("a\0b\r\n\0", 6)};
     std::vector<std::string> exotic;
     for (std::size_t ascii = 0; ascii < 40; ++ascii) {
         exotic.push_back(std::string(ascii, 'a') +
                          "\xE5\x8A\x84\xE4\x82\x9A\xE5\xB3\x9B\xE6\xB9\xBF" + "Gr\xC3\xBC\xC3\x9F" +
                          "e");
     }
-    struct Row {
-        const char* charset;
-        bool known;
-        const std::vector<std::string>& texts;
-    };
     const std::string longName(10000, 'A');
-    const Row rows[] = {{"UTF-8", true, nul},
-                        {"ISO-8859-1", true, nul},
-                        {"UTF-8", true, broken},
-                        {"ISO-8859-1", true, broken},
-                        {"UTF-16", true, broken},
-                        {"ISO-2022-JP", true, broken},
-                        {"GB18030", true, broken},
-                        {"UTF-8", true, exotic},
-                        {"ISO-8859-1", true, exotic},
-                        {"ISO-2022-CN-EXT", true, exotic},
-                        {"ISO-2022-CN", true, exotic},
-                        {"ISO-2022-JP-3", true, exotic},
-                        {"UTF-7", true, exotic},
-                        {"UTF-16", true, exotic},
-                        {"UTF-32", true, exotic},
-                        {"GB18030", true, exotic},
-                        {"BIG5-HKSCS", true, exotic},
-                        {"IBM930", true, exotic},
-                        // iconv reads an empty name as the locale's charset
-                        {"", true, exotic},
-                        {"NO-SUCH-CHARSET", false, exotic},
-                        {"UTF-8\nX-Injected: yes", false, exotic},
-                        {"../../../../tmp/x", false, exotic},
-                        {longName.c_str(), false, exotic}};
+    const std::set<std::string> unknown = {"NO-SUCH-CHARSET", "UTF-8\nX-Injected: yes",
+                                           "../../../../tmp/x", longName};
+    const std::pair<const std::vector<std::string>*, std::vector<std::string>> groups[] = {
+        {&nul, {"UTF-8", "ISO-8859-1"}},
+        {&broken, {"UTF-8", "ISO-8859-1", "UTF-16", "ISO-2022-JP", "GB18030"}},
+        // iconv reads an empty name as the locale's charset
+        {&exotic,
+         {"UTF-8", "ISO-8859-1", "ISO-2022-CN-EXT", "ISO-2022-CN", "ISO-2022-JP-3", "UTF-7",
+          "UTF-16", "UTF-32", "GB18030", "BIG5-HKSCS", "IBM930", "", "NO-SUCH-CHARSET",
+          "UTF-8\nX-Injected: yes", "../../../../tmp/x", longName}},
+    };
     std::set<std::string> names = standardHeaders();
     names.insert("X-Value");
-    for (const Row& row : rows) {
-        for (const std::string& text : row.texts) {
-            SCOPED_TRACE(std::string(row.charset) + ": " + text);
-            const Utf8Array utf8(text.data(), static_cast<unsigned>(text.size()));
-            for (unsigned limit : {Osk::EmailChannel::noLimit, 0u, 3u}) {
+    for (const auto& [texts, charsets] : groups) {
+        for (const std::string& charset : charsets) {
+            for (const std::string& text : *texts) {
+                SCOPED_TRACE(charset + ": " + text);
+                const bool known = !unknown.count(charset);
+                const Utf8Array utf8(text.data(), static_cast<unsigned>(text.size()));
+                for (unsigned limit : {Osk::EmailChannel::noLimit, 0u, 3u}) {
+                    try {
+                        EXPECT_LE(make_charset(charset.c_str(), utf8, limit).length,
+                                  8 * text.size());
+                    } catch (const Tamtk::Exception& e) {
+                        EXPECT_NE(std::string(e.what()), "");
+                    }
+                }
                 try {
-                    EXPECT_LE(make_charset(row.charset, utf8, limit).length, 8 * text.size());
+                    const std::string built = buildEmail(
+                        charset.c_str(), 0, utf8, Tamnet::EmailAddr(std::string("s@example.com")),
+                        addresses({"r@example.com"}), utf8, utf8, {{"X-Value", text}});
+                    EXPECT_TRUE(known) << "an unknown charset was used";
+                    const MailShape shape = readMail(built, names);
+                    EXPECT_EQ(shape.problems, std::vector<std::string>());
+                    EXPECT_NE(built.find("charset=\"" + charset + "\""), std::string::npos);
+                    if (texts == &nul) {
+                        EXPECT_EQ(shape.body, text);
+                        EXPECT_EQ(decodeWords(shape.headers.at("Subject")), text);
+                        EXPECT_EQ(decodeWords(shape.headers.at("X-Value")), text);
+                    }
                 } catch (const Tamtk::Exception& e) {
-                    EXPECT_NE(std::string(e.what()), "");
-                }
-            }
-            try {
-                const std::string built = buildEmail(
-                    row.charset, 0, utf8, Tamnet::EmailAddr(std::string("s@example.com")),
-                    addresses({"r@example.com"}), utf8, utf8, {{"X-Value", text}});
-                EXPECT_TRUE(row.known) << "an unknown charset was used";
-                const MailShape shape = readMail(built, names);
-                EXPECT_EQ(shape.problems, std::vector<std::string>());
-                EXPECT_NE(built.find(std::string("charset=\"") + row.charset + "\""),
-                          std::string::npos);
-                if (&row.texts == &nul) {
-                    EXPECT_EQ(shape.body, text);
-                    EXPECT_EQ(decodeWords(shape.headers.at("Subject")), text);
-                    EXPECT_EQ(decodeWords(shape.headers.at("X-Value")), text);
-                }
-            } catch (const Tamtk::Exception& e) {
-                EXPECT_TRUE(!row.known || &row.texts == &broken) << e.what();
-                if (!row.known) {
-                    EXPECT_NE(std::string(e.what()).find("Invalid argument"), std::string::npos);
+                    EXPECT_TRUE(!known || texts == &broken) << e.what();
+                    if (!known) {
+                        EXPECT_NE(std::string(e.what()).find("Invalid argument"),
+                                  std::string::npos);
+                    }
                 }
             }
         }

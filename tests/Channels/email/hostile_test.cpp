@@ -18,28 +18,8 @@ namespace {
 std::string xmlText(const std::string& value) {
     std::string out;
     for (char c : value) {
-        switch (c) {
-            case '\r':
-                out += "&#13;";
-                break;
-            case '\n':
-                out += "&#10;";
-                break;
-            case '\t':
-                out += "&#9;";
-                break;
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
+        out += c == '\r' || c == '\n' || c == '\t' ? "&#" + std::to_string(c) + ";"
+                                                   : std::string(1, c);
     }
     return out;
 }
