@@ -24,6 +24,60 @@ std::string xmlText(const std::string& value) {
     return out;
 }
 
+// A configuration whose group 7 renders `message` in UTF-8 with the tokens
+// host, detail and `extraTokens`, and whose mails carry X-Host (default
+// "unknown"), X-Detail (when the event has one) and X-Group ("g1").
+std::string hostileConfig(const std::string& message, const std::string& extraTokens) {
+    std::string xml = replaced(baseConfig(), R"(<Token name="sev" default="HIGH"/>)",
+                               R"(<Token name="detail" xpath="/event/detail"/>)" + extraTokens);
+    xml = replaced(xml, "<Message>Host %host% is %sev%</Message>",
+                   "<Message>" + message + "</Message>");
+    xml = replaced(
+        xml, R"(<Header name="X-Group" default="g1"/>)",
+        R"(<Header name="X-Group" default="g1"/><Header name="X-Detail" xpath="/event/detail"/>)");
+    return replaced(xml, R"(charset="ISO-8859-15")", R"(charset="UTF-8")");
+}
+
+struct Outcome {
+    std::string parseError;  // the XmlException of an event that does not parse
+    bool sent = false;       // the agent received a mail for it
+    std::string mail;
+    std::vector<Report> reports;  // made while the hostile event was delivered
+};
+
+// Delivers an ordinary event, then `xml` as event 7 (when it parses), then
+// another ordinary event, and checks that both ordinary events arrived as
+// themselves and that the hostile one did not leave a second mail behind.
+Outcome deliverBetween(ReportingChannel& channel, const std::string& xml) {
+    TestAgent agent;
+    Outcome outcome;
+    channel.do_log(event(7, "<event><host>before</host></event>"));
+    channel.reports.clear();
+    try {
+        const boost::shared_ptr<Osk::ChannelEvent> hostile = event(7, xml);
+        EXPECT_NO_THROW(channel.do_log(hostile));
+    } catch (const Tamxml::XmlException& e) {
+        outcome.parseError = e.what();
+    }
+    outcome.reports = channel.reports;
+    const std::size_t afterHostile = agent.count();
+    channel.do_log(event(7, "<event><host>after</host></event>"));
+
+    EXPECT_TRUE(afterHostile == 1 || afterHostile == 2) << "one event, one mail at most";
+    EXPECT_EQ(agent.count(), afterHostile + 1);
+    if (agent.count() != afterHostile + 1 || afterHostile < 1)
+        return outcome;
+    for (const auto& [i, host] :
+         {std::make_pair(std::size_t(0), "before"), std::make_pair(agent.count() - 1, "after")}) {
+        MailShape shape = readMail(agent.message(i), hostileHeaders(false));
+        EXPECT_EQ(shape.problems, std::vector<std::string>());
+        EXPECT_EQ(decodeWords(shape.headers["X-Host"]), host);
+    }
+    outcome.sent = afterHostile == 2;
+    outcome.mail = outcome.sent ? agent.message(1) : "";
+    return outcome;
+}
+
 std::string stylesheetToken(const std::string& body) {
     return R"(<Token name="s"><xsl:stylesheet version="1.0" xmlns:xsl="http://www.w3.org/1999/XSL/Transform">)" +
            body + "</xsl:stylesheet></Token>";
