@@ -43,6 +43,9 @@ std::vector<std::string> lines(const std::string& text) {
 
 }  // namespace
 
+// Conversions reuse a handle per thread where the charset allows it: each
+// must give what a fresh handle gives, whatever the one before left, so
+// every row converts its text twice, after `before` when there is one.
 TEST(MakeCharset, Conversions) {
     struct Row {
         const char* charset;
@@ -50,6 +53,7 @@ TEST(MakeCharset, Conversions) {
         unsigned limit;
         std::string expected;  // the bytes, or the message of the failure
         bool fails = false;
+        std::string before = "";
     };
     const Row rows[] = {
         {"UTF-8", "Grüße", ~0u, "Grüße"},
@@ -70,41 +74,26 @@ TEST(MakeCharset, Conversions) {
         {"ISO-8859-1", "世界", ~0u, "Returned zero-length conversion", true},
         {"NO-SUCH-CHARSET", "abc", ~0u, "Invalid argument", true},
         {"ISO-8859-1", "ab\xC3", ~0u, "Utf8Array has invalid buffer", true},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.charset) + " " + row.text);
-        try {
-            EXPECT_EQ(converted(row.charset, row.text, row.limit), row.expected);
-            EXPECT_FALSE(row.fails);
-        } catch (const Tamtk::Exception& e) {
-            EXPECT_TRUE(row.fails);
-            EXPECT_EQ(e.what(), row.expected);
-        }
-    }
-}
-
-// Conversions reuse a handle per thread where the charset allows it: each
-// must still give what a fresh handle gives, whatever the one before left.
-TEST(MakeCharset, EachConversionStartsAfresh) {
-    struct Row {
-        const char* charset;
-        std::string before;
-        std::string text;
-        std::string expected;
-    };
-    const Row rows[] = {
         // The failed whole-text attempt stopped inside the JIS shift.
-        {"ISO-2022-JP", "日😀", "本a", "\x1B$BK\\\x1B(Ba"},
-        {"ISO-2022-JP", "日本", "a", "a"},
+        {"ISO-2022-JP", "本a", ~0u, "\x1B$BK\\\x1B(Ba", false, "日😀"},
+        {"ISO-2022-JP", "a", ~0u, "a", false, "日本"},
         // A byte order mark at the start of every conversion.
-        {"UTF-16", "x", "ab", std::string("\377\376a\0b\0", 6)},
-        {"ISO-8859-1", "a世", "ü", "\xFC"},
+        {"UTF-16", "ab", ~0u, std::string("\377\376a\0b\0", 6), false, "x"},
+        {"ISO-8859-1", "ü", ~0u, "\xFC", false, "a世"},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.charset) + " after " + row.before);
-        converted(row.charset, row.before);
-        EXPECT_EQ(converted(row.charset, row.text), row.expected);
-        EXPECT_EQ(converted(row.charset, row.text), row.expected);
+        SCOPED_TRACE(std::string(row.charset) + " " + row.text + " after " + row.before);
+        if (!row.before.empty())
+            converted(row.charset, row.before);
+        for (int pass = 0; pass < 2; ++pass) {
+            try {
+                EXPECT_EQ(converted(row.charset, row.text, row.limit), row.expected);
+                EXPECT_FALSE(row.fails);
+            } catch (const Tamtk::Exception& e) {
+                EXPECT_TRUE(row.fails);
+                EXPECT_EQ(e.what(), row.expected);
+            }
+        }
     }
 }
 
@@ -141,12 +130,6 @@ TEST(BuildEmail, SubjectAndBodyShapes) {
               "?=");
     EXPECT_EQ(empty.back(), "") << "an empty body is one empty line";
     EXPECT_EQ(empty[empty.size() - 2], "");
-
-    const auto two = lines(mail(std::string(58, 's'), "b"));
-    std::string s57;
-    for (int i = 0; i < 19; ++i) s57 += "c3Nz";  // "sss"
-    EXPECT_EQ(two[4], "Subject: =?UTF-8?B?" + s57 + "?=");
-    EXPECT_EQ(two[5], "\t=?UTF-8?B?cw==?=");
 
     // Around every line edge: full lines of 76 and a last line of the rest.
     for (std::size_t length : {1u, 2u, 3u, 56u, 57u, 58u, 113u, 114u, 115u, 171u, 172u, 1000u}) {
