@@ -61,6 +61,15 @@ bool _wide(const char* data, ssize_t size) {
            b[1] == 0;
 }
 
+// Whether a stop was signalled by now (the signal handler has run by the
+// time a system call returns to us).
+bool _signalled(int stop) {
+    if (stop < 0)
+        return false;
+    pollfd watch = {stop, POLLIN, 0};
+    return ::poll(&watch, 1, 0) > 0 && watch.revents != 0;
+}
+
 void _release(std::string& text) {
     if (text.capacity() > (1u << 20)) {
         std::string().swap(text);
@@ -214,6 +223,14 @@ bool EventStream::readBlock() {
         if (got > 0 && parser_ == nullptr && toParse_.empty() && _wide(block_.data(), got)) {
             fail("the event stream must be in an encoding that keeps ASCII as it is, such as UTF-8",
                  1);
+            return true;
+        }
+        if (got == 0 && _signalled(stop_)) {
+            // Ctrl-C on a pipeline reaches the writer and us at once: the
+            // writer's end of input is then part of the stop, not a
+            // truncated stream to report.
+            stopped_ = true;
+            finished_ = true;
             return true;
         }
         blockSize_ = static_cast<std::size_t>(got);

@@ -1,8 +1,9 @@
 #pragma once
 
-// What the assembly, configuration and event-rendering targets share: a
-// channel that counts its reports instead of printing them, the recording
-// agent they bind, and the mail shape every built mail must have.
+// What the charset, assembly, configuration and event-rendering targets
+// share: the charsets they try, a channel that counts its reports instead of
+// printing them, the recording agent they bind, and the mail shape every
+// built mail must have.
 
 #include <cstddef>
 #include <set>
@@ -14,6 +15,20 @@
 namespace fuzzing {
 
 using testing_support::standardHeaders;
+
+// The common, the stateful, the multi-byte, the exotic and the unknown; the
+// last holds a line feed, a name the configuration refuses before any mail
+// is built.
+inline const char* const charsets[] = {"UTF-8",           "utf-8",         "ISO-8859-1",
+                                       "ISO-8859-15",     "US-ASCII",      "CP1252",
+                                       "KOI8-R",          "UTF-16",        "UTF-16LE",
+                                       "UTF-32",          "UCS-2",         "UTF-7",
+                                       "SHIFT_JIS",       "EUC-JP",        "ISO-2022-JP",
+                                       "ISO-2022-KR",     "ISO-2022-CN",   "ISO-2022-CN-EXT",
+                                       "GB18030",         "BIG5",          "BIG5-HKSCS",
+                                       "EUC-TW",          "TSCII",         "IBM1390",
+                                       "UTF-8//TRANSLIT", "ASCII//IGNORE", "",
+                                       "NO-SUCH-CHARSET", "x-unknown",     "UTF-8\n"};
 
 struct CountingChannel : Osk::email_channel {
     CountingChannel();

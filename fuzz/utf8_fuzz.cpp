@@ -4,6 +4,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -123,8 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool reachable = index < chars || forwardComplete;
     for (int range = 0; range < 2 && reachable; ++range) {
         Utf8Array copy = text;
-        Utf8Array::iterator at = copy.begin();
-        for (std::size_t k = 0; k < index; ++k) ++at;
+        const Utf8Array::iterator at = std::next(copy.begin(), static_cast<long>(index));
         if (range) {
             copy.insert(at, inserted.c_str(), inserted.c_str() + inserted.length());
         } else {
@@ -136,8 +136,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Writing through a mutable iterator replaces exactly that character.
     if (index < chars) {
         Utf8Array copy = text;
-        Utf8Array::iterator at = copy.begin();
-        for (std::size_t k = 0; k < index; ++k) ++at;
+        Utf8Array::iterator at = std::next(copy.begin(), static_cast<long>(index));
         // A byte that opens no sequence is replaced on its own.
         const std::size_t oldLength = std::max(1u, at->length());
         *at = inserted;

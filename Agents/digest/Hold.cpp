@@ -58,6 +58,9 @@ Hold::Hold(const std::string& dir) : box_(dir, true), lockFd_(-1) {
                     "Digest agent: parameter \"hold\": \""
                         << box_.path() << "\" is in use by another digest agent");
     }
+    // Only the holder of the lock writes here, so whatever lies in tmp/ was
+    // left by one that crashed in the middle of a write.
+    box_.removeLeftovers(-1, false);
 }
 
 Hold::~Hold() {

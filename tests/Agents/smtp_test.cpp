@@ -1,14 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
+#include <memory>
 #include <set>
+#include <sstream>
 
 #include "Agents/maildir/MaildirAgent.h"
 #include "Agents/smtp/Spool.h"
@@ -23,243 +24,200 @@ std::vector<std::string> spoolFiles(const TempDir& dir, const char* sub) {
     return listDir(dir / (std::string("spool/") + sub));
 }
 
+std::vector<std::string> words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
+
 }  // namespace
 
 TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
     SmtpTestServer server;
     SmtpAgent agent(settingsFor(server.url()));
-    struct Case {
-        std::string message;
-        std::string arrives;  // as the server stores it, after the lines the agent adds
-        bool addsId;
-        bool addsAuto;
-    };
-    const std::vector<Case> cases = {
-        {"To: <b@x.example>\nSubject: s\n\nbody\n",
-         "To: <b@x.example>\r\nSubject: s\r\n\r\nbody\r\n", true, true},
-        {"To: <b@x.example>\n\n.\n..two\n.three\nend\n",
-         "To: <b@x.example>\r\n\r\n.\r\n..two\r\n.three\r\nend\r\n", true, true},
-        {".first line is a dot line\n", ".first line is a dot line\r\n", true, true},
-        {"no final line feed", "no final line feed\r\n", true, true},
-        {"already\r\nCRLF\r\n", "already\r\nCRLF\r\n", true, true},
-        {"\xc3\xa9\xff bytes\n", "\xc3\xa9\xff bytes\r\n", true, true},
-        {"lone\rcarriage return\n", "lone\r\ncarriage return\r\n", true, true},
+    const std::string added = "Message-ID: <ID>\r\nAuto-Submitted: auto-generated\r\n";
+    // As sent, and as it arrives.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"To: <b@x>\nSubject: s\n\nbody\n", added + "To: <b@x>\r\nSubject: s\r\n\r\nbody\r\n"},
+        {"To: <b@x>\n\n.\n..two\n.three\nend\n",
+         added + "To: <b@x>\r\n\r\n.\r\n..two\r\n.three\r\nend\r\n"},
+        {".first line is a dot line\n", added + ".first line is a dot line\r\n"},
+        {"no final line feed", added + "no final line feed\r\n"},
+        {"already\r\nCRLF\r\n", added + "already\r\nCRLF\r\n"},
+        {"\xc3\xa9\xff bytes\n", added + "\xc3\xa9\xff bytes\r\n"},
+        {"lone\rcarriage return\n", added + "lone\r\ncarriage return\r\n"},
         // Headers of the mail's own are kept, wherever and however spelt.
-        {"To: a\nmessage-id : <own@x>\n\nbody\n", "To: a\r\nmessage-id : <own@x>\r\n\r\nbody\r\n",
-         false, true},
-        {"AUTO-SUBMITTED: auto-replied\nMessage-ID: <o@x>\n\nb\n",
-         "AUTO-SUBMITTED: auto-replied\r\nMessage-ID: <o@x>\r\n\r\nb\r\n", false, false},
+        {"To: a\nmessage-id : <o@x>\n\nb\n",
+         added.substr(18) + "To: a\r\nmessage-id : <o@x>\r\n\r\nb\r\n"},
+        {"AUTO-SUBMITTED: x\nMessage-ID: <o@x>\n\nb\n",
+         "AUTO-SUBMITTED: x\r\nMessage-ID: <o@x>\r\n\r\nb\r\n"},
         // Only the header counts: the body may say anything.
-        {"To: a\n\nMessage-ID: <body@x>\n", "To: a\r\n\r\nMessage-ID: <body@x>\r\n", true, true},
+        {"To: a\n\nMessage-ID: <body@x>\n", added + "To: a\r\n\r\nMessage-ID: <body@x>\r\n"},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(
-            sendFailure(agent, "alerts@src.example", {"b@x.example", "c@y.example"}, c.message),
-            "");
+    for (const auto& c : cases) {
+        EXPECT_EQ(sendFailure(agent, "a@b", {"c@d", "e@f"}, c.first), "");
     }
+    // An envelope that cannot be sent as given is not sent at all.
+    EXPECT_TRUE(contains(sendFailure(agent, "a@b", {}, "x"), "no recipients"));
+    EXPECT_TRUE(
+        contains(sendFailure(agent, "a@b", {"c@d\r\nRCPT TO:<e@f>"}, "x"), "control character"));
     const auto got = server.messages();
     ASSERT_EQ(got.size(), cases.size());
     std::set<std::string> ids;
     for (std::size_t i = 0; i < cases.size(); ++i) {
         std::string data = got[i].data;
-        if (cases[i].addsId) {
-            const std::size_t end = data.find(">\r\n");
-            ASSERT_EQ(data.compare(0, 13, "Message-ID: <"), 0) << data;
-            ASSERT_NE(data.find('@'), std::string::npos) << data;
-            ids.insert(data.substr(0, end));
-            data.erase(0, end + 3);
+        if (data.compare(0, 13, "Message-ID: <") == 0) {
+            const std::size_t end = data.find('>');
+            const std::string id = data.substr(13, end - 13);
+            EXPECT_TRUE(contains(id, "@")) << data;
+            ids.insert(id);
+            data.replace(13, end - 13, "ID");
         }
-        const std::string autoLine = "Auto-Submitted: auto-generated\r\n";
-        if (cases[i].addsAuto) {
-            ASSERT_EQ(data.compare(0, autoLine.size(), autoLine), 0) << data;
-            data.erase(0, autoLine.size());
-        }
-        EXPECT_EQ(data, cases[i].arrives) << "case " << i;
-        EXPECT_EQ(got[i].from, "alerts@src.example");
-        EXPECT_EQ(got[i].to, (std::vector<std::string>{"b@x.example", "c@y.example"}));
+        EXPECT_EQ(data, cases[i].second) << "case " << i;
+        EXPECT_EQ(got[i].from, "a@b");
+        EXPECT_EQ(got[i].to, (std::vector<std::string>{"c@d", "e@f"}));
     }
     EXPECT_EQ(ids.size(), 8u) << "every mail has its own Message-ID";
 }
 
-TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOff) {
+TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOffOrTheServerDropsIt) {
+    SmtpTestServer server;
     for (bool reuse : {true, false}) {
-        SmtpTestServer server;
         SmtpSettings settings = settingsFor(server.url());
         settings.reuseConnection = reuse;
         SmtpAgent agent(settings);
-        for (int i = 0; i < 20; ++i) {
+        const int before = server.connections();
+        for (int i = 0; i < 10; ++i) {
             ASSERT_EQ(sendFailure(agent, "a@b", {"c@d"}, "n: " + std::to_string(i) + "\n"), "");
         }
-        EXPECT_EQ(server.messages().size(), 20u);
-        EXPECT_EQ(server.connections(), reuse ? 1 : 20);
+        EXPECT_EQ(server.connections() - before, reuse ? 1 : 10);
     }
-}
-
-TEST(SmtpAgent, AConnectionClosedByTheServerIsReopened) {
-    SmtpTestServer::Options options;
-    options.idleTimeout = 0.2;
-    SmtpTestServer server(options);
+    // A server that crashed and came back: the connection it dropped is opened anew.
     SmtpAgent agent(settingsFor(server.url()));
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "first\n"), "");
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the server hangs up
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "second\n"), "");
-    // A server that crashed and came back.
+    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "before\n"), "");
     server.kill();
     server.start();
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "third\n"), "");
-    EXPECT_EQ(server.messages().size(), 3u);
-    EXPECT_EQ(server.connections(), 3);
+    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "after\n"), "");
+    EXPECT_EQ(server.messages().size(), 22u);
+    EXPECT_EQ(server.connections(), 1 + 10 + 2);
 }
 
-TEST(SmtpAgent, TemporaryAndPermanentRefusalsOfTheMessage) {
+// Refused for now: kept in spool/new and retried; refused for good: kept in
+// spool/failed/new with the server's reply; without a spool: lost, and said so.
+TEST(SmtpAgent, WhereARefusedMessageOrRecipientEndsUp) {
     struct Case {
-        const char* reply;
+        const char* to;
+        const char* reply;  // the server's answer to the message itself
         bool spool;
-        const char* pending;  // where the message ends up: "new", "failed" or ""
-        std::vector<std::string> expected;
+        const char* arrived;  // recipients at the server, in spool/new, in spool/failed/new
+        const char* waiting;
+        const char* failed;
+        std::vector<std::string> says;
     };
     const std::vector<Case> cases = {
-        {"451 4.3.0 queue full",
+        {"c@d e@f", "451 4.3.0 full", true, "", "c@d e@f", "", {"kept in the spool", "retried"}},
+        {"c@d e@f", "451 4.3.0 full", false, "", "", "", {"it is lost: no spool"}},
+        {"c@d e@f", "554 5.6.0 no", true, "", "", "c@d e@f", {"the message: 554", "/failed"}},
+        {"c@d e@f", "554 5.6.0 no", false, "", "", "", {"it is lost: no spool"}},
+        {"a@x r550.b@x c@x r450.d@x",
+         "",
          true,
-         "new",
-         {"451 4.3.0 queue full", "kept in the spool", "retried"}},
-        {"451 4.3.0 queue full", false, "", {"451 4.3.0 queue full", "lost", "no spool"}},
-        {"554 5.6.0 content refused",
-         true,
-         "failed",
-         {"refused the message: 554 5.6.0 content refused", "/failed"}},
-        {"554 5.6.0 content refused", false, "", {"554 5.6.0 content refused", "lost", "no spool"}},
+         "a@x c@x",
+         "r450.d@x",
+         "r550.b@x",
+         {"the recipient r550.b@x (550 5.1.1", "for now to r450.d@x (450 4.2.0", "other 2 of 4"}},
+        {"r500.a@x r551.b@x", "", true, "", "", "r500.a@x r551.b@x", {"all recipients r500.a@x"}},
     };
+    SmtpTestServer server;
     for (const Case& c : cases) {
-        SmtpTestServer server;
+        SCOPED_TRACE(std::string(c.to) + " " + c.reply);
         TempDir dir;
         SmtpAgent agent(
             settingsFor(server.url(), c.spool ? Params{{"spool", dir / "spool"}} : Params{}));
+        const std::size_t before = server.messages().size();
         const std::string message = std::string("X-Test-Reply: ") + c.reply + "\n\nbody\n";
-        const std::string text = sendFailure(agent, "a@b", {"c@d", "e@f"}, message);
-        EXPECT_EQ(missingFrom(text, c.expected), "") << text;
-        EXPECT_TRUE(server.messages().empty());
+        const std::string text = sendFailure(agent, "a@b", words(c.to), message);
+        EXPECT_EQ(missingFrom(text, c.says), "") << text;
+        EXPECT_TRUE(contains(text, c.reply)) << text;
+        const auto got = server.messages();
+        ASSERT_EQ(got.size() - before, *c.arrived ? 1u : 0u);
+        if (*c.arrived) {
+            EXPECT_EQ(got.back().to, words(c.arrived));
+        }
         if (!c.spool) {
             continue;
         }
-        const std::string sub = c.pending == std::string("new") ? "new" : "failed/new";
-        const auto files = spoolFiles(dir, sub.c_str());
-        ASSERT_EQ(files.size(), 1u) << c.reply;
-        SpooledMessage spooled;
-        ASSERT_TRUE(Spool::parse(readFile(dir / ("spool/" + sub + "/" + files[0])), spooled));
-        EXPECT_EQ(spooled.from, "a@b");
-        EXPECT_EQ(spooled.to, (std::vector<std::string>{"c@d", "e@f"}));
-        EXPECT_EQ(spooled.message.compare(0, 13, "Message-ID: <"), 0) << spooled.message;
-        EXPECT_EQ(spooled.message.substr(spooled.message.size() - message.size()), message);
-        EXPECT_EQ(spoolFiles(dir, sub == "new" ? "failed/new" : "new").size(), 0u);
+        Spool spool(dir / "spool");
+        std::string failure;
+        for (const bool waiting : {true, false}) {
+            const std::vector<std::string> names = waiting ? spool.pending() : spool.failed();
+            const std::vector<std::string> expected = words(waiting ? c.waiting : c.failed);
+            ASSERT_EQ(names.size(), expected.empty() ? 0u : 1u) << waiting;
+            SpooledMessage kept;
+            if (names.empty() || !(waiting ? spool.load(names[0], kept)
+                                           : spool.loadFailed(names[0], kept, failure))) {
+                continue;
+            }
+            EXPECT_EQ(kept.from, "a@b");
+            EXPECT_EQ(kept.to, expected);
+            // With the Message-ID it was first sent with, so a retry is the same mail.
+            EXPECT_EQ(kept.message.compare(0, 13, "Message-ID: <"), 0) << kept.message;
+            EXPECT_EQ(kept.message.substr(kept.message.size() - message.size()), message);
+        }
+        if (*c.failed) {
+            EXPECT_TRUE(contains(failure, " 5")) << failure;
+        }
     }
-}
-
-TEST(SmtpAgent, PartlyRefusedRecipientsGetTheMessageFiledSeparately) {
-    SmtpTestServer server;
-    TempDir dir;
-    SmtpAgent agent(settingsFor(server.url(), {{"spool", dir / "spool"}}));
-    const std::string text = sendFailure(
-        agent, "a@b", {"one@x", "r550.gone@x", "two@x", "r450.busy@x"}, "To: all\n\nbody\n");
-    EXPECT_TRUE(contains(text, "refused the recipient r550.gone@x (550 5.1.1")) << text;
-    EXPECT_TRUE(contains(text, "delivery failed for now to r450.busy@x (450 4.2.0")) << text;
-    EXPECT_TRUE(contains(text, "delivered to the other 2 of 4 recipients")) << text;
-
-    const auto got = server.messages();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].to, (std::vector<std::string>{"one@x", "two@x"}));
-
-    SpooledMessage later, failed;
-    ASSERT_EQ(spoolFiles(dir, "new").size(), 1u);
-    ASSERT_TRUE(Spool::parse(readFile(dir / ("spool/new/" + spoolFiles(dir, "new")[0])), later));
-    EXPECT_EQ(later.to, std::vector<std::string>{"r450.busy@x"});
-    ASSERT_EQ(spoolFiles(dir, "failed/new").size(), 1u);
-    const std::string failedText =
-        readFile(dir / ("spool/failed/new/" + spoolFiles(dir, "failed/new")[0]));
-    ASSERT_TRUE(Spool::parse(failedText, failed));
-    EXPECT_EQ(failed.to, std::vector<std::string>{"r550.gone@x"});
-    EXPECT_TRUE(contains(failedText, "X-Spool-Failure: r550.gone@x: 550 5.1.1")) << failedText;
-
-    // Everyone refused for good: the whole message goes to failed/.
-    const std::string all = sendFailure(agent, "a@b", {"r500.a@x", "r551.b@x"}, "body\n");
-    EXPECT_TRUE(contains(all, "refused all recipients r500.a@x (500 5.1.1")) << all;
-    EXPECT_EQ(spoolFiles(dir, "failed/new").size(), 2u);
 }
 
 // TLS and AUTH as servers offer them: what arrives, and what an agent that
 // may not go on says, never with a credential in it.
 TEST(SmtpAgent, TlsAndCredentials) {
-    SmtpTestServer::Options secure;  // STARTTLS required, then AUTH PLAIN
-    secure.starttls = secure.requireStarttls = true;
-    secure.auth = "alerter:s3cret-Pa55";
-    SmtpTestServer::Options smtps;
-    smtps.implicitTls = true;
-    SmtpTestServer::Options plainAuth;  // AUTH offered without STARTTLS
-    plainAuth.auth = secure.auth;
+    SmtpTestServer::Options options[3];
+    options[0].starttls = options[0].requireStarttls = true;  // then AUTH PLAIN
+    options[0].auth = options[2].auth = "alerter:s3cret-Pa55";
+    options[1].implicitTls = true;
+    SmtpTestServer secure(options[0]), smtps(options[1]), plainAuth(options[2]), plain;
     const std::string ca = Certificate::get().cert;
     const Params login = {{"username", "alerter"}, {"password", "s3cret-Pa55"}};
+    const Params tls = {{"starttls", "required"}, {"ca_file", ca}};
     const auto with = [](Params params, const Params& more) {
         params.insert(more.begin(), more.end());
         return params;
     };
     struct Case {
-        const char* name;
-        SmtpTestServer::Options server;
+        SmtpTestServer& server;
         Params params;
         std::vector<std::string> failure;  // empty: delivered
         bool tls;                          // when delivered
     };
     const std::vector<Case> cases = {
-        {"STARTTLS and AUTH",
-         secure,
-         with(login, {{"starttls", "required"}, {"ca_file", ca}}),
-         {},
-         true},
-        {"wrong password",
-         secure,
-         {{"starttls", "required"},
-          {"ca_file", ca},
-          {"username", "alerter"},
-          {"password", "wrong-Pa55word"}},
+        {secure, with(login, tls), {}, true},
+        {secure,
+         with(tls, {{"username", "alerter"}, {"password", "wrong-Pa55"}}),
          {"535", "lost"},
          false},
-        {"issuer unknown",
-         secure,
-         with(login, {{"starttls", "required"}}),
-         {"certificate did not verify", "ca_file"},
-         false},
-        {"smtps", smtps, {{"ca_file", ca}}, {}, true},
-        {"STARTTLS required, not offered",
-         {},
-         {{"starttls", "required"}},
-         {"could not be delivered now"},
-         false},
-        {"STARTTLS tried, not offered", {}, {{"starttls", "try"}}, {}, false},
-        {"credentials, no STARTTLS",
-         plainAuth,
-         login,
-         {"does not offer STARTTLS", "allow_plaintext_auth"},
-         false},
-        {"plaintext AUTH allowed",
-         plainAuth,
-         with(login, {{"allow_plaintext_auth", "yes"}}),
-         {},
-         false},
+        {smtps, {{"ca_file", ca}}, {}, true},
+        {plain, {{"starttls", "required"}}, {"could not be delivered now"}, false},
+        {plain, {{"starttls", "try"}}, {}, false},
+        {plainAuth, login, {"does not offer STARTTLS", "allow_plaintext_auth"}, false},
+        {plainAuth, with(login, {{"allow_plaintext_auth", "yes"}}), {}, false},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        SmtpTestServer server(c.server);
-        SmtpAgent agent(settingsFor(server.url(), c.params));
+        SCOPED_TRACE(c.server.url() +
+                     (c.params.count("starttls") ? " " + c.params.at("starttls") : ""));
+        const std::size_t before = c.server.messages().size();
+        const int authBefore = c.server.authCommands();
+        SmtpAgent agent(settingsFor(c.server.url(), c.params));
         const std::string text = sendFailure(agent, "a@b", {"c@d"}, "secret report\n");
         EXPECT_EQ(missingFrom(text, c.failure), "") << text;
         EXPECT_FALSE(contains(text, "Pa55") || contains(text, "alerter")) << text;
-        const auto got = server.messages();
-        ASSERT_EQ(got.size(), c.failure.empty() ? 1u : 0u);
-        if (!got.empty()) {
-            EXPECT_EQ(got[0].tls, c.tls);
-            EXPECT_EQ(got[0].auth, c.params.count("username") != 0);
-        } else if (c.server.auth.empty() == false && !c.server.starttls) {
-            EXPECT_EQ(server.authCommands(), 0) << "credentials sent in the clear";
+        const auto got = c.server.messages();
+        ASSERT_EQ(got.size() - before, c.failure.empty() ? 1u : 0u);
+        if (c.failure.empty()) {
+            EXPECT_EQ(got.back().tls, c.tls);
+            EXPECT_EQ(got.back().auth, c.params.count("username") != 0);
+        } else if (&c.server == &plainAuth) {
+            EXPECT_EQ(c.server.authCommands(), authBefore) << "credentials sent in the clear";
         }
     }
 }
@@ -283,34 +241,26 @@ TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
 }
 
 TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
-    SmtpTestServer dead;
-    dead.kill();
-    SmtpTestServer::Options busyOptions;
+    const std::string dead = "smtp://127.0.0.1:" + std::to_string(freePort());
+    SmtpTestServer::Options busyOptions, refusingOptions;
     busyOptions.mailReply = "451 4.3.2 busy";
-    SmtpTestServer busy(busyOptions);
-    SmtpTestServer::Options refusingOptions;
     refusingOptions.mailReply = "554 5.7.1 not from you";
-    SmtpTestServer refusing(refusingOptions);
-    SmtpTestServer live;
+    SmtpTestServer busy(busyOptions), refusing(refusingOptions), live;
+    const std::string refused = "SMTP agent (" + refusing.url() + "): the server refused";
     struct Case {
         std::string urls;
         std::size_t arrivesLive;            // of two messages
         std::vector<std::string> expected;  // in the first message's exception
-        std::string absent;                 // not in it
     };
     const std::vector<Case> cases = {
-        {dead.url() + " " + live.url(), 2, {}, ""},
-        {busy.url() + "  " + live.url(), 2, {}, ""},
+        {dead + " " + live.url(), 2, {}},
+        {busy.url() + "  " + live.url(), 2, {}},
         // A permanent refusal is final, and the text names that relay.
-        {refusing.url() + " " + live.url(),
-         0,
-         {"SMTP agent (" + refusing.url() + "): the server refused", "554 5.7.1"},
-         live.url()},
+        {refusing.url() + " " + live.url(), 0, {refused, "554 5.7.1"}},
         // Nobody takes it: the last relay is named, and the others' answers.
-        {dead.url() + " " + busy.url(),
+        {dead + " " + busy.url(),
          0,
-         {"SMTP agent (" + busy.url() + "): ", "451 4.3.2 busy", "tried before: " + dead.url()},
-         ""},
+         {"(" + busy.url() + "): ", "451 4.3.2", "tried before: " + dead}},
     };
     for (const Case& c : cases) {
         const std::size_t before = live.messages().size();
@@ -320,9 +270,6 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
         sendFailure(agent, "a@b", {"c@d"}, "second\n");
         EXPECT_EQ(live.messages().size() - before, c.arrivesLive) << c.urls;
         EXPECT_EQ(missingFrom(text, c.expected), "") << text;
-        if (!c.absent.empty()) {
-            EXPECT_FALSE(contains(text, c.absent)) << text;
-        }
         if (c.arrivesLive == 2 && c.urls.find(busy.url()) == 0) {
             EXPECT_EQ(busy.connections() - busyConnections, 1) << "the working relay is kept";
         }
@@ -343,26 +290,17 @@ TEST(SmtpAgent, DrainDeliversTheSpoolOverSeveralConnections) {
         settings.retryFirst = std::chrono::seconds(60);  // only drain() delivers
         SmtpAgent agent(settings);
         Spool spool(dir / "spool");  // as an earlier run left it
-        for (int i = 0; i < 40; ++i) {
+        for (int i = 0; i < 20; ++i) {
             const std::string to = i == 7 ? "r550.gone@x" : i == 9 ? "r450.busy@x" : "c@d";
             spool.put({"a@b", {to}, "n" + std::to_string(i) + "\n", 0});
         }
-        // Another process holding the spool keeps this one out.
-        const int fd = open((dir / "spool/lock").c_str(), O_RDWR | O_CREAT, 0600);
-        ASSERT_EQ(flock(fd, LOCK_EX), 0);
-        const SmtpAgent::DrainResult locked = agent.drain(std::chrono::seconds(10));
-        close(fd);
-        EXPECT_TRUE(locked.locked);
-        EXPECT_EQ(locked.waiting, 40u);
-        EXPECT_EQ(locked.delivered, 0u);
-
         const SmtpAgent::DrainResult result = agent.drain(std::chrono::seconds(60));
         EXPECT_FALSE(result.locked);
-        EXPECT_EQ(result.delivered, 38u);
+        EXPECT_EQ(result.delivered, 18u);
         EXPECT_EQ(result.failed, 1u);
         EXPECT_EQ(result.waiting, 1u);
         ASSERT_EQ(result.problems.size(), 2u);
-        EXPECT_EQ(server.messages().size() - before, 38u);
+        EXPECT_EQ(server.messages().size() - before, 18u);
         // One per worker, and a new one after each refusal (a failed connection is not reused).
         EXPECT_EQ(server.connections() - connectionsBefore, static_cast<int>(connections) + 2);
         // The mail still waiting is tried again and stays.
@@ -385,15 +323,15 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
         {"0", true, 5, "5 mails wait in the spool"},
         {"30", false, 5, "the server could not be reached"},
     };
+    SmtpTestServer server;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.drain);
         TempDir dir;
-        SmtpTestServer server;
         server.kill();
+        const std::size_t before = server.messages().size();
         SmtpSettings settings =
             settingsFor(server.url(), {{"spool", dir / "spool"}, {"drain", c.drain}});
         settings.retryFirst = settings.retryMax = std::chrono::seconds(60);
-        std::string said;
         const auto start = std::chrono::steady_clock::now();
         {
             SmtpAgent agent(settings);
@@ -405,10 +343,10 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
             }
             testing::internal::CaptureStderr();
         }
-        said = testing::internal::GetCapturedStderr();
+        const std::string said = testing::internal::GetCapturedStderr();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
         EXPECT_EQ(spoolFiles(dir, "new").size(), c.left);
-        EXPECT_EQ(server.messages().size(), 5 - c.left);
+        EXPECT_EQ(server.messages().size() - before, 5 - c.left);
         EXPECT_TRUE(contains(said, c.says)) << said;
         EXPECT_TRUE(contains(said, dir / "spool")) << said;
     }
@@ -427,22 +365,30 @@ TEST(SmtpAgent, ACertificateThatDoesNotVerifyIsSpooledAndRetriedOnlyAtTheLongest
         {{"starttls", "try"}},       // offered, so taken, so checked
         {{"starttls", "required"}, {"ca_file", dir / "other.pem"}},
     };
+    // Side by side, so that one pause serves them all.
+    std::vector<std::unique_ptr<TempDir>> spools;
+    std::vector<std::unique_ptr<SmtpAgent>> agents;
     for (Params params : cases) {
-        TempDir spool;
-        params.insert({"spool", spool / "spool"});
+        spools.emplace_back(new TempDir);
+        params.insert({"spool", *spools.back() / "spool"});
         SmtpSettings settings = settingsFor(server.url(), params);
         settings.retryMax = std::chrono::seconds(3);
-        const int before = server.connections();
-        SmtpAgent agent(settings);
+        agents.emplace_back(new SmtpAgent(settings));
         for (int i = 0; i < 3; ++i) {
-            const std::string text = sendFailure(agent, "a@b", {"c@d"}, "x\n");
-            EXPECT_TRUE(contains(text, i == 0 ? "ca_file" : "could not be reached")) << text;
-            EXPECT_TRUE(contains(text, "kept in the spool")) << text;
+            const std::string text = sendFailure(*agents.back(), "a@b", {"c@d"}, "x\n");
+            EXPECT_EQ(
+                missingFrom(text, {i == 0 ? "certificate did not verify" : "could not be reached",
+                                   "kept in the spool"}),
+                "")
+                << text;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-        EXPECT_EQ(agent.waiting(), 3u);
-        EXPECT_LE(server.connections() - before, 1) << "retried before the longest pause";
     }
+    // Retried at the shortest pause, each would have come back several times by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    for (const auto& agent : agents) {
+        EXPECT_EQ(agent->waiting(), 3u);
+    }
+    EXPECT_EQ(server.connections(), 3) << "retried before the longest pause";
     EXPECT_TRUE(server.messages().empty());
 }
 
@@ -454,20 +400,20 @@ TEST(AgentLeftovers, WhatACrashLeftInTmpIsRemovedOnStart) {
     }
     waitpid(gone, nullptr, 0);
     const long day = 24 * 3600;
+    const std::string byGone = "1.M1P" + std::to_string(gone) + "Q1.host";
     struct Case {
         bool spool;  // else a Maildir
         std::string name;
         long age;  // seconds
         bool removed;
     };
-    const std::string host = ".host";
     const std::vector<Case> cases = {
-        {true, "1.M1P" + std::to_string(gone) + "Q1" + host, 0, true},
-        {true, "1.M1P" + std::to_string(getpid()) + "Q1" + host, 0, false},  // still writing
+        {true, byGone, 0, true},
+        {true, "1.M1P" + std::to_string(getpid()) + "Q1.host", 0, false},  // still writing
         {true, "made-elsewhere", 0, false},
         {true, "made-elsewhere-long-ago", 2 * day, true},
-        {false, "1.M1P" + std::to_string(gone) + "Q1" + host, 0, false},
-        {false, "1.M1P" + std::to_string(gone) + "Q1" + host + "-old", 2 * day, true},
+        {false, byGone, 0, false},
+        {false, byGone + "-old", 2 * day, true},
         {false, "just-under", day + day / 2 - 60, false},
     };
     TempDir dir;
@@ -480,22 +426,13 @@ TEST(AgentLeftovers, WhatACrashLeftInTmpIsRemovedOnStart) {
         const struct timeval times[2] = {{time(nullptr) - c.age, 0}, {time(nullptr) - c.age, 0}};
         utimes(path.c_str(), times);
     }
-    SmtpTestServer server;
-    { SmtpAgent agent(settingsFor(server.url(), {{"spool", dir / "spool"}})); }
+    // The agent clears its spool's tmp/ as it starts; no server needs to answer.
+    { SmtpAgent agent(settingsFor("smtp://127.0.0.1:1", {{"spool", dir / "spool"}})); }
     deliverToMaildir(MaildirSettings::fromParams({{"path", dir / "maildir"}}), "To: a\n\nb\n");
     for (const Case& c : cases) {
         const auto left = listDir(dir / (c.spool ? "spool/tmp" : "maildir/tmp"));
         EXPECT_EQ(std::find(left.begin(), left.end(), c.name) == left.end(), c.removed) << c.name;
     }
-}
-
-TEST(SmtpAgent, AddressesAndRecipientListAreChecked) {
-    SmtpTestServer server;
-    SmtpAgent agent(settingsFor(server.url()));
-    EXPECT_TRUE(contains(sendFailure(agent, "a@b", {}, "x"), "no recipients"));
-    EXPECT_TRUE(
-        contains(sendFailure(agent, "a@b", {"c@d\r\nRCPT TO:<e@f>"}, "x"), "control character"));
-    EXPECT_TRUE(server.messages().empty());
 }
 
 TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {

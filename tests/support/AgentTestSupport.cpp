@@ -1,7 +1,6 @@
 #include "AgentTestSupport.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -70,13 +69,11 @@ TempDir::~TempDir() {
 
 std::vector<std::string> listDir(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] != '.') {
-                names.emplace_back(e->d_name);
-            }
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, missing)) {
+        if (entry.path().filename().string()[0] != '.') {
+            names.push_back(entry.path().filename());
         }
-        closedir(d);
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -156,11 +153,8 @@ std::string runUnprivileged(const std::function<std::string()>& body) {
         throw std::runtime_error("fork failed");
     }
     if (pid == 0) {
-        close(fds[0]);
-        std::string result;
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
-            result = "cannot drop root";
-        } else {
+        std::string result = "cannot drop root";
+        if (geteuid() != 0 || (setgid(65534) == 0 && setuid(65534) == 0)) {
             try {
                 result = body();
             } catch (...) {
@@ -172,15 +166,10 @@ std::string runUnprivileged(const std::function<std::string()>& body) {
         _exit(0);
     }
     close(fds[1]);
-    std::string result;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) {
-        result.append(buf, static_cast<std::size_t>(n));
-    }
+    // The pipe ends when the child does.
+    const std::string result = readFile("/proc/self/fd/" + std::to_string(fds[0]));
     close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    waitpid(pid, nullptr, 0);
     return result;
 }
 
@@ -199,7 +188,7 @@ std::string SmtpTestServer::url() const {
 
 void SmtpTestServer::start() {
     int status = 0;
-    if (running() && waitpid(pid_, &status, WNOHANG) == 0) {
+    if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) {
         return;  // still up
     }
     pid_ = -1;

@@ -86,7 +86,6 @@ public:
     // socket closes before the process is gone, and start() would take a
     // dying server for one still up.
     void waitForExit();
-    bool running() const { return pid_ > 0; }
 
     int port() const { return port_; }
     std::string url() const;  // smtp:// or smtps://127.0.0.1:<port>

@@ -1,6 +1,7 @@
 #include "mail_shape.h"
 
 #include <cstring>
+#include <sstream>
 
 namespace testing_support {
 namespace {
@@ -21,13 +22,8 @@ int _base64Value(char c) {
 
 std::vector<std::string> _lines(const std::string& text) {
     std::vector<std::string> lines;
-    for (std::string::size_type at = 0; at < text.size();) {
-        std::string::size_type end = text.find('\n', at);
-        if (end == std::string::npos)
-            end = text.size();
-        lines.push_back(text.substr(at, end - at));
-        at = end + 1;
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 

@@ -22,14 +22,7 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 // A valid configuration using the recording test agent.
 std::string baseConfig();
 
-// A configuration whose group 7 renders `message` (default "Host %host%:
-// %detail%") in UTF-8 with the tokens host, detail and `extraTokens`, and
-// whose mails carry X-Host (default "unknown"), X-Detail (when the event has
-// one) and X-Group ("g1").
-std::string hostileConfig(const std::string& message = "Host %host%: %detail%",
-                          const std::string& extraTokens = "");
-
-// The header names of a mail from hostileConfig.
+// The header names of a mail with the headers X-Host and X-Group, and X-Detail.
 std::set<std::string> hostileHeaders(bool withDetail);
 
 Osk::ChannelCfg config(const std::string& xml);
@@ -55,18 +48,6 @@ private:
 // The mails the recording agent received while `channel` logged one event.
 std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id,
                                   const std::string& xml);
-
-struct Outcome {
-    std::string parseError;  // the XmlException of an event that does not parse
-    bool sent = false;       // the agent received a mail for it
-    std::string mail;
-    std::vector<Report> reports;  // made while the hostile event was delivered
-};
-
-// Delivers an ordinary event, then `xml` as event 7 (when it parses), then
-// another ordinary event, and checks that both ordinary events arrived as
-// themselves and that the hostile one did not leave a second mail behind.
-Outcome deliverBetween(ReportingChannel& channel, const std::string& xml);
 
 // Sets a locale variable for the life of the object. The locale variables
 // start unset in every test program, so that the charset choice does not

@@ -106,8 +106,12 @@ TEST(Deliver, MatchingEventsReachTheAgentAndNothingEscapes) {
         <Header name="X-Default" xpath="/event/missing" default="fallback"/>
         <Header name="X-Empty-Default" xpath="/event/missing" default=""/>
         <Header name="X-Nothing" xpath="/event/missing"/>)";
-    ASSERT_TRUE(channel.do_configure(config(replaced(
-        deliveryConfig("Host %a% down"), R"(<Header name="X-Group" default="g1"/>)", headers))));
+    // A tab inside a quoted local part is a legal character.
+    const std::string xml =
+        replaced(deliveryConfig("Host %a% down"), R"(<Recipient value="ops@example.com"/>)",
+                 R"(<Recipient value="&quot;a&#9;b&quot;@example.com"/>)");
+    ASSERT_TRUE(channel.do_configure(
+        config(replaced(xml, R"(<Header name="X-Group" default="g1"/>)", headers))));
 
     channel.do_log(event(99, "<event/>"));
     EXPECT_EQ(agent.count(), 0u) << "unknown ids are dropped";
@@ -116,8 +120,8 @@ TEST(Deliver, MatchingEventsReachTheAgentAndNothingEscapes) {
     channel.do_log(event(7, "<event><a>db1</a><host>h</host></event>"));
     ASSERT_EQ(agent.count(), 1u);
     const std::string mail = agent.message(0);
-    EXPECT_EQ(agent.recipients(0), "ops@example.com;oncall@example.org;");
-    EXPECT_EQ(mail.rfind("To: <ops@example.com>,\n\t<oncall@example.org>\n", 0), 0u) << mail;
+    EXPECT_EQ(agent.recipients(0), "\"a\tb\"@example.com;oncall@example.org;");
+    EXPECT_EQ(mail.rfind("To: <\"a\tb\"@example.com>,\n\t<oncall@example.org>\n", 0), 0u) << mail;
     std::set<std::string> names = hostileHeaders(false);
     names.insert("X-Default");
     MailShape shape = readMail(mail, names);
@@ -132,24 +136,32 @@ TEST(Deliver, MatchingEventsReachTheAgentAndNothingEscapes) {
     EXPECT_TRUE(channel.reports.empty());
 }
 
-TEST(Deliver, AgentFailuresAreWarnings) {
+// Neither an agent's failure nor a charset that cannot be used loses an
+// event silently: each event is reported.
+TEST(Deliver, FailuresAreWarnings) {
     struct Row {
-        const char* fail;
-        const char* prefix;
+        std::string from, to;
+        const char* text;
     };
-    const Row rows[] = {{"tamtk", "Tamtk exception:: [ agent refused the message ["},
-                        {"std", "Other exception: [ agent broke ]"},
-                        {"int", "Other exception: [ int ]"}};
+    const std::string mode = R"(<Param name="mode" value="record"/>)";
+    const Row rows[] = {
+        {mode, R"(<Param name="fail" value="tamtk"/>)",
+         "Tamtk exception:: [ agent refused the message ["},
+        {mode, R"(<Param name="fail" value="std"/>)", "Other exception: [ agent broke ]"},
+        {mode, R"(<Param name="fail" value="int"/>)", "Other exception: [ int ]"},
+        {R"(locale="" charset="UTF-8")", R"(locale="" charset="X-NO-SUCH")", "Invalid argument"},
+    };
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.fail);
+        SCOPED_TRACE(row.to);
         ReportingChannel channel;
-        const std::string xml =
-            replaced(deliveryConfig("m"), R"(<Param name="mode" value="record"/>)",
-                     std::string(R"(<Param name="fail" value=")") + row.fail + R"("/>)");
-        ASSERT_TRUE(channel.do_configure(config(xml)));
-        EXPECT_NO_THROW(channel.do_log(event(7, "<event/>")));
-        ASSERT_EQ(channel.reports.size(), 1u);
-        EXPECT_EQ(channel.reports[0].severity, "warning");
-        EXPECT_EQ(channel.reports[0].text.rfind(row.prefix, 0), 0u) << channel.reports[0].text;
+        ASSERT_TRUE(channel.do_configure(config(replaced(deliveryConfig("m"), row.from, row.to))));
+        TestAgent agent;
+        for (int i = 0; i < 2; ++i) EXPECT_NO_THROW(channel.do_log(event(7, "<event/>")));
+        EXPECT_EQ(agent.count(), 0u);
+        ASSERT_EQ(channel.reports.size(), 2u);
+        for (const Report& report : channel.reports) {
+            EXPECT_EQ(report.severity, "warning");
+            EXPECT_NE(report.text.find(row.text), std::string::npos) << report.text;
+        }
     }
 }

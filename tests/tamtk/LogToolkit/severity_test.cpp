@@ -7,26 +7,14 @@ using namespace Tamlog;
 using internal::severity::debug_severity;
 
 TEST(Severity, EqualityMasksAndCollections) {
-    const auto warningCopy = sev::warning.clone();
-    const auto noneCopy = sev::no_sev.clone();
-    const debug_severity one(1), three(3), otherThree(3);
-    const struct {
-        const severity_mask& a;
-        const severity_mask& b;
-        bool equal;
-    } rows[] = {
-        {sev::critical, sev::alert, false},
-        {sev::warning, *warningCopy, true},
-        {sev::no_sev, *noneCopy, true},
-        {sev::no_sev, sev::critical, false},
-        {one, three, false},
-        {three, otherThree, true},
-        {sev::debug_def, sev::debug_all, false},
-        {sev::audit_success, sev::audit_fail, false},
-    };
-    for (const auto& r : rows) {
-        EXPECT_EQ(r.a.equal(r.b), r.equal) << severityName(r.a) << " " << severityName(r.b);
-    }
+    const debug_severity one(1), three(3);
+    EXPECT_TRUE(sev::warning.equal(*sev::warning.clone()));
+    EXPECT_TRUE(sev::no_sev.equal(*sev::no_sev.clone()));
+    EXPECT_TRUE(three.equal(debug_severity(3)));
+    EXPECT_FALSE(one.equal(three));
+    EXPECT_FALSE(sev::critical.equal(sev::alert));
+    EXPECT_FALSE(sev::no_sev.equal(sev::critical));
+    EXPECT_FALSE(sev::debug_def.equal(sev::debug_all));
     EXPECT_EQ(debug_mask(sev::debug_def), 0u);
     EXPECT_EQ(debug_mask(sev::debug_all), ~std::uint64_t(0));
     EXPECT_EQ(debug_mask(sev::warning), 0u);
@@ -62,13 +50,10 @@ TEST(Severity, AcceptRule) {
         {"other basic severity ignored", warnings, 0, SeverityBag(sev::critical), true},
         {"debug bits meet the mask", SeverityBag(), 0x2, SeverityBag(three), false},
         {"debug bits miss the mask", SeverityBag(), 0x2, SeverityBag(one), true},
-        {"debug bits need the mask, not the collection", SeverityBag(one), 0x0, SeverityBag(one),
-         true},
+        {"debug bits need the mask", SeverityBag(one), 0x0, SeverityBag(one), true},
         {"debug_def has no bits: collection decides", withDebugDef, 0, withDebugDef, false},
-        {"debug_def ignored without member even with full mask", SeverityBag(), ~0ull, withDebugDef,
-         true},
-        {"a record is taken when any member is", warnings, 0,
-         logtest::bagOf({&sev::info, &sev::warning}), false},
+        {"debug_def needs a member", SeverityBag(), ~0ull, withDebugDef, true},
+        {"any member is enough", warnings, 0, logtest::bagOf({&sev::info, &sev::warning}), false},
         {"a record of only debug bits", SeverityBag(), 0x8, SeverityBag(eight), false},
         {"an empty record", warnings, 0, SeverityBag(), true},
     };

