@@ -44,20 +44,15 @@ _DATA_REPLY = re.compile(rb"^X-Test-Reply: (\d{3}[^\r\n]*)", re.M)
 _DIE = re.compile(rb"^X-Test-Die: yes", re.M)
 
 
-class Recorder:
-    def __init__(self, path):
-        self.file = open(path, "a", buffering=1) if path else None
+class Handler:
+    def __init__(self, args):
+        self.args = args
+        self.file = open(args.record, "a", buffering=1) if args.record else None
         self.connections = 0
 
-    def write(self, line):
+    def record(self, line):
         if self.file:
             print(line, file=self.file, flush=True)
-
-
-class Handler:
-    def __init__(self, recorder, args):
-        self.recorder = recorder
-        self.args = args
 
     async def handle_MAIL(self, server, session, envelope, address, mail_options):
         if self.args.mail_reply:
@@ -81,7 +76,7 @@ class Handler:
         if m:
             return m.group(1).decode("ascii", "replace")
         tls = session.ssl is not None or server.implicit_tls
-        self.recorder.write(f"M {server.connection_number} {int(tls)} {int(bool(session.authenticated))} "
+        self.record(f"M {server.connection_number} {int(tls)} {int(bool(session.authenticated))} "
                             f"{envelope.mail_from or '-'} {','.join(envelope.rcpt_tos)} {data.hex()}")
         die_once = self.args.die_once
         if die_once and _DIE.search(data) and not os.path.exists(die_once):
@@ -95,24 +90,21 @@ class Handler:
 class RecordingSMTP(SMTP):
     """Counts connections; a STARTTLS upgrade is not a new one."""
 
-    def __init__(self, recorder, *args, **kwargs):
-        super().__init__(*args, **kwargs)
-        self.recorder = recorder
-        self.connection_number = 0
-        self.implicit_tls = False
+    connection_number = 0
+    implicit_tls = False
 
     def connection_made(self, transport):
         fresh = self.transport is None
         super().connection_made(transport)
         if fresh:
             self.implicit_tls = transport.get_extra_info("ssl_object") is not None
-            self.recorder.connections += 1
-            self.connection_number = self.recorder.connections
-            self.recorder.write("C %d" % self.connection_number)
+            self.event_handler.connections += 1
+            self.connection_number = self.event_handler.connections
+            self.event_handler.record("C %d" % self.connection_number)
 
     @functools.wraps(SMTP.smtp_AUTH)  # keeps aiosmtpd's command syntax marks
     async def smtp_AUTH(self, arg):
-        self.recorder.write("A %d" % self.connection_number)
+        self.event_handler.record("A %d" % self.connection_number)
         return await super().smtp_AUTH(arg)
 
 
@@ -138,8 +130,7 @@ def main():
         context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
         context.load_cert_chain(args.cert, args.key)
 
-    recorder = Recorder(args.record)
-    handler = Handler(recorder, args)
+    handler = Handler(args)
     options = dict(hostname="test.invalid", timeout=args.idle_timeout, data_size_limit=None,
                    enable_SMTPUTF8=True)
     if context is not None and not args.implicit_tls:
@@ -158,7 +149,7 @@ def main():
     loop = asyncio.new_event_loop()
     asyncio.set_event_loop(loop)
     server = loop.run_until_complete(loop.create_server(
-        lambda: RecordingSMTP(recorder, handler, loop=loop, **options), host="127.0.0.1",
+        lambda: RecordingSMTP(handler, loop=loop, **options), host="127.0.0.1",
         port=args.port, ssl=context if args.implicit_tls else None, reuse_address=True))
     port = server.sockets[0].getsockname()[1]
     print("READY %d" % port, flush=True)
