@@ -5,6 +5,7 @@ each with one Message-ID of its own, which a retried mail keeps."""
 
 import collections
 import os
+import time
 import unittest
 
 from host_harness import SMTP_AGENT, HostTest, SmtpServer, channel_config, group
@@ -32,8 +33,12 @@ class SmtpHostTest(HostTest):
         host.send('<?xml version="1.0"?>\n<Events>\n')
         return host
 
-    def feed(self, host, first, count):
-        host.send("".join(event(n) for n in range(first, first + count)))
+    def feed(self, host, first, count, per_second=0):
+        if not per_second:
+            return host.send("".join(event(n) for n in range(first, first + count)))
+        for n in range(first, first + count):
+            host.send(event(n))
+            time.sleep(1.0 / per_second)
 
     def send_one_more(self, url, n):
         """A later run with alert `n`: it starts by delivering what waits."""
@@ -64,30 +69,31 @@ class SmtpHostTest(HostTest):
 
 
 class OutageTest(SmtpHostTest):
-    def test_server_stopped_and_restarted_during_the_alerts(self):
+    def test_server_stopped_and_restarted_during_a_thousand_alerts(self):
         server = self.server
         run = self.run_host(server.url, timeout="2")
-        self.feed(run, 0, 100)
-        # The server dies with some of the first hundred through; the next
-        # come during its absence, the last after its return.
-        self.assertTrue(run.wait_for(lambda: len(server.messages()) >= 10))
+        self.feed(run, 0, 300)
+        # The server dies with about 300 through; the next 400 come during
+        # its absence, the last 300 after its return.
+        self.assertTrue(run.wait_for(lambda: len(server.messages()) >= 250))
         server.stop()
-        self.feed(run, 100, 100)
+        self.feed(run, 300, 400)
         # Every alert so far went through or waits.
-        self.assertTrue(run.wait_for(lambda: self.waiting() + len(server.messages()) >= 200))
+        self.assertTrue(run.wait_for(lambda: self.waiting() + len(server.messages()) >= 700))
         server.start()
-        self.feed(run, 200, 100)
+        self.feed(run, 700, 300)
         self.assertEqual(0, run.finish("</Events>\n"), run.stderr())
-        self.send_one_more(server.url, 300)
+        self.send_one_more(server.url, 1000)
         # The one mail that may come twice: taken by the server as it died.
-        self.check_arrivals(range(301), duplicates_allowed=1)
+        self.check_arrivals(range(1001), duplicates_allowed=1)
+
 
 class HungServerTest(SmtpHostTest):
     def test_a_hung_server_does_not_hold_up_the_host(self):
         server = self.server
         server.freeze(True)
-        run = self.run_host(server.url, timeout="1")
-        self.feed(run, 0, 60)
+        run = self.run_host(server.url, timeout="5")
+        self.feed(run, 0, 60, per_second=10)
         self.assertEqual(0, run.finish("</Events>\n"), run.stderr())
         # One wait for the hung server, not one per alert (a minute).
         self.assertIsNotNone(run.summary_after, run.stderr())
