@@ -422,6 +422,9 @@ smtpd_tls_received_header = yes
     writeFile(etc + "/main.cf", mainCf);
     writeFile(etc + "/master.cf",
               "127.0.0.1:" + std::to_string(port_) + " inet n - n - - smtpd\n" + _postfixServices);
+    // Postfix waits until a table or configuration file has not changed
+    // for a second, in case it is still being written: backdate them.
+    run("touch -d '-1 min' " + etc + "/*");
     try {
         run(std::string(_postfix) + " -c " + etc + " start 2>&1");
     } catch (const std::exception& e) {
