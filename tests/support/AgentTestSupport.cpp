@@ -86,9 +86,9 @@ std::string readFile(const std::string& path) {
     return out.str();
 }
 
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary);
-    out << content;
+std::string writeFile(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
 }
 
 std::string run(const std::string& command) {

@@ -29,7 +29,8 @@ private:
 // Names of the files in a directory (not starting with '.'), sorted.
 std::vector<std::string> listDir(const std::string& dir);
 std::string readFile(const std::string& path);
-void writeFile(const std::string& path, const std::string& content);
+// Returns `path`, so that a file can be made where its name is needed.
+std::string writeFile(const std::string& path, const std::string& content);
 // Runs a shell command; returns its standard output, throws on a non-zero exit.
 std::string run(const std::string& command);
 inline bool contains(const std::string& text, const std::string& part) {
@@ -37,6 +38,16 @@ inline bool contains(const std::string& text, const std::string& part) {
 }
 // The first of `parts` not in `text`, "" when all are.
 std::string missingFrom(const std::string& text, const std::vector<std::string>& parts);
+// The message of the E that `op` throws; "no exception" when it throws none.
+template <class E, class F>
+std::string messageOf(const F& op) {
+    try {
+        op();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "no exception";
+}
 // Polls `condition` for up to `seconds`; whether it came true.
 bool waitFor(const std::function<bool()>& condition, double seconds);
 

@@ -1,23 +1,15 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
+#include "AgentTestSupport.h"
 #include "NetToolkit/IP.h"
 
 using namespace Tamnet;
+using AgentTest::messageOf;
 
 namespace {
-
-std::string failure(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const NetAddrInvalid& e) {
-        return e.what();
-    }
-    return "no exception";
-}
 
 TEST(IPAddr, TextIsReadWrittenAndRefused) {
     for (const char* text : {"1.2.3.4", "0.0.0.0", "255.255.255.255"}) {
@@ -26,7 +18,7 @@ TEST(IPAddr, TextIsReadWrittenAndRefused) {
     EXPECT_EQ(IPv4Addr("1.2.3.4").value(), 0x01020304u) << "held in host order";
     for (const char* text : {"1.2.3", "1.2.3.256", "1.2.3.4 ", "a.b.c.d", "", "::1", "1.2.3.4.5"}) {
         EXPECT_FALSE(IPv4Addr::is_valid(text)) << text;
-        EXPECT_EQ(failure([&] { IPv4Addr{std::string(text)}; }),
+        EXPECT_EQ(messageOf<NetAddrInvalid>([&] { IPv4Addr{std::string(text)}; }),
                   std::string("Bad IPv4 address string [[ ") + text + " ]]");
     }
     IPv4Addr kept("1.1.1.1");
@@ -40,7 +32,8 @@ TEST(IPAddr, TextIsReadWrittenAndRefused) {
     EXPECT_EQ(IPAddr(0xC0000201u), v4);
     EXPECT_EQ(IPAddr("2001:DB8::0:1").str(), "2001:db8::1") << "printed in canonical form";
     EXPECT_EQ(IPAddr().str(), "0:0");
-    EXPECT_EQ(failure([] { IPAddr("1.2.3"); }), "Bad IP address string [[ 1.2.3 ]]");
+    EXPECT_EQ(messageOf<NetAddrInvalid>([] { IPAddr("1.2.3"); }),
+              "Bad IP address string [[ 1.2.3 ]]");
 
     // The native forms are in network order and convert back.
     const in_addr native = netaddr_traits<IPv4Addr>::addr_to_native(IPv4Addr("1.2.3.4"));
@@ -72,7 +65,7 @@ TEST(IPv4Mask, NetworksAndTheirWrittenForms) {
         {"10.0.0", "255.0.0.0", "Bad IPv4 network string"},
     };
     for (const auto& r : refused) {
-        EXPECT_EQ(failure([&] { IPv4Mask().set_netmask(r.network, r.mask); }),
+        EXPECT_EQ(messageOf<NetAddrInvalid>([&] { IPv4Mask().set_netmask(r.network, r.mask); }),
                   r.message + " [[ " + r.network + " (network) " + r.mask + " (mask) ]]");
     }
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "AgentTestSupport.h"
 #include "Toolkit/Utf8Array.h"
 
 using Tamtk::Utf8Array;
@@ -28,16 +29,6 @@ std::string firstChars(std::size_t n) {
     std::string out;
     for (std::size_t i = 0; i < n; ++i) out += kChars[i];
     return out;
-}
-
-// "source: message" of the Utf8Exception `f` raises.
-std::string utf8Failure(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const Utf8Exception& e) {
-        return std::string(e.location().file.c_str()) + ": " + e.what();
-    }
-    return "no exception";
 }
 
 int g_released = 0;
@@ -78,8 +69,8 @@ TEST(Utf8Array, WalksEveryLengthForwardAndBack) {
 
 // Malformed bytes and misused iterators: each raises, and changes nothing.
 TEST(Utf8Array, MalformedBytesAndForeignIteratorsAreRefused) {
-    const std::string invalid = "array_iterator: Utf8Array has invalid buffer";
-    const std::string foreign = "Utf8Array: Invalid iterator was applied";
+    const std::string invalid = "Utf8Array has invalid buffer";
+    const std::string foreign = "Invalid iterator was applied";
     // Steps over `good` well-formed characters, then once more.
     auto stepPast = [](std::string bytes, int good) {
         return [bytes, good] {
@@ -98,15 +89,10 @@ TEST(Utf8Array, MalformedBytesAndForeignIteratorsAreRefused) {
     } rows[] = {
         {"cut short at the end", stepPast("A\xE2\x82", 1), invalid},
         {"four-byte lead with three", stepPast("\xF0\x9D\x84", 0), invalid},
-        {"continuation missing inside",
-         stepPast("\xE2"
-                  "A\x82",
-                  0),
-         invalid},
+        {"continuation missing inside", stepPast("\xE2\x41\x82", 0), invalid},
         {"stray continuation byte", stepPast("x\x80y", 1), invalid},
         {"byte that opens nothing", stepPast("\xFF", 0), invalid},
-        {"past the end", stepPast("\xF0\x9D\x84\x9E", 1),
-         "array_iterator: Increment past the end of Utf8Array"},
+        {"past the end", stepPast("\xF0\x9D\x84\x9E", 1), "Increment past the end of Utf8Array"},
         {"before the first", [&] { --text.begin(); }, invalid},
         {"before the first of nothing", [] { --Utf8Array().end(); }, invalid},
         {"before, onto no complete sequence",
@@ -117,7 +103,7 @@ TEST(Utf8Array, MalformedBytesAndForeignIteratorsAreRefused) {
         {"insert at another's", [&] { text.insert(other.begin(), Utf8Char('!')); }, foreign},
     };
     for (const auto& r : rows) {
-        EXPECT_EQ(utf8Failure(r.op), r.message) << r.what;
+        EXPECT_EQ(AgentTest::messageOf<Utf8Exception>(r.op), r.message) << r.what;
     }
     EXPECT_EQ(text.str(), "\xC3\xA9z");
     EXPECT_EQ(other.str(), "xyz");

@@ -8,11 +8,10 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 
+#include "AgentTestSupport.h"
 #include "Toolkit/Utf8Array.h"
 #include "XmlToolkit/Xml.h"
 
@@ -26,38 +25,12 @@ inline std::string str(const boost::shared_ptr<const Tamtk::Utf8Array>& text) {
     return text ? text->str() : std::string("<null>");
 }
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when it goes.
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "xmltoolkit-XXXXXX").string();
-        EXPECT_NE(mkdtemp(&pattern[0]), nullptr);
-        path_ = pattern;
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
+using AgentTest::TempDir;
+using AgentTest::writeFile;
 
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    std::string write(const std::string& name, const std::string& content) const {
-        std::ofstream(file(name), std::ios::binary) << content;
-        return file(name);
-    }
-
-private:
-    std::string path_;
-};
-
-// The message of the XmlException `f` raises; fails the test when it raises none.
 template <class F>
-std::string xmlFailure(F f) {
-    try {
-        f();
-    } catch (const Tamxml::XmlException& e) {
-        return e.what();
-    }
-    ADD_FAILURE() << "no Tamxml::XmlException raised";
-    return std::string();
+std::string xmlFailure(const F& f) {
+    return AgentTest::messageOf<Tamxml::XmlException>(f);
 }
 
 // A loopback listener that nothing should ever connect to: proves that a

@@ -10,7 +10,7 @@ using Tamxml::Document;
 TEST(XmlDocument, ParsesFromMemoryAndFromFile) {
     const std::string text = "<?xml version='1.0'?><Channel><Default kind='x'/></Channel>";
     TempDir dir;
-    for (const auto& doc : {parse(text), Document::fromFile(dir.write("config.xml", text))}) {
+    for (const auto& doc : {parse(text), Document::fromFile(writeFile(dir / "config.xml", text))}) {
         ASSERT_TRUE(doc && doc->root());
         EXPECT_EQ(doc->root()->name(), "Channel");
         EXPECT_EQ(doc->root()->get(), xmlDocGetRootElement(doc->get()));
@@ -21,8 +21,8 @@ TEST(XmlDocument, ParsesFromMemoryAndFromFile) {
 // Each refusal carries libxml2's report, and nothing reaches standard error.
 TEST(XmlDocument, ErrorsCarryTheParsersReport) {
     TempDir dir;
-    const std::string missing = dir.file("missing.xml");
-    const std::string broken = dir.write("broken.xml", "<a>");
+    const std::string missing = dir / "missing.xml";
+    const std::string broken = writeFile(dir / "broken.xml", "<a>");
     const struct {
         std::function<void()> op;
         std::vector<std::string> parts;

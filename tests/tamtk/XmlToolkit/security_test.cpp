@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -15,7 +16,7 @@ const std::string kSecret = "TOPSECRET-4f1c";
 class XmlSecurity : public testing::Test {
 protected:
     void SetUp() override {
-        secretFile = dir.write("secret.txt", kSecret);
+        secretFile = writeFile(dir / "secret.txt", kSecret);
         testing::internal::CaptureStderr();
     }
     void TearDown() override {
@@ -37,7 +38,7 @@ protected:
     // Parses `text` from memory and from a file; a document that parses must
     // not show the secret, and neither may the error of one that does not.
     void expectSecretNotRead(const std::string& text) {
-        const std::string path = dir.write("doc.xml", text);
+        const std::string path = writeFile(dir / "doc.xml", text);
         for (int fromFile = 0; fromFile < 2; ++fromFile) {
             try {
                 auto doc = fromFile ? Tamxml::Document::fromFile(path) : parse(text);
@@ -67,8 +68,8 @@ protected:
 }  // namespace
 
 TEST_F(XmlSecurity, DocumentsReadNoFileAndNoNetworkResource) {
-    const std::string dtd = dir.write(
-        "ext.dtd", "<!ATTLIST r leak CDATA '" + kSecret + "'><!ENTITY leak '" + kSecret + "'>");
+    const std::string dtd = writeFile(dir / "ext.dtd", "<!ATTLIST r leak CDATA '" + kSecret +
+                                                           "'><!ENTITY leak '" + kSecret + "'>");
     std::vector<std::string> documents = {
         "<!DOCTYPE r SYSTEM '" + dtd + "'><r>&leak;</r>",
         "<!DOCTYPE r [<!ENTITY % p SYSTEM '" + dtd + "'> %p;]><r>&leak;</r>",
@@ -89,7 +90,7 @@ TEST_F(XmlSecurity, DocumentsReadNoFileAndNoNetworkResource) {
 // Every way out of the stylesheet sandbox is refused with a message that names it.
 TEST_F(XmlSecurity, StylesheetsReadWriteAndFetchNothing) {
     const std::string other =
-        dir.write("other.xsl",
+        writeFile(dir / "other.xsl",
                   "<xsl:stylesheet version='1.0' xmlns:xsl='http://www.w3.org/1999/XSL/Transform'>"
                   "<xsl:template match='/'>" +
                       kSecret + "</xsl:template></xsl:stylesheet>");
@@ -105,7 +106,7 @@ TEST_F(XmlSecurity, StylesheetsReadWriteAndFetchNothing) {
         {"<xsl:import href='" + other + "'/>", "'" + other + "' is not allowed"},
         {"<xsl:include href='" + other + "'/>", "'" + other + "' is not allowed"},
     };
-    for (const std::string& target : {dir.file("written.txt"), dir.file("sub/written.txt")}) {
+    for (const std::string& target : {dir / "written.txt", dir / "sub/written.txt"}) {
         for (const std::string element : {"exsl:document", "xsl:document"}) {
             rows.push_back({"<xsl:template match='/'><" + element + " href='" + target +
                                 "' method='text'>" + kSecret + "</" + element + "></xsl:template>",
@@ -118,6 +119,6 @@ TEST_F(XmlSecurity, StylesheetsReadWriteAndFetchNothing) {
         EXPECT_EQ(message.find(kSecret), std::string::npos);
         EXPECT_EQ(message.find("root:"), std::string::npos);
     }
-    EXPECT_FALSE(std::filesystem::exists(dir.file("sub")));
-    EXPECT_FALSE(std::filesystem::exists(dir.file("written.txt")));
+    EXPECT_FALSE(std::filesystem::exists(dir / "sub"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "written.txt"));
 }

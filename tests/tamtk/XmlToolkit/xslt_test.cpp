@@ -118,7 +118,8 @@ TEST(XmlXslt, RuntimeErrorsCarryLibxsltReportAndPrintNothing) {
     EXPECT_EQ(out.str(), "");
 
     std::string text = "kept";
-    xmlFailure([&] { Tamxml::transform(text, xslt, parse("<Event/>"), "", ""); });
+    EXPECT_NE(xmlFailure([&] { Tamxml::transform(text, xslt, parse("<Event/>"), "", ""); }),
+              "no exception");
     EXPECT_EQ(text, "kept");
 }
 
@@ -135,9 +136,10 @@ TEST(XmlXslt, OneStylesheetAndExpressionFromManyThreads) {
             for (int i = 0; i < 50; ++i) {
                 const std::string h = std::to_string(t) + "-" + std::to_string(i);
                 auto event = parse("<Event><Host>" + h + "</Host></Event>");
-                good[t] += run(xslt, event, "locale", "l" + h) == "[l" + h + "|" + h + "]" &&
-                           str(Tamxml::find_first_value(event, host)) == h &&
-                           !xmlFailure([&] { Tamxml::find_first_value(event, failing); }).empty();
+                good[t] +=
+                    run(xslt, event, "locale", "l" + h) == "[l" + h + "|" + h + "]" &&
+                    str(Tamxml::find_first_value(event, host)) == h &&
+                    xmlFailure([&] { Tamxml::find_first_value(event, failing); }) != "no exception";
             }
         });
     }
