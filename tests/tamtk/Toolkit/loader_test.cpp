@@ -1,6 +1,5 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "AgentTestSupport.h"
 #include "Toolkit/ComponentLoader.h"
 #include "Toolkit/Singleton.h"
 
@@ -42,22 +42,13 @@ LoaderMultiException loaderFailure(const std::function<void()>& f) {
     return LoaderMultiException("no exception", Tamtk::Location());
 }
 
-std::filesystem::path scratchDir() {
-    return std::filesystem::temp_directory_path() / ("loader_test_" + std::to_string(getpid()));
-}
-
-struct ScratchCleanup : ::testing::Environment {
-    void TearDown() override { std::filesystem::remove_all(scratchDir()); }
-};
-::testing::Environment* const g_cleanup = ::testing::AddGlobalTestEnvironment(new ScratchCleanup);
-
 // A private copy of a test library, so that its loading is this test's alone.
 std::string copyOf(const char* library, const std::string& name) {
-    const std::filesystem::path target = scratchDir() / name;
-    std::filesystem::create_directories(scratchDir());
+    static const AgentTest::TempDir scratch;
+    const std::string target = scratch / name;
     std::filesystem::remove(target);
     std::filesystem::copy_file(library, target);
-    return target.string();
+    return target;
 }
 
 struct Faulty {
