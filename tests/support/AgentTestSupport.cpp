@@ -75,6 +75,10 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ignored);
 }
 
+std::string TempDir::write(const std::string& name, const std::string& content) const {
+    return writeFile(*this / name, content);
+}
+
 std::vector<std::string> listDir(const std::string& dir) {
     std::vector<std::string> names;
     std::error_code missing;

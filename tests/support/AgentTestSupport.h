@@ -21,6 +21,8 @@ public:
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+    // Writes the file `name` inside; returns its path.
+    std::string write(const std::string& name, const std::string& content) const;
 
 private:
     std::string path_;
