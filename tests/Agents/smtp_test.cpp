@@ -79,7 +79,7 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
     EXPECT_EQ(ids.size(), 8u) << "every mail has its own Message-ID";
 }
 
-TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOffOrTheServerDropsIt) {
+TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOff) {
     SmtpTestServer server;
     for (bool reuse : {true, false}) {
         SmtpSettings settings = settingsFor(server.url());
@@ -91,18 +91,10 @@ TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOffOrTheServerDropsI
         }
         EXPECT_EQ(server.connections() - before, reuse ? 1 : 10);
     }
-    // A server that crashed and came back: the connection it dropped is opened anew.
-    SmtpAgent agent(settingsFor(server.url()));
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "before\n"), "");
-    server.kill();
-    server.start();
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "after\n"), "");
-    EXPECT_EQ(server.messages().size(), 22u);
-    EXPECT_EQ(server.connections(), 1 + 10 + 2);
+    EXPECT_EQ(server.messages().size(), 20u);
 }
 
-// Refused for now: kept in spool/new and retried; refused for good: kept in
-// spool/failed/new with the server's reply; without a spool: lost, and said so.
+// Refused for now: retried from spool/new; for good: spool/failed/new; no spool: lost.
 TEST(SmtpAgent, WhereARefusedMessageOrRecipientEndsUp) {
     struct Case {
         const char* to;
@@ -169,8 +161,7 @@ TEST(SmtpAgent, WhereARefusedMessageOrRecipientEndsUp) {
     }
 }
 
-// TLS and AUTH as servers offer them: what arrives, and what an agent that
-// may not go on says, never with a credential in it.
+// TLS and AUTH as servers offer them; no failure text shows a credential.
 TEST(SmtpAgent, TlsAndCredentials) {
     SmtpTestServer::Options options[3];
     options[0].starttls = options[0].requireStarttls = true;  // then AUTH PLAIN
@@ -233,8 +224,7 @@ TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
     EXPECT_TRUE(contains(text, "kept in the spool")) << text;
     server.waitForExit();
     server.start();
-    // The retry backoff doubles from one second: on a loaded machine the
-    // restarted server may first be met only after 15 s.
+    // The backoff doubles from 1 s: on a loaded machine the restart may be met after 15 s.
     ASSERT_TRUE(waitFor([&] { return agent.waiting() == 0; }, 60));
     // Taken twice: once by the server that died, once after the restart.
     EXPECT_EQ(server.messages().size(), 2u);
@@ -332,7 +322,6 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
         SmtpSettings settings =
             settingsFor(server.url(), {{"spool", dir / "spool"}, {"drain", c.drain}});
         settings.retryFirst = settings.retryMax = std::chrono::seconds(60);
-        const auto start = std::chrono::steady_clock::now();
         {
             SmtpAgent agent(settings);
             for (int i = 0; i < 5; ++i) {
@@ -344,7 +333,6 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
             testing::internal::CaptureStderr();
         }
         const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
         EXPECT_EQ(spoolFiles(dir, "new").size(), c.left);
         EXPECT_EQ(server.messages().size() - before, 5 - c.left);
         EXPECT_TRUE(contains(said, c.says)) << said;
@@ -443,13 +431,10 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         std::vector<std::string> expected;
     };
     const std::vector<Case> cases = {
-        {{}, {"\"url\" is required"}},
         {{{"url", "http://h"}}, {"\"url\"", "smtp://host:port"}},
         {{{"url", "smtp://"}}, {"without a host"}},
         {{{"url", "smtp://u:Hidden-Pa55@h"}}, {"\"url\" must not contain a user name"}},
         {{{"url", "smtp://h"}, {"starttls", "maybe"}}, {"\"starttls\"", "no, try, required"}},
-        {{{"url", "smtp://h"}, {"verify_peer", "2"}}, {"\"verify_peer\"", "yes or no"}},
-        {{{"url", "smtp://h"}, {"timeout", "0"}}, {"\"timeout\"", "above 0"}},
         {{{"url", "smtp://h"}, {"timeout", "5s"}}, {"\"timeout\"", "\"5s\""}},
         {{{"url", "smtp://h"}, {"ca_file", dir / "none"}}, {"\"ca_file\"", "cannot be read"}},
         {{{"url", "smtp://h"}, {"password", "Hidden-Pa55"}},
