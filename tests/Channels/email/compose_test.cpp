@@ -114,18 +114,10 @@ TEST(BuildEmail, LineTableInOrder) {
     };
     EXPECT_EQ(lines(text), expected);
     EXPECT_EQ(lines(text)[5].rfind("Date: ", 0), 0u);
-    EXPECT_EQ(text.back(), '\n');
     EXPECT_THROW(mail("s", "b", {}, {}), std::out_of_range);
 }
 
-TEST(BuildEmail, SubjectAndBodyShapes) {
-    const auto empty = lines(mail("", ""));
-    EXPECT_EQ(empty[4],
-              "Subject: =?UTF-8?B?"
-              "?=");
-    EXPECT_EQ(empty.back(), "") << "an empty body is one empty line";
-    EXPECT_EQ(empty[empty.size() - 2], "");
-
+TEST(BuildEmail, BodyLinesAroundEveryEdge) {
     // Around every line edge: full lines of 76 and a last line of the rest.
     for (std::size_t length : {1u, 2u, 3u, 56u, 57u, 58u, 113u, 114u, 115u, 171u, 172u, 1000u}) {
         std::string text;
