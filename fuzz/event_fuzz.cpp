@@ -59,7 +59,7 @@ Full text: %text% in %count% elements</Message>
     <Event id="8" enabled="yes"/>
   </EventGroup>
   <EmailAgent lib=")XML" +
-           fuzzing::agentPath() + R"XML("/>
+           FUZZ_AGENT_PATH + R"XML("/>
 </Channel>
 )XML";
 }
@@ -99,8 +99,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (Tamxml::find_first_value(doc, "/event/detail"))
             expected.insert("X-Detail");
     }
-    fuzzing::logAndCheck(_channels[which],
-                         boost::shared_ptr<Osk::ChannelEvent>(new Osk::ChannelEvent(id, doc)),
-                         &expected);
+    fuzzing::logAndCheck(_channels[which], id, doc, &expected);
     return 0;
 }
