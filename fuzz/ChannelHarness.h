@@ -14,9 +14,8 @@ namespace fuzzing {
 
 using testing_support::standardHeaders;
 
-// The common, the stateful, the multi-byte, the exotic and the unknown; the
-// last holds a line feed, a name the configuration refuses before any mail
-// is built.
+// The common, stateful, multi-byte, exotic and unknown; the last (with a line
+// feed) the configuration refuses before any mail is built.
 inline const char* const charsets[] = {"UTF-8",           "utf-8",         "ISO-8859-1",
                                        "ISO-8859-15",     "US-ASCII",      "CP1252",
                                        "KOI8-R",          "UTF-16",        "UTF-16LE",

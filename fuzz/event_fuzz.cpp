@@ -1,7 +1,6 @@
-// Event rendering: do_log on any event XML, under configurations whose
-// tokens are XPaths, a stylesheet and constants, with the extra headers
-// taken from the event. do_log never throws, no event is lost silently, and
-// no value from the event adds a header line.
+// Event rendering: do_log on any event XML with XPath, stylesheet and constant
+// tokens and extra headers from the event, in three charsets. do_log never
+// throws, no event is lost silently, no value from the event adds a header.
 
 #include <fuzzer/FuzzedDataProvider.h>
 

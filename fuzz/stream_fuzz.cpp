@@ -92,12 +92,8 @@ bool _oracle(const uint8_t* data, size_t size, std::vector<std::string>& seen) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int fd = memfd_create("stream", MFD_CLOEXEC);
-    if (fd < 0)
-        return 0;
-    if (write(fd, data, size) != static_cast<ssize_t>(size)) {
-        close(fd);
-        return 0;
-    }
+    fuzzing::check(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size),
+                   "cannot write the stream into a memory file");
     bool whole = false;
     const std::vector<std::string> seen = _read("/proc/self/fd/" + std::to_string(fd), whole);
     close(fd);

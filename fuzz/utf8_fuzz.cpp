@@ -85,9 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!bytes.empty()) {
         try {
             const char* last = text.find_start_of_last_char(text.data(), text.length(), true);
-            if (forwardComplete) {
-                check(last == forward.back(), "last character found in the wrong place", bytes);
-            }
+            check(!forwardComplete || last == forward.back(),
+                  "last character found in the wrong place", bytes);
         } catch (const Tamtk::Utf8Exception&) {
             check(!forwardComplete, "a well-formed text's last character is refused", bytes);
         }
