@@ -3,6 +3,7 @@
 #include <libxml/parserInternals.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 namespace Osk {
@@ -22,6 +23,11 @@ bool _blank(char c) {
 // A byte that ends a name inside a tag.
 bool _nameEnd(char c) {
     return _blank(c) || c == '=' || c == '/' || c == '>';
+}
+
+// How many more bytes `used` may grow by and stay within `limit`.
+std::size_t _room(std::size_t used, std::size_t limit) {
+    return used < limit ? limit - used : 0;
 }
 
 // A dropped event may have been large: its buffer is given back rather
@@ -99,10 +105,36 @@ void EventScanner::closeMarkup() {
     run_ = 0;
 }
 
+// Plain text, up to the next '<', taken in one piece: the byte-by-byte
+// loop below is for markup, and most of a large event is text. It stops
+// short of the byte that would pass a bound, so that byte is judged by
+// the loop as any other.
+std::size_t EventScanner::takeText(const char* data, std::size_t size, std::string& out) {
+    const void* lt = std::memchr(data, '<', size);
+    std::size_t n = lt ? static_cast<std::size_t>(static_cast<const char*>(lt) - data) : size;
+    if (inEvent_ && !skipping_) {
+        n = std::min({n, _room(run_, XML_MAX_TEXT_LENGTH), _room(eventBytes_, limits_.maxBytes)});
+    }
+    const long lines = std::count(data, data + n, '\n');
+    line_ += static_cast<int>(lines);
+    run_ += n;
+    if (skipping_) {
+        droppedNewlines_ += lines;
+    } else if (inEvent_ || holding_) {
+        held_.append(data, n);
+        eventBytes_ += inEvent_ ? n : 0;
+    } else {
+        out.append(data, n);
+    }
+    return n;
+}
+
 std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& out,
                                Dropped& dropped, bool& hadDrop) {
     hadDrop = false;
     for (std::size_t i = 0; i < size; ++i) {
+        if (state_ == text && data[i] != '<' && (i += takeText(data + i, size - i, out)) == size)
+            break;
         const char c = data[i];
         bool ended = false;  // this byte ends the current event
         ++run_;
@@ -136,7 +168,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                     name_ = 1;
                     if (depth_ == 1 && !inEvent_)
                         beginEvent();
-                    if (inEvent_ && ++eventNodes_ > limits_.maxNodes)
+                    if (inEvent_ && !skipping_ && ++eventNodes_ > limits_.maxNodes)
                         drop("it has more than " + std::to_string(limits_.maxNodes) +
                              " elements (--max-event-nodes)");
                 }
@@ -227,7 +259,7 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                     if (lastInTag_ == '/') {
                         ended = inEvent_ && depth_ == 1;  // <Event .../>
                     } else if (++depth_ > static_cast<long>(xmlParserMaxDepth)) {
-                        if (inEvent_) {
+                        if (inEvent_ && !skipping_) {
                             drop("its elements nest deeper than " +
                                  std::to_string(xmlParserMaxDepth) + " levels");
                         }

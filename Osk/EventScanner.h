@@ -66,6 +66,7 @@ private:
     bool endEvent(std::string& out, Dropped& dropped);  // true when it was dropped
     void checkRun(std::size_t run, std::size_t limit, const char* what);
     void closeMarkup();
+    std::size_t takeText(const char* data, std::size_t size, std::string& out);
 
     Limits limits_;
     State state_;

@@ -11,8 +11,7 @@ using namespace Osk::EmailAgents;
 using AgentTest::listDir;
 using AgentTest::TempDir;
 
-// The channel cuts encoded words by bytes, so one character may be split
-// across two words: they are joined before conversion.
+// Words cut inside a character (the channel cuts by bytes) are joined before conversion.
 TEST(DigestAgent, SummarySubjectsAreDecoded) {
     struct Row {
         const char* value;
@@ -32,8 +31,7 @@ TEST(DigestAgent, SummarySubjectsAreDecoded) {
     }
 }
 
-// A digest the delivering agent refuses stays held, its failure reaches the
-// caller with the next mail, and the next window's end sends it.
+// A refused digest stays held, the next mail reports it, and the next window sends it.
 TEST(DigestAgent, ARefusedDigestStaysHeldAndIsSentLater) {
     TempDir dir;
     AgentTest::writeFile(dir / "mail", "a file where the Maildir should be");

@@ -1,6 +1,4 @@
-// The SMTP agent against a real Postfix: what a production relay makes of
-// the agent's dialogue, its TLS and its handling of a refused recipient.
-// Skipped, saying why, where Postfix cannot run (not root, not installed).
+// The SMTP agent against a real Postfix; skipped, saying why, where Postfix cannot run.
 
 #include <gtest/gtest.h>
 
@@ -24,8 +22,7 @@ std::string body(const std::string& message) {
     return end == std::string::npos ? "" : message.substr(end + 2);
 }
 
-// A complete message, as the channel builds it: Postfix adds nothing of its
-// own below its trace headers.
+// A complete message as the channel builds it: Postfix adds only trace headers.
 std::string alert(const std::string& to, const std::string& bodyText) {
     static int count = 0;
     return "Date: Mon, 23 Nov 2026 10:00:00 +0000\nFrom: Alerts <alerts@example.com>\nTo: <" + to +
@@ -119,8 +116,7 @@ TEST_F(Postfix, DeliversTheMessageAsSentAndFilesARefusedRecipient) {
     EXPECT_EQ(refusedBodies, bodies);
 }
 
-// Without ca_file the system store is asked, which does not know the test
-// certificate: the agent must refuse the server, not send in clear.
+// The system store does not know the test certificate: refused, never sent in clear.
 TEST_F(Postfix, StartTlsRequiredTrustsOnlyTheConfiguredAuthority) {
     for (const bool withCa : {false, true}) {
         Params params = {{"starttls", "required"}};

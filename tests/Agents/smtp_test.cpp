@@ -20,10 +20,6 @@ using namespace AgentTest;
 
 namespace {
 
-std::vector<std::string> spoolFiles(const TempDir& dir, const char* sub) {
-    return listDir(dir / (std::string("spool/") + sub));
-}
-
 std::vector<std::string> words(const std::string& text) {
     std::istringstream in(text);
     return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
@@ -79,7 +75,7 @@ TEST(SmtpAgent, SendsTheEnvelopeAndTheMessageWithCrLfAndDotStuffing) {
     EXPECT_EQ(ids.size(), 8u) << "every mail has its own Message-ID";
 }
 
-TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOffOrTheServerDropsIt) {
+TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOff) {
     SmtpTestServer server;
     for (bool reuse : {true, false}) {
         SmtpSettings settings = settingsFor(server.url());
@@ -91,18 +87,10 @@ TEST(SmtpAgent, OneConnectionServesManyMessagesUnlessReuseIsOffOrTheServerDropsI
         }
         EXPECT_EQ(server.connections() - before, reuse ? 1 : 10);
     }
-    // A server that crashed and came back: the connection it dropped is opened anew.
-    SmtpAgent agent(settingsFor(server.url()));
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "before\n"), "");
-    server.kill();
-    server.start();
-    EXPECT_EQ(sendFailure(agent, "a@b", {"c@d"}, "after\n"), "");
-    EXPECT_EQ(server.messages().size(), 22u);
-    EXPECT_EQ(server.connections(), 1 + 10 + 2);
+    EXPECT_EQ(server.messages().size(), 20u);
 }
 
-// Refused for now: kept in spool/new and retried; refused for good: kept in
-// spool/failed/new with the server's reply; without a spool: lost, and said so.
+// Refused for now: retried from spool/new; for good: spool/failed/new; no spool: lost.
 TEST(SmtpAgent, WhereARefusedMessageOrRecipientEndsUp) {
     struct Case {
         const char* to;
@@ -169,8 +157,7 @@ TEST(SmtpAgent, WhereARefusedMessageOrRecipientEndsUp) {
     }
 }
 
-// TLS and AUTH as servers offer them: what arrives, and what an agent that
-// may not go on says, never with a credential in it.
+// TLS and AUTH as servers offer them; no failure text shows a credential.
 TEST(SmtpAgent, TlsAndCredentials) {
     SmtpTestServer::Options options[3];
     options[0].starttls = options[0].requireStarttls = true;  // then AUTH PLAIN
@@ -178,7 +165,10 @@ TEST(SmtpAgent, TlsAndCredentials) {
     options[1].implicitTls = true;
     SmtpTestServer secure(options[0]), smtps(options[1]), plainAuth(options[2]), plain;
     const std::string ca = Certificate::get().cert;
+    TempDir dir;
+    writeFile(dir / "pw", "s3cret-Pa55\n");
     const Params login = {{"username", "alerter"}, {"password", "s3cret-Pa55"}};
+    const Params fromFile = {{"username", "alerter"}, {"password_file", dir / "pw"}};
     const Params tls = {{"starttls", "required"}, {"ca_file", ca}};
     const auto with = [](Params params, const Params& more) {
         params.insert(more.begin(), more.end());
@@ -191,7 +181,7 @@ TEST(SmtpAgent, TlsAndCredentials) {
         bool tls;                          // when delivered
     };
     const std::vector<Case> cases = {
-        {secure, with(login, tls), {}, true},
+        {secure, with(fromFile, tls), {}, true},
         {secure,
          with(tls, {{"username", "alerter"}, {"password", "wrong-Pa55"}}),
          {"535", "lost"},
@@ -233,8 +223,7 @@ TEST(SmtpAgent, AServerDyingBeforeItConfirmsGetsTheMessageAgain) {
     EXPECT_TRUE(contains(text, "kept in the spool")) << text;
     server.waitForExit();
     server.start();
-    // The retry backoff doubles from one second: on a loaded machine the
-    // restarted server may first be met only after 15 s.
+    // The backoff doubles from 1 s: on a loaded machine the restart may be met after 15 s.
     ASSERT_TRUE(waitFor([&] { return agent.waiting() == 0; }, 60));
     // Taken twice: once by the server that died, once after the restart.
     EXPECT_EQ(server.messages().size(), 2u);
@@ -277,12 +266,12 @@ TEST(SmtpAgent, FallbackRelaysAreTriedInOrderAndTheOneThatWorkedIsKept) {
 }
 
 TEST(SmtpAgent, DrainDeliversTheSpoolOverSeveralConnections) {
-    TempDir dir;
     SmtpTestServer::Options options;
     options.delay = 0.02;
     SmtpTestServer server(options);
     for (unsigned connections : {1u, 4u}) {
         SCOPED_TRACE(connections);
+        TempDir dir;
         const int connectionsBefore = server.connections();
         const std::size_t before = server.messages().size();
         SmtpSettings settings = settingsFor(
@@ -305,9 +294,6 @@ TEST(SmtpAgent, DrainDeliversTheSpoolOverSeveralConnections) {
         EXPECT_EQ(server.connections() - connectionsBefore, static_cast<int>(connections) + 2);
         // The mail still waiting is tried again and stays.
         EXPECT_EQ(agent.drain(std::chrono::seconds(10)).waiting, 1u);
-        for (const std::string& name : spoolFiles(dir, "new")) {
-            spool.remove(name);
-        }
     }
 }
 
@@ -332,7 +318,6 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
         SmtpSettings settings =
             settingsFor(server.url(), {{"spool", dir / "spool"}, {"drain", c.drain}});
         settings.retryFirst = settings.retryMax = std::chrono::seconds(60);
-        const auto start = std::chrono::steady_clock::now();
         {
             SmtpAgent agent(settings);
             for (int i = 0; i < 5; ++i) {
@@ -344,8 +329,7 @@ TEST(SmtpAgent, WhatWaitsIsDrainedForABoundedTimeAtTeardown) {
             testing::internal::CaptureStderr();
         }
         const std::string said = testing::internal::GetCapturedStderr();
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
-        EXPECT_EQ(spoolFiles(dir, "new").size(), c.left);
+        EXPECT_EQ(listDir(dir / "spool/new").size(), c.left);
         EXPECT_EQ(server.messages().size() - before, 5 - c.left);
         EXPECT_TRUE(contains(said, c.says)) << said;
         EXPECT_TRUE(contains(said, dir / "spool")) << said;
@@ -437,19 +421,15 @@ TEST(AgentLeftovers, WhatACrashLeftInTmpIsRemovedOnStart) {
 
 TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
     TempDir dir;
-    writeFile(dir / "pw", "from-file-Pa55\n");
     struct Case {
         Params params;
         std::vector<std::string> expected;
     };
     const std::vector<Case> cases = {
-        {{}, {"\"url\" is required"}},
         {{{"url", "http://h"}}, {"\"url\"", "smtp://host:port"}},
         {{{"url", "smtp://"}}, {"without a host"}},
         {{{"url", "smtp://u:Hidden-Pa55@h"}}, {"\"url\" must not contain a user name"}},
         {{{"url", "smtp://h"}, {"starttls", "maybe"}}, {"\"starttls\"", "no, try, required"}},
-        {{{"url", "smtp://h"}, {"verify_peer", "2"}}, {"\"verify_peer\"", "yes or no"}},
-        {{{"url", "smtp://h"}, {"timeout", "0"}}, {"\"timeout\"", "above 0"}},
         {{{"url", "smtp://h"}, {"timeout", "5s"}}, {"\"timeout\"", "\"5s\""}},
         {{{"url", "smtp://h"}, {"ca_file", dir / "none"}}, {"\"ca_file\"", "cannot be read"}},
         {{{"url", "smtp://h"}, {"password", "Hidden-Pa55"}},
@@ -476,13 +456,6 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         EXPECT_EQ(missingFrom(text, c.expected), "") << text;
         EXPECT_FALSE(contains(text, "Hidden-Pa55")) << text;
     }
-
-    const SmtpSettings fromFile = SmtpSettings::fromParams({{"url", "smtps://h"},
-                                                            {"username", "u"},
-                                                            {"password_file", dir / "pw"},
-                                                            {"timeout", "2.5"}});
-    EXPECT_EQ(fromFile.password, "from-file-Pa55");
-    EXPECT_EQ(fromFile.timeoutMs, 2500);
 }
 
 TEST(SmtpSpool, FilesKeepTheEnvelopeAndRejectGarbage) {

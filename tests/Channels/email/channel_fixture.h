@@ -49,9 +49,7 @@ private:
 std::vector<std::string> mailsFor(ReportingChannel& channel, unsigned long id,
                                   const std::string& xml);
 
-// Sets a locale variable for the life of the object. The locale variables
-// start unset in every test program, so that the charset choice does not
-// depend on the machine.
+// Sets a locale variable for the object's life; they start unset, whatever the machine.
 struct ScopedEnv {
     ScopedEnv(const char* name, const char* value);
     ~ScopedEnv();

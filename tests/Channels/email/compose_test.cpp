@@ -43,9 +43,7 @@ std::vector<std::string> lines(const std::string& text) {
 
 }  // namespace
 
-// Conversions reuse a handle per thread where the charset allows it: each
-// must give what a fresh handle gives, whatever the one before left, so
-// every row converts its text twice, after `before` when there is one.
+// Handles are reused per thread: each row converts twice, after `before` when given.
 TEST(MakeCharset, Conversions) {
     struct Row {
         const char* charset;
@@ -62,12 +60,9 @@ TEST(MakeCharset, Conversions) {
         {"ISO-8859-1", "a世b", ~0u, "ab"},  // neither the ideograph nor the square fit
         {"UTF-16LE", "ab", ~0u, std::string("a\0b\0", 4)},  // fast path keeps zero bytes
         {"UTF-16LE", "a世", ~0u, std::string("a\0\x16\x4E", 4)},
-        {"ASCII", "a\xC3\xA9z", ~0u, "az"},  // no square in ASCII either
-        {"ISO-8859-5", "x\xE2\x82\xACy", ~0u, "xy"},
         {"KOI8-R", "a■b€", ~0u, "a\224b\224"},  // the square stands in for the euro sign
         {"ISO-8859-1", "abcdef", 3, "abc"},
         {"ISO-8859-1", "abcdef", 6, "abcdef"},
-        {"ISO-8859-1", "abcdef", 60, "abcdef"},
         {"ISO-8859-1", "", ~0u, ""},
         {"UTF-8", "", ~0u, ""},
         {"ISO-2022-JP", "日本", ~0u, "\x1B$BF|K\\\x1B(B"},  // ends back in ASCII
@@ -119,18 +114,10 @@ TEST(BuildEmail, LineTableInOrder) {
     };
     EXPECT_EQ(lines(text), expected);
     EXPECT_EQ(lines(text)[5].rfind("Date: ", 0), 0u);
-    EXPECT_EQ(text.back(), '\n');
     EXPECT_THROW(mail("s", "b", {}, {}), std::out_of_range);
 }
 
-TEST(BuildEmail, SubjectAndBodyShapes) {
-    const auto empty = lines(mail("", ""));
-    EXPECT_EQ(empty[4],
-              "Subject: =?UTF-8?B?"
-              "?=");
-    EXPECT_EQ(empty.back(), "") << "an empty body is one empty line";
-    EXPECT_EQ(empty[empty.size() - 2], "");
-
+TEST(BuildEmail, BodyLinesAroundEveryEdge) {
     // Around every line edge: full lines of 76 and a last line of the rest.
     for (std::size_t length : {1u, 2u, 3u, 56u, 57u, 58u, 113u, 114u, 115u, 171u, 172u, 1000u}) {
         std::string text;
@@ -189,12 +176,9 @@ TEST(BuildEmail, AnIndependentParserReadsEveryCharset) {
               "6 messages checked\n");
 }
 
-// Broken UTF-8, NUL, and unknown or exotic charsets: a clear error or a
-// well-formed mail, never a crash. XML has no NUL; given straight to the
-// assembly, NUL in every text ends up encoded and arrives whole.
+// A clear error or a well-formed mail, never a crash; NUL (which XML cannot carry) arrives whole.
 TEST(HostileCharsets, AClearErrorOrAWellFormedMail) {
-    // One-, two-, three- and four-byte characters; a three-byte sequence cut
-    // after two bytes put before every byte, and the text cut after every byte.
+    // A cut three-byte sequence before every byte, and the text cut after every byte.
     const std::string valid = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";
     std::vector<std::string> broken;
     for (std::size_t at = 0; at <= valid.size(); ++at) {
@@ -202,9 +186,7 @@ TEST(HostileCharsets, AClearErrorOrAWellFormedMail) {
         broken.push_back(valid.substr(0, at));
     }
     const std::vector<std::string> nul = {std::string("a\0b\r\n\0", 6)};
-    // Characters whose designations make ISO-2022-CN-EXT write its longest
-    // escape sequences (the glibc overflow of 2024), after every count of
-    // ASCII so that the escapes fall on every position of the output buffer.
+    // The glibc ISO-2022-CN-EXT overflow of 2024: its longest escapes at every buffer position.
     std::vector<std::string> exotic;
     for (std::size_t ascii = 0; ascii < 40; ++ascii) {
         exotic.push_back(std::string(ascii, 'a') +

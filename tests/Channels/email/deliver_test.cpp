@@ -9,9 +9,8 @@ namespace {
 const std::string kTokens = R"(<Token name="host" xpath="/event/host"/>
     <Token name="sev" default="HIGH"/>)";
 
-// A configuration whose group 7 renders `message` with tokens a (XPath with
-// a default that is never used), b (constant), s (stylesheet using the
-// locale) and bad (a stylesheet that fails).
+// Group 7 renders `message` with tokens a (XPath, unused default), b (constant),
+// s (stylesheet given the locale) and bad (a failing stylesheet).
 std::string deliveryConfig(const std::string& message) {
     std::string xml = replaced(baseConfig(), kTokens, R"(
       <Token name="a" xpath="/event/a" default="never"/>
@@ -29,9 +28,7 @@ std::string deliveryConfig(const std::string& message) {
 
 }  // namespace
 
-// Each row's template is the group's message and its subject. A rendering
-// fault is reported at critical and the mail still goes out with what was
-// rendered before it.
+// A rendering fault is reported at critical; the mail still goes with what was rendered.
 TEST(Render, TemplatesAreFilledAsTheTokensSay) {
     struct Row {
         const char* what;
@@ -39,12 +36,10 @@ TEST(Render, TemplatesAreFilledAsTheTokensSay) {
         std::string event;
         std::string body;
         std::size_t criticals = 0;
-        std::string subject = "";    // when it differs from the body
-        const char* lang = "de_DE";  // "fr" picks ISO-8859-1, anything else UTF-8
+        std::string subject = "";  // when it differs from the body
     };
-    const std::string cut(450, 'x');
-    std::string umlauts, ideographs;
-    for (int i = 0; i < 450; ++i) umlauts += "ü", ideographs += "世";
+    std::string ideographs;
+    for (int i = 0; i < 450; ++i) ideographs += "世";
     const Row rows[] = {
         {"no placeholder", "plain text", "<event/>", "plain text"},
         {"xpath value", "value=%a%.", "<event><a>97%</a></event>", "value=97%."},
@@ -62,23 +57,17 @@ TEST(Render, TemplatesAreFilledAsTheTokensSay) {
          "B A%"},
         {"failing stylesheet keeps the text so far", "before %b% %bad% after", "<event/>",
          "before B ", 2, "before B"},  // a subject loses its trailing blanks
-        {"ISO-8859-1, subject cut at the limit", "%a%", "<event><a>" + umlauts + "</a></event>",
-         std::string(450, '\xFC'), 0, std::string(400, '\xFC'), "fr"},
         {"UTF-8, subject cut at the limit", "%a%", "<event><a>" + ideographs + "</a></event>",
          ideographs, 0, ideographs.substr(0, 400 * 3)},
-        {"ASCII subject cut at the limit", "y%a%", "<event><a>" + cut + "</a></event>", "y" + cut,
-         0, "y" + cut.substr(0, 399)},
         {"line breaks in the value and the template", "\n  %a%\n",
          "<event><a>one&#13;\nX-Injected: yes\nthree</a></event>",
          "\n  one\r\nX-Injected: yes\nthree\n", 0, "one  X-Injected: yes three"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
-        ScopedEnv tam("TAM_LANG", row.lang);
-        const std::string xml =
-            replaced(replaced(deliveryConfig(row.message), R"(charset="ISO-8859-15")",
-                              R"(charset="ISO-8859-1")"),
-                     "</Message>", "</Message><Subject>" + row.message + "</Subject>");
+        ScopedEnv tam("TAM_LANG", "de_DE");
+        const std::string xml = replaced(deliveryConfig(row.message), "</Message>",
+                                         "</Message><Subject>" + row.message + "</Subject>");
         ReportingChannel channel;
         ASSERT_TRUE(channel.do_configure(config(xml)));
         const std::vector<std::string> mails = mailsFor(channel, 7, row.event);
@@ -86,9 +75,6 @@ TEST(Render, TemplatesAreFilledAsTheTokensSay) {
         MailShape shape = readMail(mails[0], hostileHeaders(false));
         EXPECT_EQ(shape.problems, std::vector<std::string>());
         EXPECT_EQ(shape.body, row.body);
-        const std::string charset = std::string(row.lang) == "fr" ? "ISO-8859-1" : "UTF-8";
-        EXPECT_EQ(shape.headers["Subject"].rfind("=?" + charset + "?B?", 0), 0u)
-            << shape.headers["Subject"];
         EXPECT_EQ(decodeWords(shape.headers["Subject"]),
                   row.subject.empty() ? row.body : row.subject);
         ASSERT_EQ(channel.reports.size(), row.criticals);
@@ -113,10 +99,6 @@ TEST(Deliver, MatchingEventsReachTheAgentAndNothingEscapes) {
     ASSERT_TRUE(channel.do_configure(
         config(replaced(xml, R"(<Header name="X-Group" default="g1"/>)", headers))));
 
-    channel.do_log(event(99, "<event/>"));
-    EXPECT_EQ(agent.count(), 0u) << "unknown ids are dropped";
-    EXPECT_TRUE(channel.reports.empty()) << "silently";
-
     channel.do_log(event(7, "<event><a>db1</a><host>h</host></event>"));
     ASSERT_EQ(agent.count(), 1u);
     const std::string mail = agent.message(0);
@@ -126,18 +108,12 @@ TEST(Deliver, MatchingEventsReachTheAgentAndNothingEscapes) {
     names.insert("X-Default");
     MailShape shape = readMail(mail, names);
     EXPECT_EQ(shape.problems, std::vector<std::string>());
-    EXPECT_EQ(decodeWords(shape.headers["From"]), "Alerter");
-    EXPECT_NE(shape.headers["From"].find("<alerts@example.com>"), std::string::npos);
-    EXPECT_EQ(decodeWords(shape.headers["Subject"]), "Alert");
-    EXPECT_EQ(shape.headers["X-Host"], "=?UTF-8?B?aA==?=");
-    EXPECT_EQ(decodeWords(shape.headers["X-Group"]), "g1");
     EXPECT_EQ(decodeWords(shape.headers["X-Default"]), "fallback");
     EXPECT_EQ(shape.body, "Host db1 down");
     EXPECT_TRUE(channel.reports.empty());
 }
 
-// Neither an agent's failure nor a charset that cannot be used loses an
-// event silently: each event is reported.
+// No event is lost silently: each failure is reported.
 TEST(Deliver, FailuresAreWarnings) {
     struct Row {
         std::string from, to;

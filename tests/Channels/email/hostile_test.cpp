@@ -1,8 +1,5 @@
-// Hostile values, stylesheets and documents, one row each: a value never
-// adds a header line or breaks the mail's shape and arrives whole (encoded)
-// where it belongs; a token that cannot be rendered fails with a critical
-// report that says why and cuts the message there; nothing reads a file; and
-// the events around each hostile one arrive as themselves.
+// Hostile values, stylesheets and documents: the mail keeps its shape, a token that
+// cannot be rendered is reported at critical and cuts the message, nothing reads a file.
 
 #include <gtest/gtest.h>
 
@@ -13,8 +10,7 @@ using namespace testing_support;
 
 namespace {
 
-// `value` as XML character data or attribute text, line breaks and tabs as
-// character references so that the parser keeps them as they are.
+// Line breaks and tabs as character references, so that the parser keeps them.
 std::string xmlText(const std::string& value) {
     std::string out;
     for (char c : value) {
@@ -24,9 +20,8 @@ std::string xmlText(const std::string& value) {
     return out;
 }
 
-// A configuration whose group 7 renders `message` in UTF-8 with the tokens
-// host, detail and `extraTokens`, and whose mails carry X-Host (default
-// "unknown"), X-Detail (when the event has one) and X-Group ("g1").
+// Group 7 renders `message` in UTF-8 with tokens host, detail and `extraTokens`;
+// the mails carry X-Host, X-Group and X-Detail.
 std::string hostileConfig(const std::string& message, const std::string& extraTokens) {
     std::string xml = replaced(baseConfig(), R"(<Token name="sev" default="HIGH"/>)",
                                R"(<Token name="detail" xpath="/event/detail"/>)" + extraTokens);
@@ -45,9 +40,7 @@ struct Outcome {
     std::vector<Report> reports;  // made while the hostile event was delivered
 };
 
-// Delivers an ordinary event, then `xml` as event 7 (when it parses), then
-// another ordinary event, and checks that both ordinary events arrived as
-// themselves and that the hostile one did not leave a second mail behind.
+// Delivers `xml` as event 7 between two ordinary events, which must arrive as themselves.
 Outcome deliverBetween(ReportingChannel& channel, const std::string& xml) {
     TestAgent agent;
     Outcome outcome;
@@ -109,9 +102,7 @@ std::string doubledString(int times) {
 
 }  // namespace
 
-// Each value at once in the event (read by XPath and by a stylesheet), in a
-// constant token, in an extra header's default, in the subject and in the
-// sender's display name.
+// Each value in the event, a constant, a header default, the subject and the sender's name.
 TEST(HostileValues, LineBreaksInEveryTemplatedValueStayInsideIt) {
     const std::string stylesheet = stylesheetToken(
         R"(<xsl:output method="text"/><xsl:template match="/"><xsl:value-of select="/event/v"/></xsl:template>)");
@@ -142,8 +133,7 @@ TEST(HostileValues, LineBreaksInEveryTemplatedValueStayInsideIt) {
     }
 }
 
-// The bounds on stylesheets come from Limits; the parser's own bounds on
-// entities are the toolkit's business, here only that the event is refused.
+// Entity bounds are the toolkit's business: here only that the event is refused.
 TEST(HostileEvents, EachRowIsRefusedOrRenderedSafely) {
     const std::string secret = "SECRET-51ab";
     xmltest::TempDir dir;
@@ -173,8 +163,7 @@ TEST(HostileEvents, EachRowIsRefusedOrRenderedSafely) {
          "<xsl:template match='/'><xsl:copy-of select=\"document('" + secretFile +
              "')\"/></xsl:template>",
          plain, "denied", cut},
-        // Refused when the configuration is read: the token is left out, so
-        // its placeholder cuts the message where a failed token does.
+        // Refused at configuration: its placeholder cuts as a failed token does.
         {"imports a file", "", "<xsl:import href='" + other + "'/>", plain, nullptr, "Host h: d"},
         {"recurses without end", "",
          "<xsl:template match='/'><xsl:apply-templates select='/'/></xsl:template>", plain,

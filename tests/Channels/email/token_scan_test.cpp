@@ -45,9 +45,8 @@ Matches byScan(const Osk::internal::token_scan& scan, const std::string& text) {
     return found;
 }
 
-// Random templates built from the keys' own pieces and stray "%" signs,
-// against key sets with shared prefixes, a "%" inside a name, an empty name
-// and a repeated last name: the scan must find what the expression finds.
+// Random templates of the keys' pieces and stray "%", against key sets with shared
+// prefixes, a "%" inside a name, an empty name and a repeated last name.
 TEST(TokenScan, FindsWhatTheTokenExpressionFinds) {
     const std::vector<std::vector<std::string>> keySets = {
         {"%a%"},       {"%a%", "%ab%", "%b%"},        {"%ab%", "%a%"},     {"%a%b%", "%a%", "%b%"},
@@ -71,8 +70,7 @@ TEST(TokenScan, FindsWhatTheTokenExpressionFinds) {
     }
 }
 
-// A name the expression reads as syntax (or one outside printable ASCII)
-// leaves the search to the expression itself.
+// A name the expression reads as syntax, or not printable ASCII, is left to the expression.
 TEST(TokenScan, DeclinesNamesThatAreNotPlainText) {
     for (const char* name : {"a.b", "a|b", "(a)", "a*", "a+", "a?", "[ab]", "a{2}", "^a", "a$",
                              "a\\d", "caf\xC3\xA9", "tab\there"}) {
