@@ -1,7 +1,5 @@
-// Email assembly: every input of buildEmail (charset, time, display name,
-// sender, recipients, subject, body, extra headers) from the fuzzer. A mail
-// that is built has the shape checkMail states; whatever is not built fails
-// with a toolkit exception.
+// Email assembly: every input of buildEmail from the fuzzer. A built mail has
+// the shape checkMail states; one that is not built fails with a toolkit exception.
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -14,15 +14,14 @@
 
 namespace {
 
-// The agent a configuration names is code it loads: point every EmailAgent
-// at the recording agent so that no input can load some other library.
+// No input may load a library of its own: every agent is the recording one.
 void _bindRecordingAgent(const Tamxml::Document& doc) {
     xmlNodePtr root = xmlDocGetRootElement(doc.get());
     if (root == nullptr)
         return;
     for (xmlNodePtr node = root->children; node != nullptr; node = node->next) {
         if (node->type == XML_ELEMENT_NODE && xmlStrEqual(node->name, BAD_CAST "EmailAgent")) {
-            xmlSetProp(node, BAD_CAST "lib", BAD_CAST fuzzing::agentPath());
+            xmlSetProp(node, BAD_CAST "lib", BAD_CAST FUZZ_AGENT_PATH);
         }
     }
 }
@@ -34,7 +33,7 @@ const char _event[] =
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // The charset is chosen by locale: make the choice the same for every run.
+    // The same charset, chosen by locale, for every run.
     unsetenv("TAM_LANG");
     unsetenv("LANGUAGE");
     return 0;
@@ -63,10 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const auto& group : channel.event_groups()) {
             if (++rendered > 3)
                 break;
-            // The mail carries a group's extra header when it has a value. A
-            // configuration may name headers that are no field names at all
-            // (names are the configuration's own business): then only the
-            // delivery is checked, not the mail's shape.
+            // Headers with a value are in the mail; a name that is no field name
+            // (the configuration's own business) leaves only the delivery to check.
             std::set<std::string> expected;
             bool checkable = true;
             try {
@@ -83,10 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             } catch (const Tamtk::Exception&) {
                 checkable = false;  // do_log meets the same failure and must report it
             }
-            fuzzing::logAndCheck(
-                channel,
-                boost::shared_ptr<Osk::ChannelEvent>(new Osk::ChannelEvent(group.first, eventDoc)),
-                checkable ? &expected : nullptr);
+            fuzzing::logAndCheck(channel, group.first, eventDoc, checkable ? &expected : nullptr);
         }
     }
     channel.do_shutdown();

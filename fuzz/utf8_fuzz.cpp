@@ -1,5 +1,5 @@
-// UTF-8 arrays: construction, stepping both ways, size(), insertion,
-// writing through an iterator, and the independence of copies.
+// UTF-8 arrays: construction, stepping both ways, size(), the last character,
+// insertion, writing through an iterator, and the independence of copies.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -18,34 +18,22 @@ using Tamtk::Utf8Char;
 
 namespace {
 
-// Positions of every character reached walking forward; `complete` tells
-// whether the walk reached the end without a malformed sequence.
-std::vector<const char*> _walkForward(const Utf8Array& text, bool& complete) {
+// Positions of the characters walked forward, or backward from the end
+// (given in forward order); `complete` when the walk went through without a
+// malformed sequence.
+std::vector<const char*> _walk(const Utf8Array& text, bool backward, bool& complete) {
     std::vector<const char*> at;
     complete = false;
     try {
-        for (Utf8Array::const_iterator it = text.begin(); it != text.end(); ++it) {
+        for (Utf8Array::const_iterator it = text.end(); backward && it != text.begin();) {
+            at.insert(at.begin(), (--it).position());
+        }
+        for (Utf8Array::const_iterator it = text.begin(); !backward && it != text.end(); ++it) {
             // A byte that opens no sequence gives an empty character; the
             // step after it must refuse to go on.
             check(!it->empty() || Tamtk::internal::utf8::num_utf8_chars(*it.position()) == 0,
                   "iterator stands on an empty character inside the text");
             at.push_back(it.position());
-        }
-        complete = true;
-    } catch (const Tamtk::Utf8Exception&) {
-    }
-    return at;
-}
-
-// The same walking backward from the end, in forward order.
-std::vector<const char*> _walkBackward(const Utf8Array& text, bool& complete) {
-    std::vector<const char*> at;
-    complete = false;
-    try {
-        Utf8Array::const_iterator it = text.end();
-        while (it != text.begin()) {
-            --it;
-            at.insert(at.begin(), it.position());
         }
         complete = true;
     } catch (const Tamtk::Utf8Exception&) {
@@ -87,23 +75,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(text.c_str()[text.length()] == '\0', "text is not NUL-terminated");
 
     bool forwardComplete = false, backwardComplete = false;
-    const std::vector<const char*> forward = _walkForward(text, forwardComplete);
-    const std::vector<const char*> backward = _walkBackward(text, backwardComplete);
+    const std::vector<const char*> forward = _walk(text, false, forwardComplete);
+    const std::vector<const char*> backward = _walk(text, true, backwardComplete);
     if (forwardComplete) {
         check(forward.size() == text.size(), "size() differs from the characters walked", bytes);
         check(backwardComplete && backward == forward,
               "walking backward does not retrace the forward walk", bytes);
-        // Advancing by N characters is N single steps.
-        Utf8Array::const_iterator it = text.begin();
-        std::advance(it, static_cast<long>(forward.size()));
-        check(it == text.end(), "advance by size() does not reach the end", bytes);
     }
     if (!bytes.empty()) {
         try {
             const char* last = text.find_start_of_last_char(text.data(), text.length(), true);
-            if (forwardComplete) {
-                check(last == forward.back(), "last character found in the wrong place", bytes);
-            }
+            check(!forwardComplete || last == forward.back(),
+                  "last character found in the wrong place", bytes);
         } catch (const Tamtk::Utf8Exception&) {
             check(!forwardComplete, "a well-formed text's last character is refused", bytes);
         }
@@ -118,9 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::size_t index = chars == 0 ? 0 : where % (chars + 1);
     const std::size_t offset =
         (index < chars ? forward[index] : text.data() + text.length()) - text.data();
-    const std::string expected = bytes.substr(0, offset) +
-                                 std::string(inserted.c_str(), inserted.length()) +
-                                 bytes.substr(offset);
+    const std::string added(inserted.c_str(), inserted.length());
+    const std::string expected = bytes.substr(0, offset) + added + bytes.substr(offset);
     const bool reachable = index < chars || forwardComplete;
     for (int range = 0; range < 2 && reachable; ++range) {
         Utf8Array copy = text;
@@ -140,22 +122,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // A byte that opens no sequence is replaced on its own.
         const std::size_t oldLength = std::max(1u, at->length());
         *at = inserted;
-        const std::string replaced = bytes.substr(0, offset) +
-                                     std::string(inserted.c_str(), inserted.length()) +
-                                     bytes.substr(offset + oldLength);
-        check(copy.str() == replaced, "writing through an iterator changed the wrong bytes", bytes);
+        check(copy.str() == bytes.substr(0, offset) + added + bytes.substr(offset + oldLength),
+              "writing through an iterator changed the wrong bytes", bytes);
         check(text.str() == bytes, "writing into a copy changed the original", bytes);
-    }
-    // An iterator of another array is refused before anything changes.
-    {
-        Utf8Array other = text;
-        Utf8Array stranger("x");
-        try {
-            other.insert(stranger.begin(), bytes.begin(), bytes.end());
-            fuzzing::fail("insert accepted another array's iterator");
-        } catch (const Tamtk::Utf8Exception&) {
-        }
-        check(other.str() == bytes, "a refused insert changed the array", bytes);
     }
     return 0;
 }

@@ -19,10 +19,7 @@ public:
 // Collects "severity text" lines.
 Osk::Reporter collect(std::vector<std::string>& into) {
     return [&into](const Tamlog::severity_mask& s, const std::string& text) {
-        into.push_back((s.equal(Tamlog::sev::warning)    ? "warning "
-                        : s.equal(Tamlog::sev::critical) ? "critical "
-                                                         : "other ") +
-                       text);
+        into.push_back(Tamlog::severityName(s) + " " + text);
     };
 }
 

@@ -23,8 +23,7 @@ def alert_events(numbers):
 
 
 def as_built(raw):
-    """A mail as the channel built it, but for its Date: without the lines
-    the Maildir agent puts in front of the mail it stores."""
+    """A mail without its Date and the lines the Maildir agent puts in front."""
     raw = re.sub(rb"\A(?:(?:Message-ID|Auto-Submitted): .*\n)+", b"", raw)
     return re.sub(rb"^Date: .*\n", b"", raw, count=1, flags=re.M)
 
@@ -40,8 +39,7 @@ class DigestTest(HostTest):
         return channel_config(DIGEST_AGENT, params, GROUPS, defaults_extra=DEFAULTS, tokens=TOKENS)
 
     def delivered(self):
-        """(single mails, digests, {alert number: [raw alert]}) in the Maildir;
-        every digest is checked on the way."""
+        """(single mails, checked digests, {alert number: [raw alert]}) in the Maildir."""
         singles, digests, alerts = [], [], {}
         for path in sorted((self.dir / "mail" / "new").glob("*")):
             raw = path.read_bytes()
@@ -58,8 +56,7 @@ class DigestTest(HostTest):
         return singles, digests, alerts
 
     def check_digest(self, raw, msg):
-        """The alerts of a digest as raw bytes, after checking its headers,
-        its structure and its summary against them."""
+        """The raw alerts of a digest whose headers, structure and summary are checked."""
         self.assertEqual([], [p.defects for p in msg.walk() if p.defects])
         self.assertEqual((["auto-generated"], 1),
                          (msg.get_all("Auto-Submitted"), len(msg.get_all("Message-ID"))))

@@ -1,8 +1,5 @@
-"""Shared pieces of the osk-host end-to-end tests: the build's programs (from
-the environment CTest sets), a scratch directory per test, running osk-host,
-configurations, reading the mail it produced and a real SMTP server.
-
-Run with Debian's /usr/bin/python3 (python3-aiosmtpd for the SMTP server)."""
+"""Shared pieces of the osk-host end-to-end tests and benchmark; run with
+Debian's /usr/bin/python3 (python3-aiosmtpd for the SMTP server)."""
 
 import collections
 import email
@@ -76,13 +73,12 @@ class HostTest(unittest.TestCase):
         path.write_bytes(text.encode("utf-8") if isinstance(text, str) else text)
         return path
 
-    def host(self, config, events=None, stdin=None, args=(), env=None):
-        """Runs osk-host in the scratch directory with `config` (text) and
-        `events` (text, written to events.xml) or `stdin`."""
+    def host(self, config, events=None, args=(), env=None):
+        """osk-host in the scratch directory on `config` and `events` (texts)."""
         command = [OSK_HOST, "--config", self.write("config.xml", config)]
         if events is not None:
             command += ["--events", self.write("events.xml", events)]
-        return run(*command, *args, stdin=stdin, cwd=self.dir, env=env)
+        return run(*command, *args, cwd=self.dir, env=env)
 
     def live_host(self, config, args=(), env=None, stderr_limit=None):
         """osk-host reading standard input from the test as it goes; see LiveHost."""
@@ -102,11 +98,8 @@ class HostTest(unittest.TestCase):
 
 
 class LiveHost:
-    """A running osk-host: the test writes its events with send() (or has
-    generate(pipe) write them from a thread) while another thread collects
-    standard error into `seen`, noting when the summary line came. With
-    `stderr_limit`, standard error is closed after that many bytes, like
-    `| head -c`."""
+    """A running osk-host fed by send() or generate(); a thread collects standard
+    error into `seen` (closing it after `stderr_limit` bytes, like `| head -c`)."""
 
     def __init__(self, command, cwd, env=None, stderr_limit=None):
         self.started = time.monotonic()
@@ -154,8 +147,7 @@ class LiveHost:
         return condition()
 
     def finish(self, text="", close=True):
-        """Sends the rest of the stream and closes it (or, with close=False,
-        leaves it to a signal or a writer); osk-host's exit status."""
+        """osk-host's exit status, after the rest of the stream (closed unless `close` is False)."""
         if text:
             self.send(text)
         if close and self.process.stdin:
@@ -181,17 +173,16 @@ class LiveHost:
             self.process.stdin.close()
 
 
-def run(*command, stdin=None, cwd=None, env=None):
+def run(*command, cwd=None, env=None):
     """Runs a program to its end (bounded by TIMEOUT) as a HostResult."""
-    done = subprocess.run([str(c) for c in command], input=(stdin or "").encode("utf-8"),
-                          capture_output=True, cwd=cwd, env=_clean_env(env), timeout=TIMEOUT)
+    done = subprocess.run([str(c) for c in command], stdin=subprocess.DEVNULL, capture_output=True,
+                          cwd=cwd, env=_clean_env(env), timeout=TIMEOUT)
     return HostResult(done.returncode, done.stdout.decode("utf-8", "replace"),
                       done.stderr.decode("utf-8", "replace"))
 
 
 def _clean_env(extra):
-    """The test's environment without the locale variables the channel reads,
-    so that only what a test sets chooses the charset."""
+    """Without the locale variables the channel reads: only a test's own choose the charset."""
     env = {k: v for k, v in os.environ.items() if k not in ("TAM_LANG", "LANGUAGE")}
     env.update(extra or {})
     return env
@@ -221,8 +212,7 @@ def stylesheet(name, body):
 
 
 def group(message, *ids, enabled="yes", extra=""):
-    """An event group sending `message` for the events `ids`; `extra` (a
-    subject, extra headers) goes between the two."""
+    """An event group sending `message` for `ids`, `extra` (a subject, headers) between."""
     events = "".join(f'<Event id="{i}" enabled="{enabled}"/>' for i in ids)
     return f'<EventGroup enabled="yes"><Message>{message}</Message>{extra}{events}</EventGroup>\n'
 
@@ -234,8 +224,7 @@ def alarm(host):
 
 def channel_config(agent_lib, agent_params, groups, defaults_extra="", tokens="",
                    recipients=RECIPIENTS):
-    """A configuration with the tests' common sender, subject and
-    recipients; `groups` is the text between Tokens and EmailAgent."""
+    """A configuration of the tests' sender, subject and recipients; `groups` after Tokens."""
     params = "".join(f'    <Param name="{n}" value="{v}"/>\n' for n, v in agent_params)
     rcpts = "".join(f'      <Recipient value="{r}"/>\n' for r in recipients)
     return f"""<?xml version="1.0" encoding="UTF-8"?>
@@ -264,10 +253,8 @@ def events_xml(*events):
 
 
 class SmtpServer:
-    """smtp_server.py on 127.0.0.1: what it accepted, parsed.
-    stop() and start() keep the port, so a client sees the same server go
-    down and come back; freeze() makes it hang with its connections open.
-    Without a `directory` it keeps no record (a benchmark's server)."""
+    """smtp_server.py on 127.0.0.1, recording into `directory`; stop() and start()
+    keep the port; freeze() hangs it with its connections open."""
 
     def __init__(self, directory):
         self.record = directory and pathlib.Path(directory) / "smtp-record"

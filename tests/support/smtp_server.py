@@ -14,18 +14,12 @@ when it is killed before replying:
 exactly what arrived after the DATA command, dot-unstuffing undone, line
 ends untouched.
 
-Scripted refusals:
-  * a recipient whose local part starts with "r450." or "r550." (any
-    three-digit code) is refused with that code;
-  * a message holding a header line "X-Test-Reply: 451 text" gets that reply
-    to its data instead of being accepted;
-  * with --mail-reply "451 text", every MAIL FROM gets that reply: a relay
-    that refuses everything;
-  * with --delay SECONDS, each message is answered that much later (other
-    connections go on meanwhile), like a relay that does real work;
-  * with --die-once FILE, a message holding a line "X-Test-Die: yes" is
-    recorded and then the server exits without answering, as if it crashed
-    at that moment; FILE is created so that a restarted server does not.
+Scripted: a recipient "r450.x@..." or "r550.x@..." (any 4xx/5xx code) is
+refused with that code; a header line "X-Test-Reply: 451 text" is the reply
+to DATA; --mail-reply answers every MAIL FROM; --delay SECONDS answers each
+message later (other connections go on); with --die-once FILE, a message with
+a line "X-Test-Die: yes" is recorded, then the server exits unanswered, as if
+it crashed, and FILE keeps a restarted server from doing it again.
 """
 
 import argparse
