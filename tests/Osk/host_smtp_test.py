@@ -75,11 +75,11 @@ class OutageTest(SmtpHostTest):
         self.feed(run, 0, 300)
         # The server dies with about 300 through; the next 400 come during
         # its absence, the last 300 after its return.
-        self.assertTrue(run.wait_for(lambda: len(server.messages()) >= 250))
+        self.assertTrue(run.wait_for(lambda: server.count() >= 250))
         server.stop()
         self.feed(run, 300, 400)
         # Every alert so far went through or waits.
-        self.assertTrue(run.wait_for(lambda: self.waiting() + len(server.messages()) >= 700))
+        self.assertTrue(run.wait_for(lambda: self.waiting() + server.count() >= 700))
         server.start()
         self.feed(run, 700, 300)
         self.assertEqual(0, run.finish("</Events>\n"), run.stderr())

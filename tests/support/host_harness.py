@@ -277,16 +277,19 @@ class SmtpServer:
     def freeze(self, frozen):
         self.process.send_signal(signal.SIGSTOP if frozen else signal.SIGCONT)
 
+    def records(self):
+        """The record's message lines, split into their fields."""
+        lines = self.record.read_text().splitlines() if self.record and self.record.exists() else []
+        return [parts for parts in (line.split(" ") for line in lines) if parts[0] == "M"]
+
     def messages(self):
         """[(envelope sender, [recipients], parsed message)] in arrival order."""
-        out = []
-        if self.record and self.record.exists():
-            for line in self.record.read_text().splitlines():
-                parts = line.split(" ")
-                if parts[0] == "M":
-                    out.append((parts[4], parts[5].split(",") if parts[5] else [],
-                                parse_mail(bytes.fromhex(parts[6]))))
-        return out
+        return [(parts[4], parts[5].split(",") if parts[5] else [], parse_mail(bytes.fromhex(parts[6])))
+                for parts in self.records()]
+
+    def count(self):
+        """How many messages arrived, without parsing them (cheap enough to poll)."""
+        return len(self.records())
 
     def stop(self):
         # Each line of the record is flushed before the reply: nothing is lost.
