@@ -133,8 +133,11 @@ std::size_t EventScanner::scan(const char* data, std::size_t size, std::string& 
                                Dropped& dropped, bool& hadDrop) {
     hadDrop = false;
     for (std::size_t i = 0; i < size; ++i) {
-        if (state_ == text && data[i] != '<' && (i += takeText(data + i, size - i, out)) == size)
-            break;
+        if (state_ == text && data[i] != '<') {
+            i += takeText(data + i, size - i, out);
+            if (i == size)
+                break;
+        }
         const char c = data[i];
         bool ended = false;  // this byte ends the current event
         ++run_;

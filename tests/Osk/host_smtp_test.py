@@ -8,7 +8,7 @@ import os
 import time
 import unittest
 
-from host_harness import SMTP_AGENT, HostTest, SmtpServer, channel_config, group
+from host_harness import SMTP_AGENT, SmtpSpoolTest, channel_config, group
 
 TOKENS = '<Token name="n" xpath="/e/@n"/>'
 
@@ -17,14 +17,8 @@ def event(n):
     return f'<Event id="1"><e n="{n}"/></Event>\n'
 
 
-class SmtpHostTest(HostTest):
+class SmtpHostTest(SmtpSpoolTest):
     """What the tests below share; two classes, so that CTest runs them side by side."""
-
-    def setUp(self):
-        super().setUp()
-        self.spool = self.dir / "spool"
-        self.server = SmtpServer(self.dir)
-        self.addCleanup(self.server.stop)
 
     def run_host(self, url, **extra):
         """osk-host with the SMTP agent, its event stream opened."""

@@ -9,8 +9,8 @@ import os
 import subprocess
 import unittest
 
-from host_harness import (DEAD_URL, HOST_TOKEN, OSK_SPOOL, SMTP_AGENT, SUBJECT, TIMEOUT, HostTest,
-                          SmtpServer, alarm, channel_config, events_xml, group, run)
+from host_harness import (DEAD_URL, HOST_TOKEN, OSK_SPOOL, SMTP_AGENT, SUBJECT, TIMEOUT,
+                          SmtpSpoolTest, alarm, channel_config, events_xml, group, run)
 
 GROUPS = group("Disk on %host% is full.", 100)
 # The subject goes out in ISO-8859-15, so listing it takes a charset conversion.
@@ -18,12 +18,9 @@ CHARSET = '<Charset enabled="yes" locale="de" charset="ISO-8859-15"/>'
 REFUSED = "r550.gone@example.org"
 
 
-class SpoolToolTest(HostTest):
+class SpoolToolTest(SmtpSpoolTest):
     def setUp(self):
         super().setUp()
-        self.spool = self.dir / "spool"
-        self.server = SmtpServer(self.dir)
-        self.addCleanup(self.server.stop)
         self.flush_config = self.config(self.server.url, name="flush.xml")
 
     def config(self, url, recipients=("ops@example.com",), name="config.xml"):

@@ -299,6 +299,16 @@ class SmtpServer:
             pipe.close()
 
 
+class SmtpSpoolTest(HostTest):
+    """A host test with an SMTP test server and a spool directory for the agent."""
+
+    def setUp(self):
+        super().setUp()
+        self.spool = self.dir / "spool"
+        self.server = SmtpServer(self.dir)
+        self.addCleanup(self.server.stop)
+
+
 # The long stream of the memory test and benchmark: one event in EVERY is
 # rendered in full (XPath, stylesheet, constant, extra headers).
 SHOUT = ('<xsl:output method="text"/><xsl:param name="locale"/><xsl:template match="/">'
