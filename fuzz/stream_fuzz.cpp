@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "FuzzCheck.h"
-#include "Osk/EventStream.h"
+#include "Programs/osk-host/EventStream.h"
 #include "XmlToolkit/Xml.h"
 
 namespace {

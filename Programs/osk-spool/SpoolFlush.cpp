@@ -1,4 +1,4 @@
-#include "Osk/SpoolFlush.h"
+#include "Programs/osk-spool/SpoolFlush.h"
 
 #include <chrono>
 

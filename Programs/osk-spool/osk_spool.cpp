@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Agents/smtp/Spool.h"
-#include "Osk/SpoolFlush.h"
-#include "Osk/SpoolListing.h"
+#include "Programs/osk-spool/SpoolFlush.h"
+#include "Programs/osk-spool/SpoolListing.h"
 #include "Toolkit/Exception.h"
 
 namespace {

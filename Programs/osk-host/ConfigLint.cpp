@@ -7,7 +7,7 @@
 #include <map>
 #include <vector>
 
-#include "Osk/ConfigCheck.h"
+#include "Programs/osk-host/ConfigCheck.h"
 #include "Toolkit/Exceptions.h"
 #include "XmlToolkit/Xml.h"
 

@@ -1,4 +1,4 @@
-#include "Osk/EncodedWords.h"
+#include "Programs/osk-spool/EncodedWords.h"
 
 #include <iconv.h>
 

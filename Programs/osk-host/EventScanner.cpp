@@ -1,4 +1,4 @@
-#include "Osk/EventScanner.h"
+#include "Programs/osk-host/EventScanner.h"
 
 #include <libxml/parserInternals.h>
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Osk/EventStream.h"
+#include "Programs/osk-host/EventStream.h"
 #include "XmlToolkit/Xml.h"
 
 namespace {

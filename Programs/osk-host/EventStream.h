@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Osk/ChannelEvent.h"
-#include "Osk/EventScanner.h"
+#include "Programs/osk-host/EventScanner.h"
 
 namespace Osk {
 

@@ -18,9 +18,9 @@
 #include <string>
 
 #include "Osk/Channel.h"
-#include "Osk/ConfigCheck.h"
-#include "Osk/EventStream.h"
-#include "Osk/HostLog.h"
+#include "Programs/osk-host/ConfigCheck.h"
+#include "Programs/osk-host/EventStream.h"
+#include "Programs/osk-host/HostLog.h"
 #include "XmlToolkit/Xml.h"
 
 namespace {

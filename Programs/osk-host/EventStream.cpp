@@ -1,4 +1,4 @@
-#include "Osk/EventStream.h"
+#include "Programs/osk-host/EventStream.h"
 
 #include <fcntl.h>
 #include <libxml/SAX2.h>

@@ -1,4 +1,4 @@
-#include "Osk/SpoolListing.h"
+#include "Programs/osk-spool/SpoolListing.h"
 
 #include <sys/stat.h>
 
@@ -6,7 +6,7 @@
 #include <cctype>
 #include <cstdio>
 
-#include "Osk/EncodedWords.h"
+#include "Programs/osk-spool/EncodedWords.h"
 #include "Toolkit/Exception.h"
 
 namespace Osk {

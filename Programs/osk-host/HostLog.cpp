@@ -1,4 +1,4 @@
-#include "Osk/HostLog.h"
+#include "Programs/osk-host/HostLog.h"
 
 #include <cstdio>
 

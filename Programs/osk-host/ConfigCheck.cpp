@@ -1,4 +1,4 @@
-#include "Osk/ConfigCheck.h"
+#include "Programs/osk-host/ConfigCheck.h"
 
 #include <dlfcn.h>
 

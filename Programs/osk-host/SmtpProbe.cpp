@@ -10,7 +10,7 @@
 #include <sstream>
 #include <vector>
 
-#include "Osk/ConfigCheck.h"
+#include "Programs/osk-host/ConfigCheck.h"
 
 namespace Osk {
 namespace internal {
