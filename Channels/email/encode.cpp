@@ -24,7 +24,7 @@ namespace {
 const int _pieceLength = 57;
 const std::size_t _lineLength = 76;
 
-enum _WrapMode { WrapBody = 0, WrapHeader = 1 };
+enum WrapMode { WrapBody = 0, WrapHeader = 1 };
 
 // Appends Base64 lines of 76 characters (the last one shorter; one empty
 // line for no data): the Base64 is written in one piece, then spread into
@@ -51,7 +51,7 @@ void _appendBase64Lines(std::string& text, const char* data, std::size_t length)
 // with a tab. The cut is by bytes, so a multi-byte character may be split
 // across two words; decoders join adjacent words before decoding.
 std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int length,
-                   _WrapMode mode, Tamnet::Rfc2047Encoding encoding) {
+                   WrapMode mode, Tamnet::Rfc2047Encoding encoding) {
     std::string lines;
     if (charset == nullptr) {
         _appendBase64Lines(lines, data, static_cast<std::size_t>(length));

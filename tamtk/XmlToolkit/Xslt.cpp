@@ -89,17 +89,17 @@ bool _stripsSpace(xsltStylesheetPtr style) {
     return false;
 }
 
-struct _DocFree {
+struct DocFree {
     void operator()(xmlDocPtr doc) const { xmlFreeDoc(doc); }
 };
-typedef std::unique_ptr<xmlDoc, _DocFree> _DocHolder;
+typedef std::unique_ptr<xmlDoc, DocFree> DocHolder;
 
-struct _ContextFree {
+struct ContextFree {
     void operator()(xsltTransformContextPtr context) const { xsltFreeTransformContext(context); }
 };
 
 // Where the serialised result goes, and how much more of it may come.
-struct _Sink {
+struct Sink {
     std::string& out;
     std::size_t bound;
     std::size_t left;
@@ -109,7 +109,7 @@ struct _Sink {
 // Called from inside libxml2: must not let an exception through. Refusing a
 // write fails the whole serialisation.
 int _writeToSink(void* context, const char* data, int length) {
-    _Sink& sink = *static_cast<_Sink*>(context);
+    Sink& sink = *static_cast<Sink*>(context);
     const std::size_t size = static_cast<std::size_t>(length);
     if (size > sink.left) {
         sink.over = true;
@@ -126,7 +126,7 @@ int _writeToSink(void* context, const char* data, int length) {
 
 // Serialises the result as xsltSaveResultToString would (same encoding
 // choice, same handling of xsl:output), but straight into the stream.
-void _write(_Sink& sink, xmlDocPtr result, xsltStylesheetPtr style,
+void _write(Sink& sink, xmlDocPtr result, xsltStylesheetPtr style,
             const internal::ErrorScope& errors) {
     const xmlChar* encoding = nullptr;
     XSLT_GET_IMPORT_PTR(encoding, style, encoding)
@@ -175,7 +175,7 @@ boost::shared_ptr<Xslt> make_transform(boost::shared_ptr<const Document> documen
     internal::ErrorScope errors;
     // libxslt takes the document over and rewrites it while compiling; the
     // caller's document stays untouched.
-    _DocHolder copy(xmlCopyDoc(document->get(), 1));
+    DocHolder copy(xmlCopyDoc(document->get(), 1));
     if (!copy) {
         TAMTK_THROW(XmlException, _source, "Could not compile stylesheet: " << errors.text());
     }
@@ -210,7 +210,7 @@ void _transform(std::string& out, const boost::shared_ptr<const Xslt>& xslt,
 
     // Whitespace stripping edits the source tree; a shared document must not
     // change under its other users, so such stylesheets work on a copy.
-    _DocHolder copy;
+    DocHolder copy;
     xmlDocPtr source = document->get();
     if (xslt->stripsSpace()) {
         copy.reset(xmlCopyDoc(source, 1));
@@ -220,7 +220,7 @@ void _transform(std::string& out, const boost::shared_ptr<const Xslt>& xslt,
         source = copy.get();
     }
 
-    std::unique_ptr<xsltTransformContext, _ContextFree> context(
+    std::unique_ptr<xsltTransformContext, ContextFree> context(
         xsltNewTransformContext(style, source));
     if (!context) {
         TAMTK_THROW(XmlException, _source, "Could not apply stylesheet: " << errors.text());
@@ -241,8 +241,8 @@ void _transform(std::string& out, const boost::shared_ptr<const Xslt>& xslt,
                     "Could not pass parameter '" << paramName << "': " << errors.text());
     }
 
-    _Sink sink{out, limits.output, limits.output, false};
-    _DocHolder result;
+    Sink sink{out, limits.output, limits.output, false};
+    DocHolder result;
     {
         // Serialising is part of the run: its time and memory count too.
         internal::RunBound bound(context.get(), limits.time, limits.memory());
