@@ -10,20 +10,33 @@
 //
 // `message` is the complete mail (headers and body, line feeds only,
 // NUL-terminated); `params` are the <EmailAgent> parameters of the
-// configuration, passed unchanged. Failures are signalled by exceptions.
+// configuration, passed unchanged.
 //
-// An exception that also derives from EmailChannel::AlertLost says that no
-// copy of the mail was delivered or kept anywhere (or a recipient's copy,
-// when the others got theirs): the alert is lost. A toolkit exception
-// without that mark means the mail was kept (a spool, a folder of refused
-// mail) or partly delivered, and its text says where. An exception that is
-// no toolkit exception says nothing of the mail, so it counts as lost. The
-// channel counts lost alerts for its host.
+// Every outcome of a delivery has one meaning, and callers (the channel,
+// an agent in front of another, the host's tools) decide from the type
+// alone, never from the text:
+//
+// - `sendEmail` returns normally: the mail was delivered to every
+//   recipient.
+// - It throws an exception that derives from EmailChannel::AlertKept: a copy
+//   of the mail (or of each undelivered recipient's part) is kept where it
+//   will be delivered from later or where an operator finds it (a spool, a
+//   hold, a folder of refused mail). The alert is not lost; the text says
+//   where the copy is. Whoever called must not send it again.
+// - It throws anything else: no copy was kept, the alert (or a recipient's
+//   part of it) is lost. An exception that derives from
+//   EmailChannel::AlertLost says so explicitly; an exception of any other
+//   type, toolkit or not, means the same, since nothing vouches for a copy.
+//   An exception with both marks is a loss.
 //
 // A call with a null `message` and an empty `to` is a check, made by
 // `osk-host --check`: the agent reads `params` as it would for a delivery
 // and throws what it would throw for them, but sends, writes, connects and
-// starts nothing.
+// starts nothing. A call with a null `message` and a non-empty `to` is a
+// probe, made by `osk-host --check --probe`: the check, then the agent
+// reaches whatever it delivers through as a delivery to `to` would (connect,
+// TLS, sign in), sends no mail, and throws a text that names the step that
+// failed; it creates nothing on disk.
 
 #include <map>
 #include <string>
@@ -37,8 +50,14 @@ namespace EmailChannel {
 // Recipients in configuration order.
 typedef std::vector<Tamnet::EmailAddr> ToList;
 
-// The mark of a lost alert. It is matched by its type's name, so the channel
-// recognises it in any agent library, however that library was loaded.
+// The marks of a kept and of a lost alert. They are matched by their types'
+// names, so a caller recognises them in any agent library, however that
+// library was loaded.
+class __attribute__((visibility("default"))) AlertKept {
+public:
+    virtual ~AlertKept() {}
+};
+
 class __attribute__((visibility("default"))) AlertLost {
 public:
     virtual ~AlertLost() {}

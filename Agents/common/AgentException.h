@@ -17,8 +17,17 @@ struct delivery_tag;
 typedef Tamtk::ExceptionT<agent_tag> AgentException;
 // A parameter of the <EmailAgent> element is unknown or has a bad value.
 typedef Tamtk::ExceptionT<param_tag, AgentException> AgentParamException;
-// A message could not be delivered (completely); the text says where it went.
+// A message could not be delivered (completely). Thrown as it is, it counts
+// as a loss: only KeptException vouches for a copy.
 typedef Tamtk::ExceptionT<delivery_tag, AgentException> DeliveryException;
+
+// Not delivered (to every recipient), but a copy is kept: in a spool that
+// retries it, a hold, or a folder of refused mail. The text says where.
+class KeptException : public DeliveryException, public EmailChannel::AlertKept {
+public:
+    KeptException(const Tamtk::ExceptionString& message, const Tamtk::Location& where) noexcept
+        : DeliveryException(message, where) {}
+};
 
 // Nothing kept the message (or one recipient's copy of it): the channel
 // counts the alert as lost. The text ends saying so.
