@@ -36,7 +36,10 @@
 // probe, made by `osk-host --check --probe`: the check, then the agent
 // reaches whatever it delivers through as a delivery to `to` would (connect,
 // TLS, sign in), sends no mail, and throws a text that names the step that
-// failed; it creates nothing on disk.
+// failed; it creates nothing on disk. A check or probe that finds the
+// parameters usable but something worth a warning (a secret file others may
+// read, one relay of several silent) throws an exception that derives from
+// EmailChannel::CheckWarning; its text is the warning.
 
 #include <map>
 #include <string>
@@ -61,6 +64,11 @@ public:
 class __attribute__((visibility("default"))) AlertLost {
 public:
     virtual ~AlertLost() {}
+};
+
+class __attribute__((visibility("default"))) CheckWarning {
+public:
+    virtual ~CheckWarning() {}
 };
 
 typedef void SendEmailFn(const Tamnet::EmailAddr& from, const ToList& to, const char* message,
