@@ -213,7 +213,7 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
                                        << "); the alert is lost");
         }
         noteSpooled(false, false, downSince);
-        TAMTK_THROW(DeliveryException, _source,
+        TAMTK_THROW(KeptException, _source,
                     "SMTP agent (" << settings_.url << "): the server could not be reached at "
                                    << "the last attempt (" << downSince
                                    << "); the message was kept in the spool \"" << spool_->dir()
@@ -240,7 +240,7 @@ void SmtpAgent::send(const std::string& from, const std::vector<std::string>& to
     if (lost) {
         TAMTK_THROW(LostException, _source, describe(settled, to.size(), result.relay));
     }
-    TAMTK_THROW(DeliveryException, _source, describe(settled, to.size(), result.relay));
+    TAMTK_THROW(KeptException, _source, describe(settled, to.size(), result.relay));
 }
 
 SmtpAgent::Settled SmtpAgent::settle(const SpooledMessage& message, const Attempt& attempt,
