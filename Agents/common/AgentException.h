@@ -29,6 +29,15 @@ public:
         : DeliveryException(message, where) {}
 };
 
+// What a check or probe warns of: the parameters work, but the text names
+// something the operator should fix (a secret file others may read).
+class CheckWarningException : public AgentException, public EmailChannel::CheckWarning {
+public:
+    CheckWarningException(const Tamtk::ExceptionString& message,
+                          const Tamtk::Location& where) noexcept
+        : AgentException(message, where) {}
+};
+
 // Nothing kept the message (or one recipient's copy of it): the channel
 // counts the alert as lost. The text ends saying so.
 class LostException : public DeliveryException, public EmailChannel::AlertLost {
