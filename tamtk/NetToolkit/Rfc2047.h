@@ -2,7 +2,8 @@
 
 // RFC 2047 encoded words: one run of bytes, already in the target character
 // set, becomes exactly one word "=?charset?B?...?=" or "=?charset?Q?...?=".
-// Nothing is split or folded here, so a long input makes one long word.
+// encodeRfc2047 neither splits nor folds, so a long input makes one long
+// word; appendFoldedRfc2047 writes a header value of folded words.
 
 #include <cctype>
 #include <cstddef>
@@ -96,6 +97,19 @@ OutputItr encodeRfc2047(const char* charset, InputItr begin, InputItr end, Outpu
     out = encoding == B ? base64(begin, end, out) : internal::rfc2047::q_encode(begin, end, out);
     return internal::emitChars("?=", 2, out);
 }
+
+// Bytes of text in each word that appendFoldedRfc2047 writes: 57 bytes make
+// 76 Base64 characters, and the word with its charset fits a header line.
+constexpr std::size_t FoldedWordBytes = 57;
+
+// Appends [data, data + length) as the value of a header field: words of at
+// most FoldedWordBytes bytes each, one to a line, each line ended by a line
+// feed and every line after the first begun with a tab, so that they fold
+// into one field. The cut is by bytes, so a multi-byte character may be
+// split between two words; decoders join adjacent words before converting
+// them. No bytes make one empty word.
+TAMTK_API void appendFoldedRfc2047(std::string& out, const char* charset, const char* data,
+                                   std::size_t length, Rfc2047Encoding encoding);
 
 // The encoded word of [data, data + length) as a new string.
 TAMTK_API std::string encodeRfc2047(const char* charset, const char* data, unsigned int length,

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "NetToolkit/Base64.h"
+#include "NetToolkit/Base64Decode.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ std::string openssl(const unsigned char* bytes, std::size_t length) {
 }
 
 // Every kind of input and output iterator writes what OpenSSL writes, and
-// nothing past it.
+// nothing past it; the decoder reads it back.
 TEST(Base64, EveryLengthAndIteratorKindMatchesOpenSSL) {
     std::mt19937 rng(2024);
     std::vector<std::size_t> lengths = {3071, 3072, 3073, 6145};  // around the block size
@@ -48,6 +49,11 @@ TEST(Base64, EveryLengthAndIteratorKindMatchesOpenSSL) {
         char* end = Tamnet::base64(list.begin(), list.end(), buffer.data());
         EXPECT_EQ(std::string(buffer.data(), end), expected) << length;
         EXPECT_EQ(*end, '#') << "writes nothing past its text";
+        std::string back;
+        const std::string bare = expected.substr(0, expected.find('='));
+        EXPECT_TRUE(Tamnet::unbase64(bare.data(), bare.size(), back) &&
+                    Tamnet::unbase64(expected.data(), expected.size(), back));
+        EXPECT_EQ(back, bytes + bytes) << "reads its text back, padded or not";
     }
 }
 
