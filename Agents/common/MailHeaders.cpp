@@ -5,7 +5,8 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstring>
+
+#include "NetToolkit/HeaderBlock.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -30,18 +31,6 @@ std::string _idHost() {
     return host;
 }
 
-bool _isName(const char* line, std::size_t length, const char* name) {
-    const std::size_t n = std::strlen(name);
-    if (length <= n || strncasecmp(line, name, n) != 0) {
-        return false;
-    }
-    std::size_t i = n;
-    while (i < length && (line[i] == ' ' || line[i] == '\t')) {
-        ++i;
-    }
-    return i < length && line[i] == ':';
-}
-
 }  // namespace
 
 std::string newMessageId() {
@@ -56,37 +45,14 @@ std::string newMessageId() {
 }
 
 std::string missingHeaders(const char* message) {
-    bool haveId = false;
-    bool haveAuto = false;
-    const char* eol = "\n";
-    bool first = true;
-    for (const char* line = message; *line;) {
-        const char* end = std::strchr(line, '\n');
-        const std::size_t length = end ? static_cast<std::size_t>(end - line) : std::strlen(line);
-        std::size_t text = length;
-        if (text > 0 && line[text - 1] == '\r') {
-            --text;
-        }
-        if (first) {
-            eol = text < length ? "\r\n" : "\n";
-            first = false;
-        }
-        if (text == 0) {
-            break;  // the header ends at the first empty line
-        }
-        haveId = haveId || _isName(line, text, "Message-ID");
-        haveAuto = haveAuto || _isName(line, text, "Auto-Submitted");
-        if (!end) {
-            break;
-        }
-        line = end + 1;
-    }
+    const Tamnet::HeaderBlock block(message);
+    const std::string eol = block.lineEnd();
     std::string out;
-    if (!haveId) {
+    if (!block.find("Message-ID")) {
         out += "Message-ID: " + newMessageId() + eol;
     }
-    if (!haveAuto) {
-        out += std::string("Auto-Submitted: auto-generated") + eol;
+    if (!block.find("Auto-Submitted")) {
+        out += "Auto-Submitted: auto-generated" + eol;
     }
     return out;
 }

@@ -15,13 +15,5 @@ namespace EmailAgents {
 std::string buildDigest(const std::vector<std::string>& mails, long time,
                         const std::string& messageId);
 
-// The unfolded value of the first header field `name` (any case) in the
-// mail's header block; empty when there is none.
-std::string headerValue(const std::string& mail, const char* name);
-
-// A header value with its RFC 2047 encoded words decoded, in UTF-8. Bytes
-// the word's charset does not know become U+FFFD.
-std::string decodeWords(const std::string& value);
-
 }  // namespace EmailAgents
 }  // namespace Osk

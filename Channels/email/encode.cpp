@@ -1,7 +1,6 @@
 #include "Channels/email/encode.h"
 
 #include <cstring>
-#include <iterator>
 #include <ostream>
 #include <stdexcept>
 
@@ -21,10 +20,7 @@ const char* const boundary = "---- =_EmailAlerter.Boundary";
 namespace {
 
 // 57 bytes of converted text make 76 Base64 characters: one line.
-const int _pieceLength = 57;
 const std::size_t _lineLength = 76;
-
-enum WrapMode { WrapBody = 0, WrapHeader = 1 };
 
 // Appends Base64 lines of 76 characters (the last one shorter; one empty
 // line for no data): the Base64 is written in one piece, then spread into
@@ -46,36 +42,17 @@ void _appendBase64Lines(std::string& text, const char* data, std::size_t length)
     }
 }
 
-// Without a charset, `data` is the body: plain Base64 lines. With one, it is
-// a header value: lines of one encoded word each, continuation lines folded
-// with a tab. The cut is by bytes, so a multi-byte character may be split
-// across two words; decoders join adjacent words before decoding.
-std::ostream& wrap(std::ostream& out, const char* charset, const char* data, int length,
-                   WrapMode mode, Tamnet::Rfc2047Encoding encoding) {
-    std::string lines;
-    if (charset == nullptr) {
-        _appendBase64Lines(lines, data, static_cast<std::size_t>(length));
-    } else {
-        const char* const end = data + length;
-        const char* piece = data;
-        do {
-            const char* pieceEnd = (end - piece > _pieceLength) ? piece + _pieceLength : end;
-            if (piece != data && mode == WrapHeader) {
-                lines += '\t';
-            }
-            Tamnet::encodeRfc2047(charset, piece, pieceEnd, std::back_inserter(lines), encoding);
-            lines += '\n';
-            piece = pieceEnd;
-        } while (piece < end);
-    }
+std::ostream& _write(std::ostream& out, const std::string& lines) {
     return out.write(lines.data(), static_cast<std::streamsize>(lines.size()));
 }
 
+// A header value as lines of one encoded word each, folded with a tab.
 std::ostream& encodeHeaderLine(std::ostream& out, const char* charset, const Tamtk::Utf8Array& text,
                                unsigned int limit) {
     const CharsetString converted = make_charset(charset, text, limit);
-    return wrap(out, charset, converted.bytes.get(), static_cast<int>(converted.length), WrapHeader,
-                Tamnet::B);
+    std::string lines;
+    Tamnet::appendFoldedRfc2047(lines, charset, converted.bytes.get(), converted.length, Tamnet::B);
+    return _write(out, lines);
 }
 
 std::ostream& encodeSubjectLine(std::ostream& out, const char* charset,
@@ -97,8 +74,9 @@ std::ostream& encodeExtraHeaders(std::ostream& out, const char* charset,
 
 std::ostream& encodeBody(std::ostream& out, const char* charset, const Tamtk::Utf8Array& body) {
     const CharsetString converted = make_charset(charset, body, noLimit);
-    return wrap(out, nullptr, converted.bytes.get(), static_cast<int>(converted.length), WrapBody,
-                Tamnet::B);
+    std::string lines;
+    _appendBase64Lines(lines, converted.bytes.get(), converted.length);
+    return _write(out, lines);
 }
 
 }  // namespace

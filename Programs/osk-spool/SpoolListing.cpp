@@ -3,27 +3,59 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 
-#include "Programs/osk-spool/EncodedWords.h"
+#include "NetToolkit/HeaderBlock.h"
+#include "NetToolkit/Rfc2047Decode.h"
 #include "Toolkit/Exception.h"
+#include "Toolkit/Printable.h"
 
 namespace Osk {
 
 namespace {
 
-bool _isSubject(const std::string& line) {
-    static const char name[] = "subject:";
-    if (line.size() < sizeof name - 1) {
-        return false;
-    }
-    for (std::size_t i = 0; i < sizeof name - 1; ++i) {
-        if (std::tolower(static_cast<unsigned char>(line[i])) != name[i]) {
-            return false;
+// `text` with every byte that is not UTF-8 replaced by U+FFFD.
+std::string _validUtf8(const std::string& text) {
+    static const char replacement[] = "\xEF\xBF\xBD";
+    std::string out;
+    for (std::size_t i = 0; i < text.size();) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        // The length a lead byte announces, and the smallest value that
+        // length may carry (longer forms than needed are not UTF-8).
+        std::size_t length = 1;
+        unsigned long value = c;
+        unsigned long least = 0;
+        if (c >= 0xC2 && c <= 0xDF) {
+            length = 2, value = c & 0x1F, least = 0x80;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            length = 3, value = c & 0x0F, least = 0x800;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            length = 4, value = c & 0x07, least = 0x10000;
+        } else if (c >= 0x80) {
+            length = 0;
         }
+        std::size_t n = 1;
+        while (n < length && i + n < text.size() &&
+               (static_cast<unsigned char>(text[i + n]) & 0xC0) == 0x80) {
+            value = (value << 6) | (static_cast<unsigned char>(text[i + n]) & 0x3F);
+            ++n;
+        }
+        const bool valid = length && n == length && value >= least && value <= 0x10FFFF &&
+                           !(value >= 0xD800 && value <= 0xDFFF);
+        if (valid) {
+            out.append(text, i, n);
+        } else {
+            out += replacement;
+        }
+        i += n;
     }
-    return true;
+    return out;
+}
+
+// A field of a listing line: UTF-8, its control characters escaped as
+// osk-host escapes them in its reports.
+std::string _printable(const std::string& text) {
+    return Tamtk::escapeControls(_validUtf8(text));
 }
 
 SpoolEntry _entry(const EmailAgents::Spool& spool, const std::string& id, bool failed) {
@@ -69,7 +101,7 @@ std::string _join(const std::vector<std::string>& items) {
 void _jsonString(std::ostream& out, const std::string& text) {
     static const char hex[] = "0123456789abcdef";
     out << '"';
-    for (const char c : validUtf8(text)) {
+    for (const char c : _validUtf8(text)) {
         const unsigned char u = static_cast<unsigned char>(c);
         if (c == '"' || c == '\\') {
             out << '\\' << c;
@@ -87,38 +119,9 @@ void _jsonString(std::ostream& out, const std::string& text) {
 }  // namespace
 
 std::string messageSubject(const std::string& message) {
-    std::string subject;
-    bool inSubject = false;
-    std::size_t pos = 0;
-    while (pos < message.size()) {
-        std::size_t eol = message.find('\n', pos);
-        if (eol == std::string::npos) {
-            eol = message.size();
-        }
-        std::string line = message.substr(pos, eol - pos);
-        pos = eol + 1;
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        if (line.empty()) {
-            break;  // the end of the headers
-        }
-        if (line[0] == ' ' || line[0] == '\t') {
-            if (inSubject) {
-                subject += line;  // unfolding keeps the blank that began the line
-            }
-            continue;
-        }
-        if (inSubject) {
-            break;
-        }
-        if (_isSubject(line)) {
-            inSubject = true;
-            subject = line.substr(line.find(':') + 1);
-        }
-    }
-    const std::size_t first = subject.find_first_not_of(" \t");
-    return first == std::string::npos ? "" : decodeEncodedWords(subject.substr(first));
+    const Tamnet::HeaderBlock headers(message);
+    const Tamnet::HeaderField* subject = headers.find("Subject");
+    return subject ? Tamnet::decodeRfc2047(subject->value) : std::string();
 }
 
 std::vector<SpoolEntry> readSpool(const EmailAgents::Spool& spool) {
@@ -140,10 +143,11 @@ std::vector<SpoolEntry> readSpool(const EmailAgents::Spool& spool) {
 void printText(std::ostream& out, const std::vector<SpoolEntry>& entries) {
     std::size_t failed = 0;
     for (const SpoolEntry& e : entries) {
-        out << e.id << "  " << (e.failed ? "failed " : "waiting") << "  " << _iso8601(e.queued)
-            << "  " << printableUtf8(_join(e.recipients)) << "  " << printableUtf8(e.subject);
+        out << _printable(e.id) << "  " << (e.failed ? "failed " : "waiting") << "  "
+            << _iso8601(e.queued) << "  " << _printable(_join(e.recipients)) << "  "
+            << _printable(e.subject);
         if (!e.reason.empty()) {
-            out << "  [" << printableUtf8(e.reason) << "]";
+            out << "  [" << _printable(e.reason) << "]";
         }
         out << '\n';
         failed += e.failed ? 1 : 0;

@@ -4,32 +4,11 @@
 #include <thread>
 
 #include "AgentTestSupport.h"
-#include "Agents/digest/Digest.h"
 #include "Agents/digest/DigestAgent.h"
 
 using namespace Osk::EmailAgents;
 using AgentTest::listDir;
 using AgentTest::TempDir;
-
-// Words cut inside a character (the channel cuts by bytes) are joined before conversion.
-TEST(DigestAgent, SummarySubjectsAreDecoded) {
-    struct Row {
-        const char* value;
-        const char* text;
-    };
-    const Row rows[] = {
-        {"=?UTF-8?B?U3TD?=\n\t=?UTF-8?B?tnJ1bmc=?=", "Störung"},
-        {"=?ISO-8859-1?B?U3T2cnVuZw==?=", "Störung"},
-        {"=?iso-8859-1?q?a_b=FC= 9c?=", "a bü\tc"},
-        {"plain =?UTF-8?B?eA==?= and =?UTF-8?B?eQ==?=  =?UTF-8?B?eg==?= end", "plain x and yz end"},
-        {"=?NO-SUCH-CHARSET?B?eA==?=", "\xEF\xBF\xBD"},
-        {"=?UTF-8?B?broken", "=?UTF-8?B?broken"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.value);
-        EXPECT_EQ(decodeWords(row.value), row.text);
-    }
-}
 
 // A refused digest stays held, the next mail reports it, and the next window sends it.
 TEST(DigestAgent, ARefusedDigestStaysHeldAndIsSentLater) {

@@ -91,6 +91,10 @@ class SpoolToolTest(SmtpSpoolTest):
         self.assertEqual(0, self.spool_tool("drop", self.spool, refused["id"])[0])
         self.assertEqual([], self.listing())
         self.assertEqual("0 mails: 0 waiting, 0 failed\n", self.spool_tool("list", self.spool)[1])
+        # A file name cannot drive the terminal: escaped as osk-host escapes its reports.
+        (self.spool / "new" / "x\x1b[2J\n\u009b").write_text("no envelope")
+        self.assertRegex(self.spool_tool("list", self.spool)[1],
+                         r"^x\\x1b\[2J\\n\\u009b  waiting .*\[the file has no valid envelope\]\n1 mail:")
 
     def test_mistakes_and_a_locked_spool_change_nothing_or_send_twice(self):
         entries = self.fill()
