@@ -68,7 +68,6 @@ HeaderBlock::HeaderBlock(std::string_view message) {
                                std::string(line)});
         }
     }
-    bodyOffset_ = pos;
     for (HeaderField& field : fields_) {
         std::size_t blanks = 0;
         while (blanks < field.value.size() && _isBlank(field.value[blanks])) {

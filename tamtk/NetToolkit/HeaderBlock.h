@@ -4,7 +4,6 @@
 // line, each field a name, a colon and a value that may be folded onto
 // lines that begin with a blank. Lines end in LF or CR LF.
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,14 +29,11 @@ public:
     const std::vector<HeaderField>& fields() const noexcept { return fields_; }
     // The first field called `name`, in any case; null when there is none.
     const HeaderField* find(std::string_view name) const noexcept;
-    // Where the body starts: just past the empty line, or the message's size.
-    std::size_t bodyOffset() const noexcept { return bodyOffset_; }
     // How the first line ends: "\r\n" or "\n".
     const char* lineEnd() const noexcept { return lineEnd_; }
 
 private:
     std::vector<HeaderField> fields_;
-    std::size_t bodyOffset_ = 0;
     const char* lineEnd_ = "\n";
 };
 

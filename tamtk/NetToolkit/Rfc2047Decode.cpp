@@ -31,8 +31,9 @@ bool _unquote(const std::string& text, std::string& out) {
         } else if (c != '=') {
             out += c;
         } else {
-            const int high =
-                i + 2 >= text.size() ? -1 : text[i + 1] == ' ' ? 0 : _hexDigit(text[i + 1]);
+            const int high = i + 2 >= text.size() ? -1
+                             : text[i + 1] == ' ' ? 0
+                                                  : _hexDigit(text[i + 1]);
             const int low = high < 0 ? -1 : _hexDigit(text[i + 2]);
             if (low < 0) {
                 return false;
@@ -119,10 +120,6 @@ bool _readWord(const std::string& text, std::size_t pos, Word& word) {
     word.charset.resize(word.charset.find('*') == std::string::npos ? word.charset.size()
                                                                     : word.charset.find('*'));
     for (char& c : word.charset) {
-        // "//" would hand iconv a transliteration or "IGNORE" request.
-        if (c == '/' || _isBlank(c)) {
-            return false;
-        }
         c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
     }
     word.bytes.clear();

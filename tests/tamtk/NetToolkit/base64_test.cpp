@@ -28,7 +28,7 @@ std::string openssl(const unsigned char* bytes, std::size_t length) {
 }
 
 // Every kind of input and output iterator writes what OpenSSL writes, and
-// nothing past it; the decoder reads it back.
+// nothing past it; the decoder reads it back and refuses what is not Base64.
 TEST(Base64, EveryLengthAndIteratorKindMatchesOpenSSL) {
     std::mt19937 rng(2024);
     std::vector<std::size_t> lengths = {3071, 3072, 3073, 6145};  // around the block size
@@ -54,6 +54,10 @@ TEST(Base64, EveryLengthAndIteratorKindMatchesOpenSSL) {
         EXPECT_TRUE(Tamnet::unbase64(bare.data(), bare.size(), back) &&
                     Tamnet::unbase64(expected.data(), expected.size(), back));
         EXPECT_EQ(back, bytes + bytes) << "reads its text back, padded or not";
+    }
+    for (const std::string bad : {"T", "TW=u", "TW u", "TQ===", "TWFu\n"}) {
+        std::string out = "kept";
+        EXPECT_FALSE(Tamnet::unbase64(bad.data(), bad.size(), out) || out != "kept") << bad;
     }
 }
 

@@ -1,14 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "AgentTestSupport.h"
 #include "NetToolkit/Rfc2047.h"
 
 using Tamnet::encodeRfc2047;
@@ -55,36 +53,19 @@ TEST(Rfc2047, UnsupportedEncodingWritesNothing) {
     EXPECT_EQ(stream.str(), "");
 }
 
-// Decodes each line of `words` with Python's email.header and returns the
-// bytes of each, in hex.
-std::vector<std::string> decodeWithPython(const std::vector<std::string>& words) {
-    char path[] = "/tmp/rfc2047_words_XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    {
-        std::ofstream file(path, std::ios::binary);
-        for (const std::string& w : words) file << w << '\n';
-    }
-    const std::string command =
-        std::string("/usr/bin/python3 -c '") +
-        "import sys, email.header\n"
+// Decodes each line of `words` with Python's email.header: the bytes of
+// each in hex, a line each.
+std::string decodeWithPython(const std::vector<std::string>& words) {
+    AgentTest::TempDir dir;
+    std::string lines;
+    for (const std::string& w : words) lines += w + '\n';
+    return AgentTest::run(
+        "/usr/bin/python3 -c 'import sys, email.header\n"
         "for line in open(sys.argv[1], \"rb\").read().split(b\"\\n\")[:-1]:\n"
         "    parts = email.header.decode_header(line.decode(\"ascii\"))\n"
         "    print(b\"\".join(p if isinstance(p, bytes) else p.encode() for p, c in parts).hex())\n"
         "' " +
-        path;
-    std::vector<std::string> decoded;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        char line[65536];
-        while (std::fgets(line, sizeof line, pipe)) {
-            std::string text(line);
-            decoded.push_back(text.substr(0, text.find('\n')));
-        }
-        EXPECT_EQ(pclose(pipe), 0);
-    }
-    close(fd);
-    std::remove(path);
-    return decoded;
+        dir.write("words", lines));
 }
 
 std::string hex(const std::string& bytes) {
@@ -109,11 +90,11 @@ TEST(Rfc2047, WordsDecodeBackWithPython) {
         inputs.push_back(inputs.back().substr(0, 200) + std::string(length - 200, '\xA0'));
     }
     std::vector<std::string> words;
-    std::vector<std::string> expected;
+    std::string expected;
     for (const std::string& bytes : inputs) {
         for (Tamnet::Rfc2047Encoding encoding : {Tamnet::B, Tamnet::Q}) {
             words.push_back(word(bytes, encoding));
-            expected.push_back(hex(bytes));
+            expected += hex(bytes) + '\n';
             // The stream and iterator forms write the same word.
             std::ostringstream stream, viaIterator;
             encodeRfc2047(stream, "UTF-8", bytes.data(), static_cast<unsigned>(bytes.size()),
@@ -128,7 +109,7 @@ TEST(Rfc2047, WordsDecodeBackWithPython) {
     std::string allBytes;
     for (int c = 0; c < 256; ++c) allBytes += static_cast<char>(c);
     words.push_back(word(allBytes, Tamnet::B));
-    expected.push_back(hex(allBytes));
+    expected += hex(allBytes) + '\n';
 
     EXPECT_EQ(decodeWithPython(words), expected);
 }
