@@ -1,23 +1,27 @@
 #!/usr/bin/python3
-"""osk-host --check end to end: one configuration per finding, its lines
-and the exit status (0 clean, 1 warnings, 2 errors), and nothing sent."""
+"""osk-host --check end to end: one configuration per finding (and every
+shipped example), its lines and the exit status (0 clean, 1 warnings,
+2 errors), and nothing sent or created."""
 
 import unittest
 
-from host_harness import (DEAD_URL, HOST_TOKEN, MAILDIR_AGENT, SMTP_AGENT, HostTest, SmtpServer,
-                          channel_config, group, stylesheet)
+from host_harness import (DEAD_URL, EXAMPLES, HOST_TOKEN, MAILDIR_AGENT, SMTP_AGENT, HostTest,
+                          SmtpServer, channel_config, group, stylesheet)
 
 HOST = HOST_TOKEN + "\n"
 
 
 class CheckTest(HostTest):
     def test_each_finding_and_its_status(self):
-        server = SmtpServer(self.dir)
+        (self.dir / "server").mkdir()
+        server = SmtpServer(self.dir / "server")
         self.addCleanup(server.stop)
+        secret = self.write("secret", "pw\n")
+        secret.chmod(0o640)
 
-        def smtp(url):
-            return channel_config(SMTP_AGENT, [("url", url), ("starttls", "no")], group("Host %host%", 7),
-                                  tokens=HOST)
+        def smtp(url, *params):
+            return channel_config(SMTP_AGENT, [("url", url), ("starttls", "no")] + list(params),
+                                  group("Host %host%", 7), tokens=HOST)
 
         def maildir(groups=group("Host %host%", 7), tokens=HOST, params=(), defaults=""):
             return channel_config(MAILDIR_AGENT, [("path", "mail")] + list(params), groups,
@@ -34,10 +38,10 @@ class CheckTest(HostTest):
               "warning: the message of the event group at line 16 is cut at %s%: that token does not load"]),
             ("import refused by the sandbox",
              maildir(group("%s%", 7), HOST + stylesheet("s", '<xsl:import href="/etc/site.xsl"/>')), 1,
-             ['does not load: its stylesheet has xsl:import href="/etc/site.xsl" (line 14), which is refused',
-              "is cut at %s%"]),
-            ("placeholder naming no token", maildir(group("Host %hots% is down", 7)), 1,
-             ["warning: the message of the event group at line 16 has %hots%, which names no token"]),
+             ["does not load: its stylesheet does not compile: Could not compile stylesheet: Loading of "
+              "external resource '/etc/site.xsl' is not allowed", "is cut at %s%"]),
+            ("subject placeholder naming no token", maildir(group("%host%", 7, extra="<Subject>%hots%</Subject>")), 1,
+             ["warning: the subject of the event group at line 16 has %hots%, which names no token"]),
             ("last placeholder followed by a percent sign", maildir(group("Load on %host%% now", 7)), 1,
              ["is cut at %host%%: the last token's placeholder followed by"]),
             ("group without an enabled event",
@@ -59,16 +63,25 @@ class CheckTest(HostTest):
              ["error: the channel does not take the configuration: no token loads",
               "warning: the token %x% (line 13) does not load: its xpath does not compile"]),
             ("not XML", "<Channel><Default>", 2, ["error: the configuration cannot be read"]),
-            # With --probe: a relay that answers EHLO, one that does not.
-            ("relay answers", smtp(server.url), 0, [f"ok: the relay {server.url} answers"]),
+            ("secret others may read",
+             smtp(server.url, ("username", "u"), ("password_file", secret), ("allow_plaintext_auth", "yes")), 1,
+             [f'warning: the agent {SMTP_AGENT} warns: SMTP agent: parameter "password_file" names "{secret}", '
+              "which its group may read (mode 0640)"]),
+            # With --probe: relays that answer EHLO, one of two that does not, none that does.
+            ("relay answers", smtp(server.url), 0, [f"ok: the agent {SMTP_AGENT} reaches what it delivers"]),
+            ("relay down of two", smtp(f"{DEAD_URL} {server.url}"), 1,
+             [f"warning: the agent {SMTP_AGENT} warns: SMTP agent: relay {DEAD_URL} fails at connecting"]),
             ("relay down", smtp(DEAD_URL), 2,
-             [f"error: the relay {DEAD_URL} does not answer: Couldn't connect to server"]),
-        ]
+             [f"error: the agent {SMTP_AGENT} fails its probe: SMTP agent: relay {DEAD_URL} fails at connecting"]),
+        ] + [(f"example {path.name}", path.read_text(), 0, ["ok: the agent lib"])
+             for path in sorted(EXAMPLES.glob("*.xml")) if "<Channel>" in path.read_text()]
+        before = sorted(p.name for p in self.dir.iterdir())
         for name, config, status, expected in rows:
             with self.subTest(name):
                 result = self.host(config, args=["--check"] + (["--probe"] if name.startswith("relay") else []))
                 self.assertEqual((status, ""), (result.returncode, result.stderr), result.stdout)
-                self.assertFalse((self.dir / "mail").exists(), "the check wrote into the Maildir")
+                self.assertEqual(sorted(before + ["config.xml"]), sorted(p.name for p in self.dir.iterdir()),
+                                 "the check created something")
                 for line in expected:
                     self.assertIn(line, result.stdout)
                 findings = [l for l in result.stdout.splitlines() if l.startswith(("error:", "warning:"))]
