@@ -39,8 +39,8 @@ AgentParams agentParams(const Tamxml::Element& agent, const ParamProblem& proble
             continue;
         }
         const Tamxml::Element param(agent.document(), child);
-        const std::string where =
-            "<" + param.name() + "> of EmailAgent (line " + std::to_string(xmlGetLineNo(child)) + ")";
+        const std::string where = "<" + param.name() + "> of EmailAgent (line " +
+                                  std::to_string(xmlGetLineNo(child)) + ")";
         if (!param.attr("name") || !param.attr("value")) {
             problem(where + " lacks its name or value: skipped");
             continue;

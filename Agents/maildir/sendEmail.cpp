@@ -1,6 +1,7 @@
 // The Maildir agent's plug-in entry: the message already carries its
 // recipients in its header, so the envelope is not needed.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,14 +22,16 @@ using namespace Osk::EmailAgents;
 void _probeWritable(const MaildirSettings& settings) {
     for (const char* sub : {"/tmp", "/new"}) {
         std::string folder = settings.path + sub;
-        while (::access(folder.c_str(), F_OK) != 0) {
+        while (::access(folder.c_str(), F_OK) != 0 && folder != "." && folder != "/") {
             const std::size_t slash = folder.find_last_of('/');
             folder = slash == std::string::npos ? "." : slash == 0 ? "/" : folder.substr(0, slash);
         }
-        if (::access(folder.c_str(), W_OK | X_OK) != 0) {
-            const int err = errno;
+        struct stat status;
+        const bool isFolder = ::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+        if (!isFolder || ::access(folder.c_str(), W_OK | X_OK) != 0) {
+            const int err = isFolder ? errno : ENOTDIR;
             TAMTK_THROW(AgentException, "Agents/maildir",
-                        "Maildir agent: \"" << folder << "\" cannot be written to, so no mail "
+                        "Maildir agent: \"" << folder << "\" takes no new files, so no mail "
                                             << "reaches " << settings.path << ": "
                                             << std::strerror(err));
         }

@@ -44,9 +44,8 @@ std::vector<std::string> _lookalikes(const char* from, const char* to) {
 void email_channel::find_token_again(const Tamxml::Element& token, const std::string& key) {
     const auto first = token_lines_.insert(std::make_pair(key, _line(token)));
     if (!first.second) {
-        report_finding("the token " + key + " is defined again at " + _line(token) +
-                       " (first at " + first.first->second +
-                       "): the first definition that loads is used");
+        report_finding("the token " + key + " is defined again at " + _line(token) + " (first at " +
+                       first.first->second + "): the first definition that loads is used");
     }
 }
 
@@ -70,11 +69,11 @@ void email_channel::find_token_fault(const Tamxml::Element& token, const std::st
 }
 
 void email_channel::find_group_faults(const Tamxml::Element& group,
-                                      const Tamxml::ElementArray& events,
-                                      const event_group& read) {
+                                      const Tamxml::ElementArray& events, const event_group& read) {
     const std::string where = _line(group);
     if (events.empty()) {
-        report_finding("the event group at " + where + " has no enabled event: it never sends mail");
+        report_finding("the event group at " + where +
+                       " has no enabled event: it never sends mail");
     }
     for (const auto& event : events) {
         const unsigned long id = event->attr("id")->value_cast<unsigned long>();
