@@ -79,9 +79,9 @@ void _configureChannel(const std::string& plugin,
     // The plug-in stays loaded: the agent it bound is the registry's now.
 }
 
-// The address a probe is made for: the channel's sender, a recipient every
-// relay of the channel must take. Null when the channel refuses it (and has
-// said so).
+// Whom a probe is made for: the channel's sender, an address the channel's
+// own relays serve (a probe sends nothing to it). Empty when the channel
+// refuses the address, and has said so.
 EmailChannel::ToList _probeRecipients(const boost::shared_ptr<const Tamxml::Document>& doc) {
     try {
         const auto sender =
