@@ -57,10 +57,13 @@ AgentParams agentParams(const Tamxml::Element& agent, const ParamProblem& proble
 }
 
 SendEmailFn* bindSendEmail(const std::string& lib) {
-    // Every symbol is resolved when the library opens, so a broken agent
-    // fails the configuration instead of the first alert.
+    // Lazy binding, as the channel has always opened its agent: agents are
+    // linked with every symbol defined (--no-undefined), so resolving each
+    // one on its first call misses no fault and keeps opening cheap. Never
+    // unmapped: an agent's threads and exit handlers (a spool drained, held
+    // mail sent) run to the very end of the process, past the registry.
     return Tamtk::ComponentLoaderT<Tamtk::internal::loader::global_component_registry>::instance()
-        .get(lib, RTLD_NOW | RTLD_LOCAL)
+        .get(lib, RTLD_LAZY | RTLD_LOCAL | RTLD_NODELETE)
         .loadFunction<SendEmailCall>("sendEmail");
 }
 
