@@ -27,6 +27,20 @@ void Channel::set_reporter(Reporter reporter) {
     reporter_ = std::move(reporter);
 }
 
+void Channel::set_finding_reporter(FindingReporter reporter) {
+    findingReporter_ = std::move(reporter);
+}
+
+void Channel::report_finding(const std::string& text) {
+    try {
+        if (findingReporter_) {
+            findingReporter_(text);
+        }
+    } catch (...) {
+        // Reporting must never take the channel down.
+    }
+}
+
 void Channel::set_default_reporter(Reporter reporter) {
     std::lock_guard<std::mutex> guard(_reporterLock());
     _defaultReporter() = std::move(reporter);

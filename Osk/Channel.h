@@ -16,6 +16,12 @@ namespace Osk {
 // one, reports go to standard error.
 typedef std::function<void(const Tamlog::severity_mask& sev, const std::string& text)> Reporter;
 
+// Receives what a channel accepted without a word while it was configured
+// (a definition it skips, text it will send as written). A host that checks
+// a configuration installs one; a running host does not, and the channel
+// then neither looks for such findings nor reports them.
+typedef std::function<void(const std::string& text)> FindingReporter;
+
 // Base of every channel plug-in. The host creates a channel through the
 // plug-in's `createChannel`, then calls do_configure, do_log/do_flush any
 // number of times, do_shutdown, and releases it; calls on one channel are
@@ -49,10 +55,16 @@ public:
     // The process-wide reporter used by channels without their own.
     static void set_default_reporter(Reporter reporter);
 
+    void set_finding_reporter(FindingReporter reporter);
+    bool wants_findings() const { return static_cast<bool>(findingReporter_); }
+    // Records one finding when the host asked for them; never throws.
+    void report_finding(const std::string& text);
+
 private:
     std::string name_;
     bool hostState_;  // the host's own flag; channels never touch it
     Reporter reporter_;
+    FindingReporter findingReporter_;
     std::atomic<unsigned long> lostAlerts_{0};
 };
 

@@ -1,7 +1,5 @@
 #include "Agents/digest/DigestAgent.h"
 
-#include <dlfcn.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <memory>
@@ -10,7 +8,7 @@
 #include "Agents/common/MailHeaders.h"
 #include "Agents/digest/Digest.h"
 #include "NetToolkit/Rfc2822Date.h"
-#include "Toolkit/ComponentLoader.h"
+#include "Osk/EmailAgentBinding.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -18,10 +16,6 @@ namespace EmailAgents {
 namespace {
 
 const char* const _source = "Agents/digest";
-
-typedef Tamtk::FunctionPointer<void, const Tamnet::EmailAddr&, const EmailChannel::ToList&,
-                               const char*, const std::map<std::string, std::string>&>
-    SendEmailCall;
 
 std::string _key(const std::string& from, const std::vector<std::string>& to) {
     std::string key = from;
@@ -46,12 +40,9 @@ void _armExitFlush();
 
 DigestAgent::DigestAgent(const DigestSettings& settings)
     : settings_(settings), inner_(nullptr), hold_(settings_.hold) {
-    // Mode 1 (lazy binding), as the channel opens its agent: the same
-    // library is then the same registry entry whoever asks first.
-    const Tamtk::Loader& loader =
-        Tamtk::ComponentLoaderT<Tamtk::internal::loader::global_component_registry>::instance().get(
-            settings_.agent, RTLD_LAZY);
-    inner_ = loader.loadFunction<SendEmailCall>("sendEmail");
+    // Bound as the channel binds its agent: the same library is then the
+    // same registry entry whoever asks first.
+    inner_ = EmailChannel::bindSendEmail(settings_.agent);
 
     // Left by an earlier run: its windows are over.
     const Clock::time_point now = Clock::now();

@@ -3,17 +3,24 @@
 namespace Osk {
 namespace EmailAgents {
 
-DigestSettings DigestSettings::fromParams(const Params& params) {
+std::pair<Params, Params> DigestSettings::split(const Params& params) {
     static const char* const own[] = {"agent", "burst", "window", "hold"};
-    Params mine;
-    DigestSettings settings;
+    std::pair<Params, Params> parts;
     for (const auto& entry : params) {
         bool isOwn = false;
         for (const char* name : own) {
             isOwn = isOwn || entry.first == name;
         }
-        (isOwn ? mine : settings.inner).insert(entry);
+        (isOwn ? parts.first : parts.second).insert(entry);
     }
+    return parts;
+}
+
+DigestSettings DigestSettings::fromParams(const Params& params) {
+    std::pair<Params, Params> parts = split(params);
+    const Params& mine = parts.first;
+    DigestSettings settings;
+    settings.inner = std::move(parts.second);
     const ParamReader reader("Digest agent", mine, {"agent", "burst", "window", "hold"});
     settings.agent = reader.required("agent");
     settings.hold = reader.required("hold");

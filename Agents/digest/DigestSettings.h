@@ -4,6 +4,7 @@
 // it stands in front of.
 
 #include <string>
+#include <utility>
 
 #include "Agents/common/AgentParams.h"
 
@@ -19,6 +20,8 @@ struct DigestSettings {
 
     // Throws AgentParamException naming the parameter for a bad value.
     static DigestSettings fromParams(const Params& params);
+    // The digest agent's own parameters (first) and the rest (second).
+    static std::pair<Params, Params> split(const Params& params);
 };
 
 }  // namespace EmailAgents

@@ -111,6 +111,75 @@ bool _isConnectionLoss(int code) {
     return code == 421;  // the server is closing the connection
 }
 
+std::string _redact(const SmtpSettings& settings, std::string text) {
+    // The longer secret first, so that a user name inside the password does
+    // not leave the rest of the password readable.
+    if (settings.password.size() >= settings.username.size()) {
+        _replace(text, settings.password);
+        _replace(text, settings.username);
+    } else {
+        _replace(text, settings.username);
+        _replace(text, settings.password);
+    }
+    return text;
+}
+
+// What a delivery and a probe share: the relay, the EHLO name, TLS, the
+// credentials and the waits for connecting and for each reply.
+void _setTransport(CURL* curl, const SmtpSettings& settings, const std::string& relay) {
+    const std::string url = _urlWithEhloName(relay);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    const StartTls level = settings.effectiveStartTls();
+    curl_easy_setopt(curl, CURLOPT_USE_SSL,
+                     level == StartTls::No    ? CURLUSESSL_NONE
+                     : level == StartTls::Try ? CURLUSESSL_TRY
+                                              : CURLUSESSL_ALL);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, settings.verifyPeer ? 1L : 0L);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, settings.verifyPeer ? 2L : 0L);
+    if (!settings.caFile.empty()) {
+        curl_easy_setopt(curl, CURLOPT_CAINFO, settings.caFile.c_str());
+    }
+    if (!settings.username.empty()) {
+        curl_easy_setopt(curl, CURLOPT_USERNAME, settings.username.c_str());
+        curl_easy_setopt(curl, CURLOPT_PASSWORD, settings.password.c_str());
+    }
+    // `timeout` bounds every wait: connecting, each reply, a stalled upload,
+    // and the whole transaction, so a server that answers a byte at a time
+    // cannot hold a message for longer either.
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, settings.timeoutMs);
+    curl_easy_setopt(curl, CURLOPT_SERVER_RESPONSE_TIMEOUT, (settings.timeoutMs + 999) / 1000);
+}
+
+// How far a probe got: the last command it sent (its first word only: an
+// AUTH line carries the credentials).
+struct ProbeTrace {
+    std::string command;
+};
+
+int _probeTrace(CURL*, curl_infotype type, char* data, size_t size, void* userdata) {
+    ProbeTrace* trace = static_cast<ProbeTrace*>(userdata);
+    if (type == CURLINFO_HEADER_OUT) {
+        const std::string line(data, size);
+        trace->command = line.substr(0, line.find_first_of(" \r\n"));
+    }
+    return 0;
+}
+
+// The step a failed probe stopped at, for the operator.
+std::string _probeStep(CURLcode rc, const ProbeTrace& trace, bool connected) {
+    if (!connected) {
+        return "connecting";
+    }
+    if (rc == CURLE_SSL_CONNECT_ERROR || _isConfigurationFault(rc)) {
+        return rc == CURLE_USE_SSL_FAILED ? "STARTTLS" : "TLS";
+    }
+    if (rc == CURLE_LOGIN_DENIED || trace.command == "AUTH") {
+        return "signing in (AUTH)";
+    }
+    return trace.command.empty() ? "the greeting" : trace.command;
+}
+
 }  // namespace
 
 // libcurl's global state is set up once and never torn down: the host may use
@@ -160,31 +229,10 @@ void SmtpSession::open() {
     if (!curl_) {
         TAMTK_THROW(AgentException, _source, "SMTP agent: libcurl cannot create a handle");
     }
-    const std::string url = _urlWithEhloName(relay_);
-    curl_easy_setopt(curl_, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+    _setTransport(curl_, settings_, relay_);
     curl_easy_setopt(curl_, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(curl_, CURLOPT_READFUNCTION, _read);
-    const StartTls level = settings_.effectiveStartTls();
-    curl_easy_setopt(curl_, CURLOPT_USE_SSL,
-                     level == StartTls::No    ? CURLUSESSL_NONE
-                     : level == StartTls::Try ? CURLUSESSL_TRY
-                                              : CURLUSESSL_ALL);
-    curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, settings_.verifyPeer ? 1L : 0L);
-    curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, settings_.verifyPeer ? 2L : 0L);
-    if (!settings_.caFile.empty()) {
-        curl_easy_setopt(curl_, CURLOPT_CAINFO, settings_.caFile.c_str());
-    }
-    if (!settings_.username.empty()) {
-        curl_easy_setopt(curl_, CURLOPT_USERNAME, settings_.username.c_str());
-        curl_easy_setopt(curl_, CURLOPT_PASSWORD, settings_.password.c_str());
-    }
-    // `timeout` bounds every wait: connecting, each reply, a stalled upload,
-    // and the whole transaction, so a server that answers a byte at a time
-    // cannot hold a message for longer either.
     const long seconds = (settings_.timeoutMs + 999) / 1000;
-    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT_MS, settings_.timeoutMs);
-    curl_easy_setopt(curl_, CURLOPT_SERVER_RESPONSE_TIMEOUT, seconds);
     curl_easy_setopt(curl_, CURLOPT_TIMEOUT_MS, settings_.timeoutMs);
     curl_easy_setopt(curl_, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(curl_, CURLOPT_LOW_SPEED_TIME, seconds);
@@ -202,6 +250,40 @@ void SmtpSession::open() {
     curl_easy_setopt(curl_, CURLOPT_XFERINFOFUNCTION, _progress);
     curl_easy_setopt(curl_, CURLOPT_XFERINFODATA, abort_);
     curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, settings_.reuseConnection ? 0L : 1L);
+}
+
+std::string SmtpSession::probe(const SmtpSettings& settings, const std::string& relay) {
+    initialise();
+    CURL* curl = curl_easy_init();
+    if (!curl) {
+        TAMTK_THROW(AgentException, _source, "SMTP agent: libcurl cannot create a handle");
+    }
+    _setTransport(curl, settings, relay);
+    // Connecting is everything up to the first mail: the greeting, EHLO,
+    // STARTTLS and AUTH as the settings ask.
+    curl_easy_setopt(curl, CURLOPT_CONNECT_ONLY, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, settings.timeoutMs);
+    ProbeTrace trace;
+    curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, _probeTrace);
+    curl_easy_setopt(curl, CURLOPT_DEBUGDATA, &trace);
+    char error[CURL_ERROR_SIZE] = {0};
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
+    const CURLcode rc = curl_easy_perform(curl);
+    std::string problem;
+    if (rc == CURLE_OK) {
+        // A connect-only handle closes without a word: say goodbye.
+        std::size_t sent = 0;
+        curl_easy_send(curl, "QUIT\r\n", 6, &sent);
+    } else {
+        curl_off_t connected = 0;
+        curl_easy_getinfo(curl, CURLINFO_CONNECT_TIME_T, &connected);
+        problem = "relay " + relay + " fails at " + _probeStep(rc, trace, connected != 0) + ": " +
+                  curl_easy_strerror(rc) + (error[0] != '\0' ? std::string(": ") + error : "") +
+                  _explain(rc, settings);
+    }
+    curl_easy_cleanup(curl);
+    return _redact(settings, problem);
 }
 
 // libcurl would send QUIT and wait for its answer as long as `timeout`
@@ -222,16 +304,7 @@ void SmtpSession::drop() {
 }
 
 std::string SmtpSession::redact(std::string text) const {
-    // The longer secret first, so that a user name inside the password does
-    // not leave the rest of the password readable.
-    if (settings_.password.size() >= settings_.username.size()) {
-        _replace(text, settings_.password);
-        _replace(text, settings_.username);
-    } else {
-        _replace(text, settings_.username);
-        _replace(text, settings_.password);
-    }
-    return text;
+    return _redact(settings_, std::move(text));
 }
 
 Attempt SmtpSession::send(const std::string& from, const std::vector<std::string>& to,

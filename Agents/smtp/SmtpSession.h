@@ -64,6 +64,11 @@ public:
     Attempt send(const std::string& from, const std::vector<std::string>& to,
                  const std::string& wire);
 
+    // Reaches `relay` as a delivery would: connects, TLS as configured, EHLO,
+    // signs in when credentials are configured, then QUIT; sends no mail.
+    // Empty when every step passed, else the step that failed and why.
+    static std::string probe(const SmtpSettings& settings, const std::string& relay);
+
     // Sets up libcurl's global state, once per process.
     static void initialise();
 

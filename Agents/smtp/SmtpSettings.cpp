@@ -1,6 +1,9 @@
 #include "Agents/smtp/SmtpSettings.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -116,7 +119,8 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
         if (reader.has("password")) {
             s.password = reader.required("password");
         } else if (reader.has("password_file")) {
-            s.password = _readPasswordFile(reader, reader.required("password_file"));
+            s.passwordFile = reader.required("password_file");
+            s.password = _readPasswordFile(reader, s.passwordFile);
         } else {
             reader.fail("username", "is given without \"password\" or \"password_file\"");
         }
@@ -144,6 +148,19 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     s.drainMs = reader.milliseconds("drain", 30, 3600, true);
     s.connections = static_cast<unsigned>(reader.integer("connections", 2, 1, 16));
     return s;
+}
+
+std::string SmtpSettings::secretFileWarning() const {
+    struct stat status;
+    if (passwordFile.empty() || ::stat(passwordFile.c_str(), &status) != 0 ||
+        (status.st_mode & (S_IRGRP | S_IROTH)) == 0) {
+        return std::string();
+    }
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+    return std::string("SMTP agent: parameter \"password_file\" names \"") + passwordFile +
+           "\", which " + ((status.st_mode & S_IROTH) != 0 ? "every user" : "its group") +
+           " may read (mode " + mode + "); let its owner alone read it (chmod 600)";
 }
 
 }  // namespace EmailAgents

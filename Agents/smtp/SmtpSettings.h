@@ -21,6 +21,7 @@ struct SmtpSettings {
     std::string caFile;                 // "ca_file"
     std::string username;               // "username"
     std::string password;               // "password", or read from "password_file"
+    std::string passwordFile;           // "password_file"; empty when not given
     // "allow_plaintext_auth": credentials may cross an unencrypted link. Off,
     // they never do: with credentials, starttls=try is taken as required.
     bool allowPlaintextAuth = false;
@@ -42,6 +43,10 @@ struct SmtpSettings {
     // Throws AgentParamException for unknown names and bad values; the texts
     // never contain the user name or the password.
     static SmtpSettings fromParams(const Params& params);
+
+    // A warning when the password file lets its group or others read it;
+    // empty when it does not (or there is none).
+    std::string secretFileWarning() const;
 
     bool hasCredentials() const { return !username.empty(); }
     // STARTTLS is required only because credentials must not go out in clear.

@@ -1,31 +1,79 @@
 // The SMTP agent's plug-in entry: turns the channel's addresses into the
-// plain envelope addresses SMTP needs and hands over to the agent.
+// plain envelope addresses SMTP needs and hands over to the agent. A check
+// or probe makes no agent, so it neither retries a spool left by an earlier
+// run nor starts anything.
 
+#include "Agents/common/AgentEntry.h"
 #include "Agents/common/AgentException.h"
 #include "Agents/smtp/SmtpAgent.h"
+#include "Agents/smtp/SmtpSession.h"
 #include "Osk/EmailAgent.h"
 
-OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
-                                const char* message,
-                                const std::map<std::string, std::string>& params) {
-    using namespace Osk::EmailAgents;
-    if (message == nullptr && to.empty()) {
-        // A check of the parameters only: no agent, so no connection and no
-        // retry of a spool left by an earlier run.
-        SmtpSettings::fromParams(params);
-        return;
+namespace {
+
+using namespace Osk::EmailAgents;
+
+// The settings as a delivery reads them; what works but should be fixed
+// goes to `warnings`.
+SmtpSettings _checked(const Params& params, CheckWarnings& warnings) {
+    SmtpSettings settings = SmtpSettings::fromParams(params);
+    warnings.add(settings.secretFileWarning());
+    return settings;
+}
+
+// One relay that answers still delivers, so a silent one among several is a
+// warning; all silent, no mail goes out.
+void _probeRelays(const SmtpSettings& settings, CheckWarnings& warnings) {
+    std::vector<std::string> silent;
+    for (const std::string& relay : settings.relays) {
+        const std::string problem = SmtpSession::probe(settings, relay);
+        if (!problem.empty()) {
+            silent.push_back(problem);
+        }
     }
+    if (silent.size() == settings.relays.size()) {
+        std::string all;
+        for (const std::string& problem : silent) {
+            all += (all.empty() ? "" : "; ") + problem;
+        }
+        TAMTK_THROW(AgentException, "Agents/smtp", "SMTP agent: " << all);
+    }
+    for (const std::string& problem : silent) {
+        warnings.add("SMTP agent: " + problem + " (another relay answers)");
+    }
+}
+
+void _deliver(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
+              const char* message, const Params& params) {
     SmtpAgent* found = nullptr;
     try {
         found = &smtpAgentFor(params);
     } catch (const Tamtk::Exception& e) {
         throwLost(e);  // no agent for these parameters: nothing can keep the mail
     }
-    SmtpAgent& agent = *found;
     std::vector<std::string> recipients;
     recipients.reserve(to.size());
     for (const Tamnet::EmailAddr& r : to) {
         recipients.push_back(r.asPlainString(false));
     }
-    agent.send(from.asPlainString(false), recipients, message);
+    found->send(from.asPlainString(false), recipients, message);
+}
+
+}  // namespace
+
+OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
+                                const char* message,
+                                const std::map<std::string, std::string>& params) {
+    runSendEmail(to, message,
+                 {[&] {
+                      CheckWarnings warnings;
+                      _checked(params, warnings);
+                      warnings.raise();
+                  },
+                  [&](const Osk::EmailChannel::ToList&) {
+                      CheckWarnings warnings;
+                      _probeRelays(_checked(params, warnings), warnings);
+                      warnings.raise();
+                  },
+                  [&] { _deliver(from, to, message, params); }});
 }

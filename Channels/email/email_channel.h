@@ -4,6 +4,7 @@
 #include <boost/regex.hpp>
 #include <boost/shared_ptr.hpp>
 #include <map>
+#include <set>
 #include <string>
 
 #include "Channels/email/token_scan.h"
@@ -63,6 +64,15 @@ public:
     void get_event_group(const ChannelCfg& cfg, const HeaderMap& defaults);
     void load_email_agent(const ChannelCfg& cfg);
 
+    // Findings (Channel::report_finding) of the steps above, made only when
+    // the host asks for them. find_token_fault runs inside the handler of
+    // the failure that skipped the token; `step` names what failed.
+    void find_token_again(const Tamxml::Element& token, const std::string& key);
+    void find_token_fault(const Tamxml::Element& token, const std::string& key, const char* step);
+    void find_group_faults(const Tamxml::Element& group, const Tamxml::ElementArray& events,
+                           const event_group& read);
+    void find_template_faults(const Tamtk::Utf8Array& text, const std::string& what);
+
     // Delivery steps.
     bool get_event_group_info(unsigned long id, boost::shared_ptr<const Tamtk::Utf8Array>& message,
                               HeaderMap& headers,
@@ -91,6 +101,11 @@ public:
 
 private:
     TokenMap tokens_;
+    // Placeholders of tokens that failed to load: they still cut a message.
+    std::set<std::string> unloaded_tokens_;
+    // Where each token name and event id was first seen (findings only).
+    std::map<std::string, std::string> token_lines_;
+    std::map<unsigned long, std::string> event_lines_;
     GroupMap event_groups_;
     EmailChannel::SendEmailFn* send_email_;
     std::map<std::string, std::string> agent_params_;

@@ -11,27 +11,34 @@ bool email_channel::get_tokens(boost::shared_ptr<const Tamxml::Element> defaults
     std::string pattern;
     std::vector<std::string> alternatives;
     for (const auto& element : *pTokens) {
+        std::string key;
+        const char* step = "";
         try {
             boost::shared_ptr<const Tamxml::Attr> pName = element->attr("name");
             TAMTK_ASSERT(pName, "email_channel");
             const std::string name = pName->value_cast<std::string>();
             boost::shared_ptr<const Tamxml::Attr> pDefault = element->attr("default");
 
-            const std::string key = "%" + name + "%";
+            key = "%" + name + "%";
             // The name goes into the expression unescaped, and before the
             // definition is known to be good: a token that fails below keeps
             // its alternative, so its placeholder later cuts a message short.
             pattern += key;
             pattern += "|";
             alternatives.push_back(key);
+            if (wants_findings()) {
+                find_token_again(*element, key);
+            }
 
             Token token;
             auto stylesheet =
                 Tamxml::find_first_element(element, Tamxml::XPath("*[local-name()='stylesheet']"));
             if (stylesheet) {
+                step = "its stylesheet does not compile: ";
                 token.third = Tamxml::make_transform(stylesheet->copyToNewDoc());
             }
             if (boost::shared_ptr<const Tamxml::Attr> xpath = element->attr("xpath")) {
+                step = "its xpath does not compile: ";
                 token.first = Tamxml::XPath(xpath->value());
             }
             if (pDefault) {
@@ -42,6 +49,12 @@ bool email_channel::get_tokens(boost::shared_ptr<const Tamxml::Element> defaults
             }
         } catch (...) {
             // An unreadable token is skipped; the others still count.
+            if (!key.empty()) {
+                unloaded_tokens_.insert(key);
+            }
+            if (wants_findings()) {
+                find_token_fault(*element, key, step);
+            }
         }
     }
 
@@ -90,6 +103,9 @@ void email_channel::get_event_group(const ChannelCfg& cfg, const HeaderMap& defa
             if (!event_groups_.insert(std::make_pair(id, tmp_event_group)).second) {
                 report_error(Tamlog::sev::warning, "Error inserting into event group map");
             }
+        }
+        if (wants_findings()) {
+            find_group_faults(*group, *pEvents, tmp_event_group);
         }
     }
 }

@@ -7,8 +7,7 @@
 
 #include "LogToolkit/Severity.h"
 #include "Osk/Channel.h"
-#include "Osk/EmailAgent.h"
-#include "Toolkit/ComponentLoader.h"
+#include "Osk/EmailAgentBinding.h"
 #include "XmlToolkit/Xml.h"
 
 namespace Osk {
@@ -62,6 +61,7 @@ void _configureChannel(const std::string& plugin,
     channel->set_reporter([&findings](const Tamlog::severity_mask& sev, const std::string& text) {
         findings.warning("the channel reports (" + Tamlog::severityName(sev) + "): " + text);
     });
+    channel->set_finding_reporter([&findings](const std::string& text) { findings.warning(text); });
     try {
         if (channel->do_configure(ChannelCfg(doc))) {
             findings.ok("the channel accepts the configuration");
@@ -79,66 +79,59 @@ void _configureChannel(const std::string& plugin,
     // The plug-in stays loaded: the agent it bound is the registry's now.
 }
 
-typedef Tamtk::FunctionPointer<void, const Tamnet::EmailAddr&, const EmailChannel::ToList&,
-                               const char*, const std::map<std::string, std::string>&>
-    SendEmailCall;
-
-// The parameters as the channel passes them: children with a non-empty
-// name and value, the first of a name winning.
-std::map<std::string, std::string> _agentParams(
-    const boost::shared_ptr<const Tamxml::Element>& agent) {
-    std::map<std::string, std::string> params;
-    auto children = Tamxml::find_elements(agent, Tamxml::XPath("*"));
-    for (const auto& child : children ? *children : Tamxml::ElementArray()) {
-        auto name = child->attr("name");
-        auto value = child->attr("value");
-        if (name && value && !name->value()->empty() && !value->value()->empty()) {
-            params.insert(std::make_pair(name->value()->str(), value->value()->str()));
-        }
+// Whom a probe is made for: the channel's sender, an address the channel's
+// own relays serve (a probe sends nothing to it). Empty when the channel
+// refuses the address, and has said so.
+EmailChannel::ToList _probeRecipients(const boost::shared_ptr<const Tamxml::Document>& doc) {
+    try {
+        const auto sender =
+            Tamxml::find_first_value(doc, Tamxml::XPath("/Channel/Default/Sender/@email"));
+        return sender ? EmailChannel::ToList{Tamnet::EmailAddr(sender->str())}
+                      : EmailChannel::ToList();
+    } catch (const Tamtk::Exception&) {
+        return EmailChannel::ToList();
     }
-    return params;
 }
 
 // The agent's own check of its parameters (the null-message call of the
-// agent contract), then, when asked, the relays it would deliver through.
+// agent contract) or, when asked, its probe.
 void _checkAgent(const boost::shared_ptr<const Tamxml::Document>& doc, bool probe,
                  CheckFindings& findings) {
-    auto agents = Tamxml::find_elements(doc, Tamxml::XPath("/Channel/EmailAgent"));
-    if (!agents || agents->empty()) {
+    const auto agent = EmailChannel::agentElement(doc);
+    const std::string lib = agent ? EmailChannel::agentLibrary(*agent) : std::string();
+    if (lib.empty()) {
         return;  // the channel has said so
     }
-    auto lib = agents->front()->attr("lib");
-    if (!lib || lib->value()->empty()) {
+    EmailChannel::SendEmailFn* send = nullptr;
+    try {
+        send = EmailChannel::bindSendEmail(lib);
+    } catch (const Tamtk::Exception& e) {
+        findings.error("the agent " + lib + " does not load: " + e.what());
         return;
     }
-    const std::string name = lib->value()->str();
-    SendEmailCall::func_type send = nullptr;
-    try {
-        send =
-            Tamtk::ComponentLoaderT<Tamtk::internal::loader::global_component_registry>::instance()
-                .get(name, 1)
-                .loadFunction<SendEmailCall>("sendEmail");
-    } catch (const Tamtk::Exception& e) {
-        findings.error("the agent " + name + " does not load: " + e.what());
+    // The children it skips, the channel has reported.
+    const EmailChannel::AgentParams params =
+        EmailChannel::agentParams(*agent, [](const std::string&) {});
+    const EmailChannel::ToList to = probe ? _probeRecipients(doc) : EmailChannel::ToList();
+    if (probe && to.empty()) {
         return;
     }
-    const std::map<std::string, std::string> params = _agentParams(agents->front());
-    Tamnet::EmailAddr from;
+    const std::string failed =
+        "the agent " + lib + (probe ? " fails its probe: " : " refuses its parameters: ");
     try {
-        send(from, EmailChannel::ToList(), nullptr, params);
-        findings.ok("the agent " + name + " accepts its parameters");
+        send(Tamnet::EmailAddr(), to, nullptr, params);
+        findings.ok("the agent " + lib +
+                    (probe ? " reaches what it delivers through" : " accepts its parameters"));
     } catch (const Tamtk::Exception& e) {
-        findings.error("the agent " + name + " refuses its parameters: " + e.what());
-        return;
+        if (dynamic_cast<const EmailChannel::CheckWarning*>(&e) != nullptr) {
+            findings.warning("the agent " + lib + " warns: " + e.what());
+        } else {
+            findings.error(failed + e.what());
+        }
     } catch (const std::exception& e) {
-        findings.error("the agent " + name + " refuses its parameters: " + e.what());
-        return;
+        findings.error(failed + e.what());
     } catch (...) {
-        findings.error("the agent " + name + " fails its check with an unknown exception");
-        return;
-    }
-    if (probe) {
-        internal::probeRelays(params, findings);
+        findings.error(failed + "an unknown exception");
     }
 }
 
@@ -154,7 +147,6 @@ int checkConfiguration(const CheckRequest& request, std::ostream& out) {
     }
     if (doc) {
         _configureChannel(request.channel, doc, findings);
-        internal::lintConfiguration(doc, findings);
         _checkAgent(doc, request.probe, findings);
     }
     findings.print(out);

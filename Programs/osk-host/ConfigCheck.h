@@ -2,24 +2,19 @@
 
 // osk-host --check: what a configuration will do, found without sending
 // anything. The channel accepts some faults silently (a token that does not
-// load, a group that never fires); this is where the operator sees them.
+// load, a group that never fires) and tells them when asked; this is where
+// the operator sees them, and the agent's own check or probe.
 
-#include <boost/shared_ptr.hpp>
 #include <iosfwd>
-#include <map>
 #include <string>
 #include <vector>
-
-namespace Tamxml {
-class Document;
-}
 
 namespace Osk {
 
 struct CheckRequest {
     std::string config;   // the configuration file
     std::string channel;  // the channel plug-in that must accept it
-    bool probe = false;   // also ask each SMTP relay for EHLO
+    bool probe = false;   // also the agent's probe: reach what it delivers through
 };
 
 // The findings of a check, in the order they were made.
@@ -46,16 +41,4 @@ private:
 // summary; returns the exit status (CheckFindings::status).
 int checkConfiguration(const CheckRequest& request, std::ostream& out);
 
-namespace internal {
-
-// What the channel would accept silently: tokens that do not load and the
-// templates they cut, placeholders without a token, groups without events,
-// duplicate tokens and event ids.
-void lintConfiguration(const boost::shared_ptr<const Tamxml::Document>& config,
-                       CheckFindings& findings);
-
-// Asks every relay of the SMTP agent's `url` (blank-separated) for EHLO.
-void probeRelays(const std::map<std::string, std::string>& params, CheckFindings& findings);
-
-}  // namespace internal
 }  // namespace Osk

@@ -3,8 +3,10 @@
 #include <chrono>
 
 #include "Agents/common/AgentException.h"
+#include "Agents/digest/DigestSettings.h"
 #include "Agents/smtp/SmtpAgent.h"
 #include "Agents/smtp/SmtpSession.h"
+#include "Osk/EmailAgentBinding.h"
 #include "XmlToolkit/Xml.h"
 
 namespace Osk {
@@ -19,21 +21,20 @@ struct ConfigError {
     std::string text;
 };
 
-EmailAgents::Params _agentParams(const std::string& config) {
-    const auto document = Tamxml::Document::fromFile(config);
-    const auto agents = Tamxml::find_elements(document, Tamxml::XPath("/Channel/EmailAgent"));
-    if (!agents || agents->empty()) {
+// The SMTP agent's parameters, read as the channel reads them. Behind the
+// digest agent (which names in "agent" the agent it stands in front of), the
+// SMTP agent gets what the digest agent passes on.
+EmailAgents::Params _agentParams(const std::string& config, std::ostream& err) {
+    const auto agent = EmailChannel::agentElement(Tamxml::Document::fromFile(config));
+    if (!agent) {
         throw ConfigError{config + " has no /Channel/EmailAgent element"};
     }
-    EmailAgents::Params params;
-    const auto children = Tamxml::find_elements(agents->front(), Tamxml::XPath("Param"));
-    for (const auto& param : *children) {
-        const auto name = param->attr("name");
-        const auto value = param->attr("value");
-        if (!name || !value) {
-            throw ConfigError{config + ": a Param of EmailAgent lacks its name or value"};
-        }
-        params[name->value_cast<std::string>()] = value->value_cast<std::string>();
+    EmailAgents::Params params = EmailChannel::agentParams(*agent, [&](const std::string& problem) {
+        err << "osk-spool: " << config << ": " << problem << "\n";
+    });
+    auto parts = EmailAgents::DigestSettings::split(params);
+    if (parts.first.count("agent") != 0) {
+        params = std::move(parts.second);
     }
     if (params.count("spool") == 0) {
         throw ConfigError{config + ": the EmailAgent has no \"spool\" parameter, so there is " +
@@ -47,7 +48,7 @@ EmailAgents::Params _agentParams(const std::string& config) {
 int flushSpool(const std::string& config, std::ostream& out, std::ostream& err) {
     EmailAgents::SmtpSettings settings;
     try {
-        settings = EmailAgents::SmtpSettings::fromParams(_agentParams(config));
+        settings = EmailAgents::SmtpSettings::fromParams(_agentParams(config, err));
     } catch (const ConfigError& e) {
         err << "osk-spool: " << e.text << "\n";
         return 2;

@@ -9,8 +9,8 @@ import os
 import subprocess
 import unittest
 
-from host_harness import (DEAD_URL, HOST_TOKEN, OSK_SPOOL, SMTP_AGENT, SUBJECT, TIMEOUT,
-                          SmtpSpoolTest, alarm, channel_config, events_xml, group, run)
+from host_harness import (DEAD_URL, DIGEST_AGENT, HOST_TOKEN, OSK_SPOOL, SMTP_AGENT, SUBJECT,
+                          TIMEOUT, SmtpSpoolTest, alarm, channel_config, events_xml, group, run)
 
 GROUPS = group("Disk on %host% is full.", 100)
 # The subject goes out in ISO-8859-15, so listing it takes a charset conversion.
@@ -141,6 +141,35 @@ class SpoolToolTest(SmtpSpoolTest):
         self.assertEqual(11, len(bodies), bodies)
         self.assertEqual(len(bodies), len(set(bodies)))
         self.assertEqual(["failed"], [e["state"] for e in self.listing()])
+
+    def test_channel_and_flush_configure_the_agent_alike(self):
+        """One EmailAgent element, read by the channel (osk-host) and by flush: the same
+        children skipped, the same parameters, the same verdict."""
+        url, dead = self.server.url, DEAD_URL
+        rows = [  # (name, library, children, skipped, osk-host's status, flush's status)
+            ("any child counts, the first of a name wins, empty ones are skipped", SMTP_AGENT,
+             f'<Relay name="url" value="{url}"/><Param name="url" value="{dead}"/><Param name="timeout" value=""/>'
+             '<Param name="drain"/><Param name="starttls" value="no"/>', 2, 0, 0),
+            ("the SMTP agent behind the digest agent", DIGEST_AGENT,
+             f'<Param name="agent" value="{SMTP_AGENT}"/><Param name="hold" value="hold"/><Param name="burst" value="5"/>'
+             f'<Param name="url" value="{url}"/><Param name="starttls" value="no"/>', 0, 0, 0),
+            # Last: its mail stays in the spool.
+            ("a bad value", SMTP_AGENT,
+             f'<Param name="url" value="{url}"/><Param name="connections" value="many"/>', 0, 3, 2),
+        ]
+        for n, (name, lib, children, skipped, host_status, flush_status) in enumerate(rows):
+            with self.subTest(name):
+                config = channel_config(lib, [], GROUPS, tokens=HOST_TOKEN).replace(
+                    "  </EmailAgent>", f'{children}<Param name="spool" value="{self.spool}"/></EmailAgent>')
+                before = self.server.count()
+                result = self.host(config, events_xml((100, alarm("db1"))))
+                delivered = self.server.count() - before
+                self.alert(dead, "db2")  # a mail waiting in the spool for flush
+                code, out, err = self.spool_tool("flush", "--config", self.write(f"row{n}.xml", config))
+                self.assertEqual((host_status, int(host_status == 0), skipped, flush_status, skipped),
+                                 (result.returncode, delivered,
+                                  len([r for r in result.reports("warning") if r.endswith(": skipped")]),
+                                  code, err.count(": skipped\n")), result.stderr + out + err)
 
 
 if __name__ == "__main__":
