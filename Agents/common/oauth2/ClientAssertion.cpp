@@ -66,9 +66,9 @@ std::string clientAssertion(const std::string& certificateFile, const std::strin
     OpenSslPtr<X509> cert(
         PEM_read_bio_X509(_open(certificateFile, "certificate").get(), nullptr, nullptr, nullptr));
     if (!cert) {
-        TAMTK_THROW(OAuth2ConfigException, _source,
-                    "the OAuth2 client certificate \"" << certificateFile
-                                                       << "\" holds no PEM certificate");
+        TAMTK_THROW(
+            OAuth2ConfigException, _source,
+            "the OAuth2 client certificate \"" << certificateFile << "\" holds no PEM certificate");
     }
     OpenSslPtr<EVP_PKEY> key(
         PEM_read_bio_PrivateKey(_open(keyFile, "key").get(), nullptr, _noPassphrase, nullptr));
@@ -79,8 +79,9 @@ std::string clientAssertion(const std::string& certificateFile, const std::strin
     }
     if (X509_check_private_key(cert.get(), key.get()) != 1) {
         TAMTK_THROW(OAuth2ConfigException, _source,
-                    "the OAuth2 client key \"" << keyFile << "\" does not belong to the certificate \""
-                                               << certificateFile << "\"");
+                    "the OAuth2 client key \""
+                        << keyFile << "\" does not belong to the certificate \"" << certificateFile
+                        << "\"");
     }
     unsigned char* der = nullptr;
     const int derLength = i2d_X509(cert.get(), &der);
@@ -92,16 +93,20 @@ std::string clientAssertion(const std::string& certificateFile, const std::strin
                                    {"typ", "JWT"},
                                    {"x5t", base64Url(_digest(EVP_sha1(), certDer))},
                                    {"x5t#S256", base64Url(_digest(EVP_sha256(), certDer))}};
-    const nlohmann::json claims = {{"aud", tokenUrl},   {"iss", clientId},
-                                   {"sub", clientId},   {"jti", _randomId()},
-                                   {"nbf", now},        {"iat", now},
+    const nlohmann::json claims = {{"aud", tokenUrl},
+                                   {"iss", clientId},
+                                   {"sub", clientId},
+                                   {"jti", _randomId()},
+                                   {"nbf", now},
+                                   {"iat", now},
                                    {"exp", now + _assertionLifetime}};
     const std::string signingInput = base64Url(header.dump()) + "." + base64Url(claims.dump());
 
     OpenSslPtr<EVP_MD_CTX> ctx(EVP_MD_CTX_new());
     std::size_t length = 0;
     std::string signature;
-    bool ok = ctx && EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) == 1 &&
+    bool ok = ctx &&
+              EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) == 1 &&
               EVP_DigestSign(ctx.get(), nullptr, &length,
                              reinterpret_cast<const unsigned char*>(signingInput.data()),
                              signingInput.size()) == 1;

@@ -102,8 +102,7 @@ const char* _firstGiven(const ParamReader& reader, std::initializer_list<const c
     return nullptr;
 }
 
-void _checkReadable(const std::string& file, const char* what, bool secret,
-                    std::string& warnings) {
+void _checkReadable(const std::string& file, const char* what, bool secret, std::string& warnings) {
     if (access(file.c_str(), R_OK) != 0) {
         TAMTK_THROW(OAuth2ConfigException, _source,
                     "cannot read the " << what << " file \"" << file << "\"");
@@ -132,12 +131,19 @@ bool _runnable(const std::string& program) {
 }  // namespace
 
 const std::vector<const char*>& oauth2ParamNames() {
-    static const std::vector<const char*> names = {
-        "auth",          "oauth2_mechanism",          "username",
-        "oauth2_provider", "oauth2_tenant",           "oauth2_token_url",
-        "oauth2_client_id", "oauth2_scope",           "oauth2_client_secret_file",
-        "oauth2_client_certificate", "oauth2_client_key", "oauth2_refresh_token_file",
-        "oauth2_token_command"};
+    static const std::vector<const char*> names = {"auth",
+                                                   "oauth2_mechanism",
+                                                   "username",
+                                                   "oauth2_provider",
+                                                   "oauth2_tenant",
+                                                   "oauth2_token_url",
+                                                   "oauth2_client_id",
+                                                   "oauth2_scope",
+                                                   "oauth2_client_secret_file",
+                                                   "oauth2_client_certificate",
+                                                   "oauth2_client_key",
+                                                   "oauth2_refresh_token_file",
+                                                   "oauth2_token_command"};
     return names;
 }
 
@@ -162,10 +168,10 @@ OAuth2Settings readOAuth2Settings(const char* agent, const Params& params,
     }
     s.enabled = true;
     s.username = reader.required("username");
-    s.mechanism = reader.choice("oauth2_mechanism", {"XOAUTH2", "OAUTHBEARER"}, "XOAUTH2") ==
-                          "XOAUTH2"
-                      ? OAuth2Mechanism::XOAuth2
-                      : OAuth2Mechanism::OAuthBearer;
+    s.mechanism =
+        reader.choice("oauth2_mechanism", {"XOAUTH2", "OAUTHBEARER"}, "XOAUTH2") == "XOAUTH2"
+            ? OAuth2Mechanism::XOAuth2
+            : OAuth2Mechanism::OAuthBearer;
 
     if (reader.has("oauth2_token_command")) {
         const char* other = _firstGiven(
@@ -188,13 +194,14 @@ OAuth2Settings readOAuth2Settings(const char* agent, const Params& params,
         return s;
     }
 
-    const bool certificate = reader.has("oauth2_client_certificate") || reader.has("oauth2_client_key");
+    const bool certificate =
+        reader.has("oauth2_client_certificate") || reader.has("oauth2_client_key");
     if (reader.has("oauth2_refresh_token_file")) {
         if (certificate) {
-            reader.fail(reader.has("oauth2_client_key") ? "oauth2_client_key"
-                                                        : "oauth2_client_certificate",
-                        "is given with oauth2_refresh_token_file; a refresh token is sent with "
-                        "the client id and at most a client secret");
+            reader.fail(
+                reader.has("oauth2_client_key") ? "oauth2_client_key" : "oauth2_client_certificate",
+                "is given with oauth2_refresh_token_file; a refresh token is sent with "
+                "the client id and at most a client secret");
         }
         s.source = TokenSourceKind::RefreshToken;
         s.refreshTokenFile = reader.required("oauth2_refresh_token_file");
@@ -219,7 +226,8 @@ OAuth2Settings readOAuth2Settings(const char* agent, const Params& params,
     }
     _endpointDefaults(reader, s);
     if (s.scope.empty() && s.source != TokenSourceKind::RefreshToken) {
-        reader.fail("oauth2_scope", "is required for client credentials unless oauth2_provider is given");
+        reader.fail("oauth2_scope",
+                    "is required for client credentials unless oauth2_provider is given");
     }
     return s;
 }
@@ -231,9 +239,9 @@ void checkOAuth2Settings(const OAuth2Settings& s) {
     std::string warnings;
     if (s.source == TokenSourceKind::Command) {
         if (!_runnable(s.command.front())) {
-            TAMTK_THROW(OAuth2ConfigException, _source,
-                        "the OAuth2 token command's program \"" << s.command.front()
-                                                                << "\" cannot be run");
+            TAMTK_THROW(
+                OAuth2ConfigException, _source,
+                "the OAuth2 token command's program \"" << s.command.front() << "\" cannot be run");
         }
         return;
     }

@@ -48,10 +48,10 @@ struct OAuth2Settings {
     std::string tokenUrl;
     std::string clientId;
     std::string scope;
-    std::string clientSecretFile;   // ClientSecret; optional with RefreshToken
-    std::string clientCertificate;  // ClientCertificate: PEM
-    std::string clientKey;          // ClientCertificate: PEM, RSA
-    std::string refreshTokenFile;   // RefreshToken
+    std::string clientSecretFile;      // ClientSecret; optional with RefreshToken
+    std::string clientCertificate;     // ClientCertificate: PEM
+    std::string clientKey;             // ClientCertificate: PEM, RSA
+    std::string refreshTokenFile;      // RefreshToken
     std::vector<std::string> command;  // Command: program and arguments
     OAuth2Context context;
 };

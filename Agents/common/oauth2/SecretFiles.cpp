@@ -41,8 +41,9 @@ std::string readSecretFile(const std::string& file, const char* what) {
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         const int err = errno;
-        TAMTK_THROW(OAuth2ConfigException, _source,
-                    "cannot read the " << what << " file \"" << file << "\": " << std::strerror(err));
+        TAMTK_THROW(
+            OAuth2ConfigException, _source,
+            "cannot read the " << what << " file \"" << file << "\": " << std::strerror(err));
     }
     std::string line;
     std::getline(in, line);
@@ -85,9 +86,9 @@ void replaceSecretFile(const std::string& file, const std::string& secret, const
         }
     }
     if (err != 0) {
-        TAMTK_THROW(OAuth2TemporaryException, _source,
-                    "cannot save the new " << what << " to \"" << file
-                                           << "\": " << std::strerror(err));
+        TAMTK_THROW(
+            OAuth2TemporaryException, _source,
+            "cannot save the new " << what << " to \"" << file << "\": " << std::strerror(err));
     }
 }
 

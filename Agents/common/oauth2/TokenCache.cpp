@@ -51,7 +51,8 @@ std::string TokenCache::get() {
         // The lifetime counts from the request, not from its answer.
         token_ = fresh.value;
         expires_ = now + fresh.lifetime;
-        renewAt_ = expires_ - std::min(_maxMargin, fresh.lifetime / 10);
+        const Clock::duration lifetime = fresh.lifetime;
+        renewAt_ = expires_ - std::min<Clock::duration>(_maxMargin, lifetime / 10);
     } else if (!token_.empty() && Clock::now() < expires_) {
         // The old token still works: use it, and try again halfway to its end
         // rather than at every call while the endpoint is down.

@@ -72,8 +72,8 @@ private:
     Clock::time_point expires_;
     Clock::time_point renewAt_;
     bool fetching_ = false;
-    unsigned long fetches_ = 0;    // fetches finished, with or without a token
-    std::exception_ptr failure_;   // why the last one failed
+    unsigned long fetches_ = 0;   // fetches finished, with or without a token
+    std::exception_ptr failure_;  // why the last one failed
 };
 
 }  // namespace EmailAgents

@@ -141,15 +141,16 @@ std::string runTokenCommand(const std::vector<std::string>& command, long timeou
     posix_spawnattr_setpgroup(&attributes, 0);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes,
-                             POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(
+        &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     pid_t pid = -1;
     const int rc = posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     if (rc != 0) {
-        TAMTK_THROW(OAuth2ConfigException, _source,
-                    "cannot run the OAuth2 token command \"" << name << "\": " << std::strerror(rc));
+        TAMTK_THROW(
+            OAuth2ConfigException, _source,
+            "cannot run the OAuth2 token command \"" << name << "\": " << std::strerror(rc));
     }
     close(pipes.out[1]);
     close(pipes.err[1]);

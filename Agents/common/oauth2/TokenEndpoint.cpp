@@ -104,10 +104,10 @@ TokenResponse requestToken(const OAuth2Settings& settings, const Form& form) {
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
     const nlohmann::json json = nlohmann::json::parse(answer, nullptr, false);
     if (status == 200) {
-        const std::string token = json.is_object() && json.contains("access_token") &&
-                                          json["access_token"].is_string()
-                                      ? json["access_token"].get<std::string>()
-                                      : "";
+        const std::string token =
+            json.is_object() && json.contains("access_token") && json["access_token"].is_string()
+                ? json["access_token"].get<std::string>()
+                : "";
         if (token.empty()) {
             TAMTK_THROW(OAuth2TemporaryException, _source,
                         "the OAuth2 token endpoint " << url << " answered without an access token");

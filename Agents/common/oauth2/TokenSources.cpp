@@ -25,8 +25,9 @@ public:
         }
         if (s_.source == TokenSourceKind::ClientCertificate) {
             form.emplace_back("client_assertion_type", _assertionType);
-            form.emplace_back("client_assertion", clientAssertion(s_.clientCertificate, s_.clientKey,
-                                                                  s_.clientId, s_.tokenUrl));
+            form.emplace_back(
+                "client_assertion",
+                clientAssertion(s_.clientCertificate, s_.clientKey, s_.clientId, s_.tokenUrl));
         }
         if (!s_.scope.empty()) {
             form.emplace_back("scope", s_.scope);
