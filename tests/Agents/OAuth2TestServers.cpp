@@ -2,14 +2,13 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <sstream>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace AgentTest {
 
@@ -28,12 +27,14 @@ PythonServer::PythonServer(const std::string& script, std::vector<std::string> a
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    const int rc = pid_ > 0 ? 0 : errno;
     close(in[0]);
     close(out[1]);
     stdin_ = in[1];
@@ -94,12 +95,15 @@ namespace {
 
 std::vector<std::string> _endpointArgs(const TempDir& state, const TokenEndpoint::Options& o) {
     const OAuth2Keys& keys = OAuth2Keys::get();
-    std::vector<std::string> args = {"--state",       state.path(),     "--signing-key",
-                                     keys.signingKey, "--client-cert",  keys.clientCert,
-                                     "--port",        std::to_string(o.port), "--lifetime",
-                                     std::to_string(o.lifetime), "--subject", o.subject};
+    std::vector<std::string> args = {"--state",       state.path(),
+                                     "--signing-key", keys.signingKey,
+                                     "--client-cert", keys.clientCert,
+                                     "--port",        std::to_string(o.port),
+                                     "--lifetime",    std::to_string(o.lifetime),
+                                     "--subject",     o.subject};
     if (o.tls) {
-        args.insert(args.end(), {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
+        args.insert(args.end(),
+                    {"--cert", Certificate::get().cert, "--key", Certificate::get().key});
     }
     if (!o.secretFile.empty()) {
         args.insert(args.end(), {"--secret-file", o.secretFile});
