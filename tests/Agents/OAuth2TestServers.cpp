@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <sstream>
@@ -18,14 +19,12 @@ std::string oauth2Script(const char* name) {
 
 PythonServer::PythonServer(const std::string& script, std::vector<std::string> args) {
     args.insert(args.begin(), {"/usr/bin/python3", script});
-    std::vector<char*> argv;
-    for (std::string& a : args) {
-        argv.push_back(&a[0]);
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(args.size() + 1, nullptr);
+    std::transform(args.begin(), args.end(), argv.begin(), [](std::string& a) { return &a[0]; });
     int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
+    const bool piped = pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0;
+    if (!piped) {
+        throw std::runtime_error("no pipes for " + script);
     }
     pid_ = fork();
     if (pid_ == 0) {
