@@ -15,6 +15,7 @@ drops it: prints "READY <port>", ends when its standard input closes.
 import argparse
 import asyncio
 import json
+import logging
 import os
 import sys
 import time
@@ -95,7 +96,9 @@ def main():
     parser.add_argument("--public-key", required=True, help="the endpoint's key (PEM, public)")
     parser.add_argument("--state", required=True, help="the endpoint's --state folder")
     args = parser.parse_args()
-    warnings.simplefilter("ignore")  # aiosmtpd's notes on AUTH without TLS, on purpose here
+    # aiosmtpd's notes on AUTH without TLS: on purpose here.
+    warnings.simplefilter("ignore")
+    logging.getLogger("mail.log").setLevel(logging.ERROR)
     loop = asyncio.new_event_loop()
     asyncio.set_event_loop(loop)
     handler = DropHandler(args.public_key, args.state)
