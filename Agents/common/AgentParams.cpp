@@ -22,7 +22,8 @@ std::string _lower(std::string text) {
     return text;
 }
 
-std::string _list(std::initializer_list<const char*> names) {
+template <class Names>
+std::string _list(const Names& names) {
     std::string out;
     for (const char* n : names) {
         if (!out.empty()) {
@@ -37,6 +38,10 @@ std::string _list(std::initializer_list<const char*> names) {
 
 ParamReader::ParamReader(const char* agent, const Params& params,
                          std::initializer_list<const char*> known)
+    : ParamReader(agent, params, std::vector<const char*>(known)) {}
+
+ParamReader::ParamReader(const char* agent, const Params& params,
+                         const std::vector<const char*>& known)
     : agent_(agent), params_(params) {
     for (const auto& entry : params) {
         bool found = false;

@@ -19,6 +19,9 @@ public:
     // `agent` names the agent in messages ("Maildir agent"). Throws
     // AgentParamException when `params` holds a name not in `known`.
     ParamReader(const char* agent, const Params& params, std::initializer_list<const char*> known);
+    // The same with a list put together at run time (an agent's own names
+    // plus those of a shared part such as OAuth2).
+    ParamReader(const char* agent, const Params& params, const std::vector<const char*>& known);
 
     bool has(const char* name) const;
     // The value, or `fallback` when the parameter is absent.
