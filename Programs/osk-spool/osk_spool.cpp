@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Agents/smtp/Spool.h"
+#include "Agents/common/Spool.h"
 #include "Programs/osk-spool/SpoolFlush.h"
 #include "Programs/osk-spool/SpoolListing.h"
 #include "Toolkit/Exception.h"
