@@ -53,10 +53,10 @@ class Spool;
 struct SpooledMessage;
 
 struct EngineSettings {
-    std::string agent;        // how reports name the agent: "SMTP agent"
-    std::string destination;  // named when an attempt names no place of its own
-    std::string spool;        // its folder; "" for none
-    long drainMs = 30000;     // spent on the spool when the engine ends; 0: none
+    std::string agent;         // how reports name the agent: "SMTP agent"
+    std::string destination;   // named when an attempt names no place of its own
+    std::string spool;         // its folder; "" for none
+    long drainMs = 30000;      // spent on the spool when the engine ends; 0: none
     unsigned connections = 2;  // transports draining the spool side by side
     std::chrono::milliseconds retryFirst{1000};
     std::chrono::milliseconds retryMax{60000};
@@ -121,8 +121,7 @@ private:
                      std::mutex& passMutex);
     // Reads a spooled message and checks its envelope; false when it is
     // gone or was moved to failed/ (then counted in `pass`).
-    bool take(const std::string& name, SpooledMessage& message, Pass& pass,
-              std::mutex& passMutex);
+    bool take(const std::string& name, SpooledMessage& message, Pass& pass, std::mutex& passMutex);
     void retryLoop();
     void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason);
     void noteDelivered();

@@ -34,7 +34,9 @@ public:
     // `destination` is named when an attempt names no place of its own;
     // `spool` is "" without a spool.
     DeliveryWording(std::string agent, std::string destination, std::string spool)
-        : agent_(std::move(agent)), destination_(std::move(destination)), spool_(std::move(spool)) {}
+        : agent_(std::move(agent)),
+          destination_(std::move(destination)),
+          spool_(std::move(spool)) {}
 
     // Why an envelope cannot be sent ("" when it can): `role` is "sender"
     // or "recipient".

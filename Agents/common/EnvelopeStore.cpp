@@ -39,8 +39,8 @@ void _checkMode(const std::string& folder, const std::string& owner) {
     char mode[8];
     std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
     TAMTK_THROW(AgentParamException, _source,
-                owner << ": the folder \"" << folder << "\" may be written by group or others (mode "
-                      << mode
+                owner << (owner.empty() ? "" : ": ") << "the folder \"" << folder
+                      << "\" may be written by group or others (mode " << mode
                       << "), so another user could put mail there to be sent as the channel's; "
                          "it is refused until only its owner may write to it (chmod go-w)");
 }
@@ -179,9 +179,9 @@ void EnvelopeFolder::moveTo(const std::string& name, const std::string& folder) 
     const std::string to = folder + "/" + name;
     if (rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) {
         const int err = errno;
-        TAMTK_THROW(DeliveryException, _source,
-                    "cannot move \"" << from << "\" to \"" << folder
-                                     << "\": " << std::strerror(err));
+        TAMTK_THROW(
+            DeliveryException, _source,
+            "cannot move \"" << from << "\" to \"" << folder << "\": " << std::strerror(err));
     }
     syncDirectory(mailDir());
 }

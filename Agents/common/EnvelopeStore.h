@@ -50,7 +50,7 @@ std::string formatEnvelope(const EnvelopeFormat& format, const Envelope& mail);
 // and the time, each once where it must be and in that order.
 bool parseEnvelope(const EnvelopeFormat& format, std::string text, Envelope& out);
 
-// Throws AgentParamException "<owner>: ..." when `folder`, or a folder in
+// Throws AgentParamException "<owner>: ..." ("" for none) when `folder`, or a folder in
 // it (two levels down), may be written by group or others, naming it and its
 // mode. A folder that does not exist yet passes: the store makes it private.
 // Creates and changes nothing.

@@ -28,8 +28,7 @@ class Spool {
 public:
     // Refuses a folder others may write to (AgentParamException, its text
     // beginning with `owner`); creates the spool's folders when missing.
-    explicit Spool(const std::string& dir,
-                   const std::string& owner = "SMTP agent: parameter \"spool\"");
+    explicit Spool(const std::string& dir, const std::string& owner = "");
     Spool(const Spool&) = delete;
     Spool& operator=(const Spool&) = delete;
 

@@ -36,8 +36,7 @@ EngineSettings _engineSettings(const SmtpSettings& smtp) {
 
 SmtpAgent::SmtpAgent(const SmtpSettings& settings)
     : DeliveryEngine(_engineSettings(settings),
-                     std::unique_ptr<TransportFactory>(new RelayTransports(settings))),
-      settings_(settings) {}
+                     std::unique_ptr<TransportFactory>(new RelayTransports(settings))) {}
 
 SmtpAgent& smtpAgentFor(const Params& params) {
     // libcurl (and with it OpenSSL, which cleans up at exit) is set up before

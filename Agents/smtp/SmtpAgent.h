@@ -14,11 +14,6 @@ class SmtpAgent : public DeliveryEngine {
 public:
     // Throws AgentParamException for a spool folder others may write to.
     explicit SmtpAgent(const SmtpSettings& settings);
-
-    const SmtpSettings& settings() const { return settings_; }
-
-private:
-    const SmtpSettings settings_;
 };
 
 // The agent for one set of parameters: made on first use and kept for the

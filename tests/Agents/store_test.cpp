@@ -48,14 +48,12 @@ TEST(EnvelopeStore, FilesThatAreNotMailAreMovedAsideUnread) {
         {"garbage", [](const std::string& p) { writeFile(p, "To: x\n\nbody"); }, "envelope", 1},
         {"no-recipient",
          [](const std::string& p) { writeFile(p, "X-Spool-From: a\nX-Spool-Queued: 1\nbody"); },
-         "envelope",
-         0},
+         "envelope", 0},
         {"bad-time",
          [](const std::string& p) {
              writeFile(p, "X-Spool-From: a\nX-Spool-To: b\nX-Spool-Queued: soon\n");
          },
-         "envelope",
-         0},
+         "envelope", 0},
     };
     const long before = peakKib();
     Spool spool(dir / "spool");
@@ -146,9 +144,9 @@ TEST(EnvelopeStore, AFolderOthersMayWriteToIsRefused) {
         });
         char mode[8];
         std::snprintf(mode, sizeof mode, "%04o", row.mode);
-        EXPECT_EQ(missingFrom(text, {dir / row.folder + "\"", mode,
-                                     row.hold ? "\"hold\"" : "\"spool\""}),
-                  "")
+        EXPECT_EQ(
+            missingFrom(text, {dir / row.folder + "\"", mode, row.hold ? "\"hold\"" : "\"spool\""}),
+            "")
             << text;
     }
 }

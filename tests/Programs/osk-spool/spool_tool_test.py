@@ -98,6 +98,10 @@ class SpoolToolTest(SmtpSpoolTest):
         ids = [e["id"] for e in entries]
         not_spool = self.dir / "not-a-spool"
         not_spool.mkdir()
+        shared = self.dir / "shared"
+        for sub in ("new", "tmp", "failed/new"):
+            (shared / sub).mkdir(parents=True)
+        shared.chmod(0o777)
         no_spool = self.write("no-spool.xml", channel_config(
             SMTP_AGENT, [("url", self.server.url)], GROUPS, "", HOST_TOKEN))
         locked = "another process"
@@ -105,6 +109,7 @@ class SpoolToolTest(SmtpSpoolTest):
             (("list", not_spool), 2, "is not a spool"),
             (("drop", not_spool, ids[0]), 2, "is not a spool"),
             (("list", self.dir / "missing"), 2, "is not a spool"),
+            (("list", shared), 2, f'"{shared}" may be written by group or others (mode 0777)'),
             (("drop", self.spool, ids[1], "no-such-id"), 2, '"no-such-id" is not in the spool'),
             (("drop", self.spool, "../spool/new/" + ids[1]), 2, "is not in the spool"),
             (("requeue", self.spool, ids[0], ids[1]), 2, f'"{ids[1]}" is waiting, not failed'),
