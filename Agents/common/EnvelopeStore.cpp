@@ -63,9 +63,16 @@ std::vector<std::string> _subfolders(const std::string& folder) {
     return out;
 }
 
+// tmp/, new/ and cur/ hold mail files: what lies in them is judged as
+// mail when it is read, not as a folder of the store.
+bool _holdsMail(const std::string& folder) {
+    const std::string name = folder.substr(folder.rfind('/') + 1);
+    return name == "tmp" || name == "new" || name == "cur";
+}
+
 void _checkTree(const std::string& folder, const std::string& owner, int depth) {
     _checkMode(folder, owner);
-    if (depth > 0) {
+    if (depth > 0 && !_holdsMail(folder)) {
         for (const std::string& sub : _subfolders(folder)) {
             _checkTree(sub, owner, depth - 1);
         }
