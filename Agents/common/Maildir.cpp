@@ -197,7 +197,8 @@ std::string Maildir::deliver(const std::vector<Piece>& pieces) const {
     for (int attempt = 0; attempt < 100; ++attempt) {
         const std::string name = uniqueMaildirName();
         const std::string tmp = path_ + "/tmp/" + name;
-        const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        const int fd =
+            open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (fd < 0) {
             const int err = errno;
             if (err == EEXIST) {
@@ -269,6 +270,60 @@ std::vector<std::string> sortedNames(const std::string& dir, const std::string& 
     closedir(d);
     std::sort(names.begin(), names.end());
     return names;
+}
+
+MailFile readMailFile(const std::string& path, std::string& out, std::string& why) {
+    out.clear();
+    // Non-blocking, so that opening a FIFO returns at once instead of
+    // waiting for a writer; a regular file reads the same either way.
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        const int err = errno;
+        if (err == ENOENT) {
+            return MailFile::Gone;
+        }
+        if (err == ELOOP || err == ENXIO) {
+            why = err == ELOOP ? "a symbolic link" : "not a regular file";
+            return MailFile::NotMail;
+        }
+        TAMTK_THROW(DeliveryException, _source,
+                    "cannot read \"" << path << "\": " << std::strerror(err));
+    }
+    struct Closer {
+        int fd;
+        ~Closer() { close(fd); }
+    } closer{fd};
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        why = "not a regular file";
+        return MailFile::NotMail;
+    }
+    const std::string tooLarge = "larger than " + std::to_string(maxMailBytes) + " bytes";
+    if (static_cast<unsigned long long>(st.st_size) > maxMailBytes) {
+        why = tooLarge;
+        return MailFile::NotMail;
+    }
+    out.reserve(static_cast<std::size_t>(st.st_size));
+    char buffer[65536];
+    // The size may change while it is read: the bound holds whatever comes.
+    while (out.size() <= maxMailBytes) {
+        const ssize_t n = read(fd, buffer, std::min(sizeof buffer, maxMailBytes + 1 - out.size()));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            const int err = errno;
+            TAMTK_THROW(DeliveryException, _source,
+                        "cannot read \"" << path << "\": " << std::strerror(err));
+        }
+        if (n == 0) {
+            return MailFile::Read;
+        }
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+    out.clear();
+    why = tooLarge;
+    return MailFile::NotMail;
 }
 
 }  // namespace EmailAgents

@@ -54,5 +54,18 @@ std::vector<std::string> sortedNames(const std::string& dir, const std::string& 
 // Flushes a directory's entries (after a rename or unlink in it).
 void syncDirectory(const std::string& dir);
 
+// The largest file read as a mail. An alert is a few kilobytes; anything
+// near this is not one of ours, and reading it would take the memory.
+const std::size_t maxMailBytes = 64 * 1024 * 1024;
+
+enum class MailFile { Read, Gone, NotMail };
+
+// Reads the mail file `path` into `out`. Only a regular file is mail: a link
+// is not followed, a FIFO or device is not waited on, and nothing beyond
+// maxMailBytes is read. Gone: no file of that name (taken meanwhile);
+// NotMail: `why` says what the file is instead. Throws DeliveryException
+// when a file that is mail cannot be read.
+MailFile readMailFile(const std::string& path, std::string& out, std::string& why);
+
 }  // namespace EmailAgents
 }  // namespace Osk

@@ -1,9 +1,7 @@
 #pragma once
 
-// Mail the digest agent holds back until its window ends. The hold directory
-// is a Maildir: each held mail is one file in new/, written to tmp/, flushed
-// and renamed, so a crash leaves either the whole mail or nothing. A file is
-// the mail as the channel built it, behind its envelope:
+// Mail the digest agent holds back until its window ends: an envelope store
+// (see EnvelopeStore.h) whose envelope lines begin "X-Digest-":
 //
 //   X-Digest-From: alerts@example.org
 //   X-Digest-To: ops@example.org
@@ -11,10 +9,12 @@
 //   To: ...                            (the mail, byte for byte)
 
 #include <ctime>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include "Agents/common/Maildir.h"
+#include "Agents/common/EnvelopeStore.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -30,9 +30,9 @@ class Hold {
 public:
     // Creates the directory when missing and takes it for this process: a
     // second holder would send the same mail again. Throws
-    // AgentParamException for "hold" when another one has it.
+    // AgentParamException for "hold" when another one has it, or when
+    // others may write to it.
     explicit Hold(const std::string& dir);
-    ~Hold();
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
@@ -41,20 +41,20 @@ public:
     // Stores a mail durably; returns its name.
     std::string put(const HeldMail& mail);
     // Names of the held mails, oldest first.
-    std::vector<std::string> names() const;
-    // False when the file has no valid envelope.
+    std::vector<std::string> names() const { return box_.names(); }
+    // False when the file is not held mail (no valid envelope, not a
+    // regular file, too large); nothing of it is read then.
     bool load(const std::string& name, HeldMail& out) const;
     // Forgets mails that went out, durably.
-    void remove(const std::vector<std::string>& names);
-    // Moves a file that cannot be read as held mail into cur/, for people.
+    void remove(const std::vector<std::string>& names) { box_.remove(names); }
+    // Moves a file that load() refused into cur/, for people, and says so on
+    // standard error.
     void setAside(const std::string& name);
 
-    static std::string format(const HeldMail& mail);
-    static bool parse(const std::string& text, HeldMail& out);
-
 private:
-    Maildir box_;
-    int lockFd_;
+    EnvelopeStore box_;
+    mutable std::mutex mutex_;
+    mutable std::map<std::string, std::string> refused_;  // why load() refused a name
 };
 
 }  // namespace EmailAgents

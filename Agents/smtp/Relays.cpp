@@ -28,7 +28,8 @@ Relays::Relays(const SmtpSettings& settings, const std::atomic<bool>* abort) : a
 }
 
 Attempt Relays::send(const std::string& from, const std::vector<std::string>& to,
-                     const std::string& wire) {
+                     const std::string& message) {
+    const std::string wire = toWireFormat(message.c_str());
     // The relay that worked last, then the others in their order.
     std::vector<std::size_t> order{current_};
     for (std::size_t i = 0; i < sessions_.size(); ++i) {

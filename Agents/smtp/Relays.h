@@ -5,6 +5,7 @@
 // relay cannot be reached or answers the whole message with a temporary
 // refusal, the others are tried, in their configured order. A permanent
 // refusal is final: another relay would refuse it for the same reason.
+// They are the SMTP agent's transport.
 
 #include <atomic>
 #include <memory>
@@ -16,7 +17,7 @@
 namespace Osk {
 namespace EmailAgents {
 
-class Relays {
+class Relays : public Transport {
 public:
     Relays(const SmtpSettings& settings, const std::atomic<bool>* abort);
 
@@ -24,8 +25,9 @@ public:
     // relay failing, the last one's, marked a connection failure only when
     // none of them could be reached, and naming in `reason`s the relays
     // tried before it.
+    // `message` goes out in wire format (toWireFormat).
     Attempt send(const std::string& from, const std::vector<std::string>& to,
-                 const std::string& wire);
+                 const std::string& message) override;
 
 private:
     std::vector<std::unique_ptr<SmtpSession>> sessions_;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Agents/common/Transport.h"
 #include "Agents/smtp/SmtpSettings.h"
 #include "Agents/smtp/Transcript.h"
 
@@ -17,32 +18,6 @@ typedef void CURL;
 
 namespace Osk {
 namespace EmailAgents {
-
-enum class Fate { Delivered, Temporary, Permanent };
-
-struct RecipientOutcome {
-    std::string address;
-    Fate fate;
-    std::string reason;  // the server's reply or the transport error; empty when delivered
-};
-
-struct Attempt {
-    std::vector<RecipientOutcome> recipients;  // in the order given
-    // The server could not be reached or the link broke: wait before the
-    // next try instead of trying again at once.
-    bool connectionFailure = false;
-    // The link broke after the whole message was sent: the server may have
-    // taken it, so a retry may deliver it twice.
-    bool possiblyDelivered = false;
-    // Retrying will not help until the configuration or the server's setup
-    // changes (no STARTTLS where it is required, a certificate that does not
-    // verify): retried at the longest pause, not in a loop.
-    bool configurationFault = false;
-    // New connections this attempt opened (0 when an open one was reused).
-    long connections = 0;
-    // The relay's URL this outcome is about.
-    std::string relay;
-};
 
 // The message with every line ending in CR LF, as SMTP requires. Existing
 // CR LF pairs are kept; a lone CR or LF becomes CR LF.

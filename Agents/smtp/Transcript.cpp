@@ -1,5 +1,6 @@
 #include "Agents/smtp/Transcript.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace Osk {
@@ -36,6 +37,40 @@ bool _isCode(const std::string& line) {
            line[1] <= '9' && line[2] >= '0' && line[2] <= '9';
 }
 
+// A word that may be an encoded credential: long, of the Base64 alphabet
+// only, and with a character that words of prose lack.
+bool _looksEncoded(const std::string& word) {
+    bool unusual = false;
+    for (char c : word) {
+        const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+        const bool other = (c >= '0' && c <= '9') || c == '+' || c == '/' || c == '=';
+        if (!letter && !other) {
+            return false;
+        }
+        unusual = unusual || other;
+    }
+    return word.size() >= 16 && unusual;
+}
+
+// `text` without the secrets and without anything that looks like one.
+std::string _scrub(const std::string& text, const std::vector<std::string>& secrets) {
+    std::string out;
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+        const std::size_t end = std::min(text.find(' ', pos), text.size());
+        std::string word = text.substr(pos, end - pos);
+        for (const std::string& secret : secrets) {
+            std::size_t at;
+            while (!secret.empty() && (at = word.find(secret)) != std::string::npos) {
+                word.replace(at, secret.size(), "***");
+            }
+        }
+        out += (pos ? " " : "") + (_looksEncoded(word) ? "***" : word);
+        pos = end + 1;
+    }
+    return out;
+}
+
 }  // namespace
 
 void Transcript::reset() {
@@ -46,7 +81,15 @@ void Transcript::sent(const char* data, std::size_t size) {
     // Only the command verb and a recipient's address are kept: other lines
     // may be credentials (AUTH and its answers).
     const std::string line = _stripLineEnd(std::string(data, size));
-    if (_startsWith(line, "MAIL FROM:")) {
+    if (_startsWith(line, "AUTH ")) {
+        stage_ = Stage::Auth;
+        const std::size_t mechanismEnd = line.find(' ', 5);
+        if (mechanismEnd != std::string::npos) {
+            secrets_.push_back(line.substr(mechanismEnd + 1));  // the initial response
+        }
+    } else if (stage_ == Stage::Auth && last_.code == 334) {
+        secrets_.push_back(line);  // the answer to a challenge
+    } else if (_startsWith(line, "MAIL FROM:")) {
         stage_ = Stage::Mail;
     } else if (_startsWith(line, "RCPT TO:")) {
         stage_ = Stage::Rcpt;
@@ -93,7 +136,12 @@ void Transcript::received(const char* data, std::size_t size) {
     }
 }
 
-void Transcript::complete(const Reply& reply) {
+void Transcript::complete(Reply reply) {
+    if (stage_ == Stage::Auth) {
+        reply.text = _scrub(reply.text, secrets_);
+        last_ = reply;
+        return;  // the exchange goes on until a command of another kind
+    }
     last_ = reply;
     switch (stage_) {
         case Stage::Mail:
@@ -114,6 +162,7 @@ void Transcript::complete(const Reply& reply) {
         case Stage::Body:
             endOfData_ = reply;
             break;
+        case Stage::Auth:
         case Stage::Other:
             break;
     }

@@ -3,7 +3,9 @@
 // The server's answers to one SMTP transaction, read from libcurl's protocol
 // trace. libcurl tells only the last reply; which recipients were refused,
 // and whether the message itself was sent before a link broke, can only be
-// seen by following the dialogue.
+// seen by following the dialogue. Replies to the AUTH exchange keep
+// nothing of what the client sent there: a server may quote it back, and
+// the replies end up in reports.
 
 #include <cstddef>
 #include <string>
@@ -39,8 +41,8 @@ public:
     const Reply& last() const { return last_; }
 
 private:
-    enum class Stage { Other, Mail, Rcpt, Data, Body };
-    void complete(const Reply& reply);
+    enum class Stage { Other, Auth, Mail, Rcpt, Data, Body };
+    void complete(Reply reply);
 
     Stage stage_ = Stage::Other;
     std::string partial_;  // an incomplete reply line
@@ -50,6 +52,7 @@ private:
     Reply endOfData_;
     Reply last_;
     std::vector<std::pair<std::string, Reply>> rcpts_;
+    std::vector<std::string> secrets_;  // what the client sent in the AUTH exchange
 };
 
 }  // namespace EmailAgents

@@ -1,11 +1,12 @@
 #include "Programs/osk-spool/SpoolFlush.h"
 
 #include <chrono>
+#include <memory>
 
 #include "Agents/common/AgentException.h"
+#include "Agents/common/Spool.h"
 #include "Agents/digest/DigestSettings.h"
 #include "Agents/smtp/SmtpAgent.h"
-#include "Agents/smtp/SmtpSession.h"
 #include "Osk/EmailAgentBinding.h"
 #include "XmlToolkit/Xml.h"
 
@@ -66,9 +67,14 @@ int flushSpool(const std::string& config, std::ostream& out, std::ostream& err) 
     settings.retryAtStart = false;
     settings.drainMs = 0;
 
-    EmailAgents::SmtpSession::initialise();
-    EmailAgents::SmtpAgent agent(settings);
-    const auto result = agent.drain(_budget);
+    std::unique_ptr<EmailAgents::DeliveryEngine> engine;
+    try {
+        engine.reset(new EmailAgents::SmtpAgent(settings));
+    } catch (const EmailAgents::AgentParamException& e) {
+        err << "osk-spool: " << e.what() << "\n";  // a spool others may write to
+        return 2;
+    }
+    const auto result = engine->drain(_budget);
     if (result.locked) {
         err << "osk-spool: the spool \"" << settings.spool
             << "\" is being delivered by another process; try again in a moment\n";

@@ -71,8 +71,10 @@ SpoolEntry _entry(const EmailAgents::Spool& spool, const std::string& id, bool f
     } catch (const Tamtk::Exception&) {
         // The agent moves such files to failed/ as they are; show when they came.
         struct stat st;
-        const std::string path = spool.dir() + (failed ? "/failed/new/" : "/new/") + id;
-        entry.queued = stat(path.c_str(), &st) == 0 ? st.st_mtime : 0;
+        const std::string path = spool.folder(failed ? EmailAgents::SpoolState::Failed
+                                                     : EmailAgents::SpoolState::Waiting) +
+                                 "/" + id;
+        entry.queued = lstat(path.c_str(), &st) == 0 ? st.st_mtime : 0;
         entry.reason = "the file has no valid envelope";
         return entry;
     }

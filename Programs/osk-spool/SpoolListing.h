@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Agents/smtp/Spool.h"
+#include "Agents/common/Spool.h"
 
 namespace Osk {
 

@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Agents/smtp/Spool.h"
+#include "Agents/common/AgentException.h"
+#include "Agents/common/Spool.h"
 #include "Programs/osk-spool/SpoolFlush.h"
 #include "Programs/osk-spool/SpoolListing.h"
 #include "Toolkit/Exception.h"
@@ -56,8 +57,9 @@ const char* const _usage =
     "changes.\n"
     "\n"
     "Exit status: 0 done (for flush: nothing waits any more); 1 mail still waits after flush,\n"
-    "the spool is locked, or a file could not be changed; 2 DIR is not a spool, an ID does not\n"
-    "exist, or the configuration names no SMTP agent with a spool (nothing was changed);\n"
+    "the spool is locked, or a file could not be changed; 2 DIR is not a spool or group or\n"
+    "others may write to it, an ID does not exist, or the configuration names no SMTP agent\n"
+    "with a spool (nothing was changed);\n"
     "64 bad command line.\n";
 
 const int _done = 0;
@@ -74,13 +76,19 @@ int _fail(int status, const std::string& text) {
     return status;
 }
 
-// The spool at `dir`, which must exist: a mistyped path must not become a
-// new, empty spool.
-std::unique_ptr<Osk::EmailAgents::Spool> _open(const std::string& dir) {
+// The spool at `dir`, which must exist (a mistyped path must not become a
+// new, empty spool) and be private; null, and `why` says which it is not.
+std::unique_ptr<Osk::EmailAgents::Spool> _open(const std::string& dir, std::string& why) {
     if (!Osk::EmailAgents::Spool::isSpool(dir)) {
+        why = "\"" + dir + "\" is not a spool (no new/, tmp/ and failed/ there)";
         return nullptr;
     }
-    return std::unique_ptr<Osk::EmailAgents::Spool>(new Osk::EmailAgents::Spool(dir));
+    try {
+        return std::unique_ptr<Osk::EmailAgents::Spool>(new Osk::EmailAgents::Spool(dir));
+    } catch (const Osk::EmailAgents::AgentParamException& e) {
+        why = e.what();
+        return nullptr;
+    }
 }
 
 bool _plainName(const std::string& id) {
@@ -112,9 +120,10 @@ int _list(const std::vector<std::string>& args) {
     if (dir.empty()) {
         throw UsageError{"list needs the spool directory"};
     }
-    const auto spool = _open(dir);
+    std::string why;
+    const auto spool = _open(dir, why);
     if (!spool) {
-        return _fail(_refused, "\"" + dir + "\" is not a spool (no new/, tmp/ and failed/ there)");
+        return _fail(_refused, why);
     }
     const std::vector<Osk::SpoolEntry> entries = Osk::readSpool(*spool);
     if (json) {
@@ -132,9 +141,10 @@ int _change(const std::string& command, const std::vector<std::string>& args) {
                          (command == "drop" ? " and at least one ID" : "")};
     }
     const std::string& dir = args[0];
-    const auto spool = _open(dir);
+    std::string why;
+    const auto spool = _open(dir, why);
     if (!spool) {
-        return _fail(_refused, "\"" + dir + "\" is not a spool (no new/, tmp/ and failed/ there)");
+        return _fail(_refused, why);
     }
     if (!spool->tryLock()) {
         return _fail(_incomplete, "the spool \"" + dir +

@@ -13,10 +13,10 @@
 #include <string>
 
 #include "AgentTestSupport.h"
+#include "Agents/common/Spool.h"
 #include "Agents/digest/DigestAgent.h"
 #include "Agents/maildir/MaildirAgent.h"
 #include "Agents/smtp/SmtpAgent.h"
-#include "Agents/smtp/Spool.h"
 
 using namespace Osk::EmailAgents;
 

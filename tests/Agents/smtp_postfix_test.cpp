@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "Agents/smtp/Spool.h"
+#include "Agents/common/Spool.h"
 #include "SmtpTestUtil.h"
 
 using namespace Osk::EmailAgents;

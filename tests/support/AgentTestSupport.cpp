@@ -223,6 +223,7 @@ void SmtpTestServer::start() {
     add(o.implicitTls, {"--implicit-tls"});
     add(o.requireStarttls, {"--require-starttls"});
     add(!o.auth.empty(), {"--auth", o.auth});
+    add(o.echoAuth, {"--echo-auth"});
     std::vector<char*> argv;
     for (std::string& a : args) {
         argv.push_back(&a[0]);

@@ -71,6 +71,7 @@ public:
         bool requireStarttls = false;  // refuse mail before STARTTLS
         bool implicitTls = false;      // smtps: TLS from the first byte
         std::string auth;              // "user:password": AUTH PLAIN required
+        bool echoAuth = false;         // a refused AUTH's reply quotes what the client sent
         double idleTimeout = 300;      // seconds before an idle client is dropped
         bool record = true;            // write what arrives to a file
         std::string dieOnce;           // marker file: crash on the first "X-Test-Die: yes"

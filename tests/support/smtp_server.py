@@ -16,7 +16,8 @@ ends untouched.
 
 Scripted: a recipient "r450.x@..." or "r550.x@..." (any 4xx/5xx code) is
 refused with that code; a header line "X-Test-Reply: 451 text" is the reply
-to DATA; --mail-reply answers every MAIL FROM; --delay SECONDS answers each
+to DATA; --mail-reply answers every MAIL FROM; --echo-auth quotes a refused
+AUTH PLAIN's Base64 string in the 535 reply, as careless servers do; --delay SECONDS answers each
 message later (other connections go on); with --die-once FILE, a message with
 a line "X-Test-Die: yes" is recorded, then the server exits unanswered, as if
 it crashed, and FILE keeps a restarted server from doing it again.
@@ -24,6 +25,7 @@ it crashed, and FILE keeps a restarted server from doing it again.
 
 import argparse
 import asyncio
+import base64
 import functools
 import os
 import re
@@ -111,6 +113,7 @@ def main():
     parser.add_argument("--implicit-tls", action="store_true", help="TLS from the start (smtps)")
     parser.add_argument("--require-starttls", action="store_true")
     parser.add_argument("--auth", help="USER:PASSWORD; AUTH PLAIN is then required")
+    parser.add_argument("--echo-auth", action="store_true")
     parser.add_argument("--die-once", help="marker file; see X-Test-Die above")
     parser.add_argument("--mail-reply", help="reply to every MAIL FROM, e.g. \"451 busy\"")
     parser.add_argument("--delay", type=float, default=0.0,
@@ -135,7 +138,11 @@ def main():
         def authenticator(server, session, envelope, mechanism, auth_data):
             ok = (mechanism == "PLAIN" and auth_data.login == user.encode()
                   and auth_data.password == password.encode())
-            return AuthResult(success=ok, handled=False)
+            echo = None
+            if args.echo_auth and not ok:
+                sent = base64.b64encode(b"\0" + auth_data.login + b"\0" + auth_data.password)
+                echo = "535 5.7.8 refused " + sent.decode()
+            return AuthResult(success=ok, handled=False, message=echo)
 
         options.update(authenticator=authenticator, auth_required=True,
                        auth_require_tls=context is not None, auth_exclude_mechanism=["LOGIN"])

@@ -7,6 +7,7 @@ import fcntl
 import json
 import os
 import subprocess
+import time
 import unittest
 
 from host_harness import (DEAD_URL, DIGEST_AGENT, HOST_TOKEN, OSK_SPOOL, SMTP_AGENT, SUBJECT,
@@ -23,8 +24,8 @@ class SpoolToolTest(SmtpSpoolTest):
         super().setUp()
         self.flush_config = self.config(self.server.url, name="flush.xml")
 
-    def config(self, url, recipients=("ops@example.com",), name="config.xml"):
-        params = [("url", url), ("starttls", "no"), ("timeout", "5"), ("drain", "0"),
+    def config(self, url, recipients=("ops@example.com",), name="config.xml", drain="0"):
+        params = [("url", url), ("starttls", "no"), ("timeout", "5"), ("drain", drain),
                   ("spool", str(self.spool))]
         return self.write(name, channel_config(SMTP_AGENT, params, GROUPS, CHARSET, HOST_TOKEN,
                                                recipients))
@@ -101,6 +102,10 @@ class SpoolToolTest(SmtpSpoolTest):
         ids = [e["id"] for e in entries]
         not_spool = self.dir / "not-a-spool"
         not_spool.mkdir()
+        shared = self.dir / "shared"
+        for sub in ("new", "tmp", "failed/new"):
+            (shared / sub).mkdir(parents=True)
+        shared.chmod(0o777)
         no_spool = self.write("no-spool.xml", channel_config(
             SMTP_AGENT, [("url", self.server.url)], GROUPS, "", HOST_TOKEN))
         locked = "another process"
@@ -108,6 +113,7 @@ class SpoolToolTest(SmtpSpoolTest):
             (("list", not_spool), 2, "is not a spool"),
             (("drop", not_spool, ids[0]), 2, "is not a spool"),
             (("list", self.dir / "missing"), 2, "is not a spool"),
+            (("list", shared), 2, f'"{shared}" may be written by group or others (mode 0777)'),
             (("drop", self.spool, ids[1], "no-such-id"), 2, '"no-such-id" is not in the spool'),
             (("drop", self.spool, "../spool/new/" + ids[1]), 2, "is not in the spool"),
             (("requeue", self.spool, ids[0], ids[1]), 2, f'"{ids[1]}" is waiting, not failed'),
@@ -170,6 +176,35 @@ class SpoolToolTest(SmtpSpoolTest):
                                  (result.returncode, delivered,
                                   len([r for r in result.reports("warning") if r.endswith(": skipped")]),
                                   code, err.count(": skipped\n")), result.stderr + out + err)
+
+    def test_files_that_are_not_mail_hold_up_nothing_and_are_never_sent(self):
+        """A FIFO, a link to /dev/zero and a sparse 1 GiB file in new/: list, flush and
+        osk-host's start and exit drain go past them; each ends in failed/, unread."""
+        self.alert(DEAD_URL, "db1")
+
+        def plant(run):
+            new = self.spool / "new"
+            os.mkfifo(new / f"fifo{run}")
+            os.symlink("/dev/zero", new / f"zero{run}")
+            with open(new / f"huge{run}", "wb") as huge:
+                huge.truncate(1 << 30)
+
+        plant(1)
+        self.assertEqual(["fifo1", "huge1", "zero1"],
+                         sorted(e["id"] for e in self.listing() if e["reason"]))
+        drain = 20
+        started = time.monotonic()
+        done = self.host(self.config(self.server.url, drain=str(drain)).read_text(),
+                         events_xml((100, alarm("db2"))))
+        self.assertLess(time.monotonic() - started, drain, done.stderr)
+        self.assertIn("symbolic link", done.stderr)
+        plant(2)
+        code, out, err = self.spool_tool("flush", "--config", self.flush_config)
+        self.assertEqual(0, code, out + err)
+        self.assertIn("3 refused", out)
+        self.assertIn("larger than", err)
+        self.assertEqual(2, len(self.server.messages()))
+        self.assertEqual(["failed"] * 6, [e["state"] for e in self.listing()])
 
 
 if __name__ == "__main__":

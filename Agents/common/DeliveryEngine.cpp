@@ -1,0 +1,469 @@
+#include "Agents/common/DeliveryEngine.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <ctime>
+#include <iostream>
+
+#include "Agents/common/AgentException.h"
+#include "Agents/common/MailHeaders.h"
+#include "Agents/common/Spool.h"
+
+namespace Osk {
+namespace EmailAgents {
+
+namespace {
+
+const char* const _source = "Agents/DeliveryEngine";
+const std::chrono::steady_clock::time_point _idle = std::chrono::steady_clock::time_point::max();
+
+std::vector<std::string> _addresses(const std::vector<RecipientOutcome>& outcomes) {
+    std::vector<std::string> out;
+    for (const RecipientOutcome& o : outcomes) {
+        out.push_back(o.address);
+    }
+    return out;
+}
+
+std::string _failures(const std::vector<RecipientOutcome>& outcomes) {
+    std::string out;
+    for (const RecipientOutcome& o : outcomes) {
+        out += (out.empty() ? "" : "; ") + o.address + ": " + o.reason;
+    }
+    return out;
+}
+
+// The first address of the envelope that cannot be sent, as the problem; "".
+std::string _envelopeProblem(const DeliveryWording& wording, const std::string& from,
+                             const std::vector<std::string>& to) {
+    std::string problem = wording.addressProblem(from, "sender");
+    for (std::size_t i = 0; i < to.size() && problem.empty(); ++i) {
+        problem = wording.addressProblem(to[i], "recipient");
+    }
+    return problem;
+}
+
+void _report(const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        std::cerr << line << std::endl;
+    }
+}
+
+// The engine's threads take no process signal: a host that waits for input
+// expects its signals on its own threads, where they break off the wait.
+// They start with every signal blocked.
+template <typename Body>
+std::thread _quietThread(Body body) {
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &old);
+    std::thread thread(std::move(body));
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return thread;
+}
+
+}  // namespace
+
+DeliveryEngine::DeliveryEngine(const EngineSettings& settings,
+                               std::unique_ptr<TransportFactory> transports)
+    : settings_(settings),
+      wording_(settings_.agent, settings_.destination, settings_.spool),
+      transports_(std::move(transports)),
+      spool_(settings_.spool.empty()
+                 ? nullptr
+                 : new Spool(settings_.spool, settings_.agent + ": parameter \"spool\"")),
+      transport_(transports_->make(&stopping_)),
+      nextPass_(_idle),
+      backoff_(settings_.retryFirst) {
+    if (spool_ && spool_->unfinished() && spool_->tryLock()) {
+        spool_->removeLeftovers();
+        spool_->unlock();
+    }
+    if (spool_ && settings_.retryAtStart && !spool_->empty()) {
+        nextPass_ = Clock::now();  // left over from an earlier run
+    }
+    if (spool_) {
+        retryThread_ = _quietThread([this] { retryLoop(); });
+    }
+}
+
+DeliveryEngine::~DeliveryEngine() {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (retryThread_.joinable()) {
+        retryThread_.join();
+    }
+    finishRun();
+}
+
+// The process is ending: what waits gets one more pass if time is allowed
+// for it, and the operator learns what is left and where.
+void DeliveryEngine::finishRun() {
+    if (!spool_) {
+        return;
+    }
+    try {
+        std::size_t left = spool_->pending().size();
+        std::size_t delivered = 0;
+        std::string why;
+        if (left > 0 && settings_.drainMs > 0) {
+            const Pass pass =
+                drainPass(Clock::now() + std::chrono::milliseconds(settings_.drainMs), false);
+            _report(pass.quarantined);
+            left = pass.result.waiting;
+            delivered = pass.result.delivered;
+            why = pass.result.locked ? "another process is delivering them"
+                  : pass.unreachable ? "the server could not be reached: " + pass.reason
+                                     : "";
+        }
+        if (left > 0 || delivered > 0) {
+            std::cerr << wording_.exitReport(delivered, left, why) << std::endl;
+        }
+    } catch (const Tamtk::Exception& e) {
+        std::cerr << wording_.drainFailed(e.what()) << std::endl;
+    } catch (...) {
+        std::cerr << wording_.drainFailed("") << std::endl;
+    }
+}
+
+std::size_t DeliveryEngine::waiting() const {
+    return spool_ ? spool_->pending().size() : 0;
+}
+
+void DeliveryEngine::send(const std::string& from, const std::vector<std::string>& to,
+                          const char* message) {
+    TAMTK_ASSERT(message, _source);
+    if (to.empty()) {
+        TAMTK_THROW(LostException, _source, wording_.noRecipients());
+    }
+    const std::string problem = _envelopeProblem(wording_, from, to);
+    if (!problem.empty()) {
+        TAMTK_THROW(LostException, _source, wording_.unsendable(problem));
+    }
+    // The added headers go into the spool with the message, so that a retry
+    // carries the Message-ID of the first attempt.
+    SpooledMessage spooled{from, to, missingHeaders(message) + message, std::time(nullptr)};
+
+    // While the server is known to be down or hung, new messages join the
+    // spool at once: only the retry thread finds out when it is back.
+    std::string downSince;
+    if (spool_) {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        if (serverDown_) {
+            downSince = lastFailure_.empty() ? "no answer" : lastFailure_;
+        }
+    }
+    if (!downSince.empty()) {
+        try {
+            spool_->put(spooled);
+        } catch (const Tamtk::Exception& e) {
+            TAMTK_THROW(LostException, _source, wording_.lostWhileDown(downSince, e.what()));
+        }
+        noteSpooled(false, false, downSince);
+        TAMTK_THROW(KeptException, _source, wording_.keptWhileDown(downSince));
+    }
+
+    Attempt result;
+    {
+        std::lock_guard<std::mutex> lock(sessionMutex_);
+        result = transport_->send(from, to, spooled.message);
+    }
+    const Settled settled = settle(spooled, result, nullptr);
+    if (settled.complete()) {
+        noteDelivered();
+        return;
+    }
+    if (!settled.temporary.empty() && settled.spoolError.empty() && spool_) {
+        noteSpooled(result.connectionFailure, result.configurationFault,
+                    settled.temporary.front().reason);
+    }
+    const std::string text = wording_.settled(settled, to.size(), result.relay);
+    if (settled.lost(spool_ != nullptr)) {
+        TAMTK_THROW(LostException, _source, text);
+    }
+    TAMTK_THROW(KeptException, _source, text);
+}
+
+Settled DeliveryEngine::settle(const SpooledMessage& message, const Attempt& attempt,
+                               const std::string* spooledAs) {
+    Settled s;
+    for (const RecipientOutcome& r : attempt.recipients) {
+        if (r.fate == Fate::Delivered) {
+            ++s.delivered;
+        } else {
+            (r.fate == Fate::Temporary ? s.temporary : s.permanent).push_back(r);
+        }
+    }
+    if (!spool_) {
+        return s;
+    }
+    // New files first, the old one last: a crash in between may send a
+    // message twice but never loses one.
+    bool keepOld = false;
+    if (!s.permanent.empty()) {
+        SpooledMessage refused = message;
+        refused.to = _addresses(s.permanent);
+        try {
+            spool_->putFailed(refused, _failures(s.permanent));
+        } catch (const Tamtk::Exception& e) {
+            s.failedError = e.what();
+            keepOld = spooledAs != nullptr;  // better retried than lost
+        }
+    }
+    if (!s.temporary.empty()) {
+        if (spooledAs && s.temporary.size() == message.to.size()) {
+            keepOld = true;  // unchanged: it stays as it is
+        } else {
+            SpooledMessage later = message;
+            later.to = _addresses(s.temporary);
+            try {
+                spool_->put(later);
+            } catch (const Tamtk::Exception& e) {
+                s.spoolError = e.what();
+                keepOld = spooledAs != nullptr;
+            }
+        }
+    }
+    if (spooledAs && !keepOld) {
+        spool_->remove(*spooledAs);
+    }
+    return s;
+}
+
+void DeliveryEngine::noteSpooled(bool connectionFailure, bool configurationFault,
+                                 const std::string& reason) {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        if (connectionFailure) {
+            serverDown_ = true;
+            lastFailure_ = reason;
+        }
+        if (configurationFault) {
+            backoff_ = settings_.retryMax;
+        }
+        if (nextPass_ == _idle || configurationFault) {
+            nextPass_ = Clock::now() + backoff_;
+        }
+    }
+    wake_.notify_all();
+}
+
+void DeliveryEngine::noteDelivered() {
+    if (!spool_) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        serverDown_ = false;
+        // The server is back: what waits need not wait for its turn.
+        if (nextPass_ != _idle) {
+            kick_ = true;
+            backoff_ = settings_.retryFirst;
+        }
+    }
+    wake_.notify_all();
+}
+
+void DeliveryEngine::retryLoop() {
+    std::unique_lock<std::mutex> lock(stateMutex_);
+    while (!stopping_) {
+        if (!kick_ && Clock::now() < nextPass_) {
+            if (nextPass_ == _idle) {
+                wake_.wait(lock);
+            } else {
+                wake_.wait_until(lock, nextPass_);
+            }
+            continue;
+        }
+        kick_ = false;
+        lock.unlock();
+        Pass pass;
+        try {
+            pass = drainPass(Clock::time_point::max(), true);
+        } catch (...) {
+            // The spool itself failed (disk full, removed folder): try again later.
+            pass.result.waiting = 1;
+        }
+        _report(pass.quarantined);
+        lock.lock();
+        if (pass.result.waiting == 0) {
+            nextPass_ = _idle;
+            backoff_ = settings_.retryFirst;
+            serverDown_ = false;
+            continue;
+        }
+        if (pass.result.delivered + pass.result.failed > 0 && !pass.unreachable) {
+            backoff_ = settings_.retryFirst;
+        }
+        if (pass.configurationFault) {
+            backoff_ = settings_.retryMax;
+        }
+        nextPass_ = Clock::now() + backoff_;
+        backoff_ = std::min(backoff_ * 2, settings_.retryMax);
+        serverDown_ = pass.unreachable;
+        if (pass.unreachable) {
+            lastFailure_ = pass.reason;
+        }
+    }
+}
+
+DeliveryEngine::DrainResult DeliveryEngine::drain(std::chrono::milliseconds budget) {
+    if (!spool_) {
+        return DrainResult();
+    }
+    const Clock::time_point deadline = Clock::now() + budget;
+    const Pass pass = drainPass(deadline, false);
+    if (pass.result.delivered > 0 && !pass.unreachable) {
+        noteDelivered();
+    } else if (pass.unreachable) {
+        noteSpooled(true, pass.configurationFault, pass.reason);
+    }
+    return pass.result;
+}
+
+DeliveryEngine::Pass DeliveryEngine::drainPass(Clock::time_point deadline, bool background) {
+    // A retry pass in this process gives way; another process is kept out by
+    // the spool's lock.
+    if (!background) {
+        ++drainsWaiting_;
+    }
+    std::unique_lock<std::mutex> hold(drainMutex_);
+    if (!background) {
+        --drainsWaiting_;
+    }
+    Pass pass;
+    if (!spool_->tryLock()) {
+        pass.result.locked = true;
+        pass.result.waiting = spool_->pending().size();
+        return pass;
+    }
+    struct Unlock {
+        Spool& spool;
+        ~Unlock() { spool.unlock(); }
+    } unlock{*spool_};
+
+    const std::vector<std::string> names = spool_->pending();
+    std::atomic<std::size_t> next{0};
+    std::atomic<bool> stopTaking{false};
+    std::atomic<bool> abort{false};
+    std::mutex passMutex;
+    std::condition_variable done;
+    const std::size_t count = std::min<std::size_t>(settings_.connections, names.size());
+    std::size_t running = count;  // under passMutex once the workers run
+    std::vector<std::thread> workers;
+    for (std::size_t i = 0; i < count; ++i) {
+        workers.push_back(_quietThread([&] {
+            drainWorker(names, next, stopTaking, abort, pass, passMutex);
+            std::lock_guard<std::mutex> lock(passMutex);
+            --running;
+            done.notify_all();
+        }));
+    }
+    // This thread keeps the time: past the deadline, or when shutdown or
+    // drain() wants the spool, no new message is taken. Transfers under way
+    // are cut off only past the deadline, or at a shutdown that allows no
+    // drain: a transfer cut after the server took the message would send it
+    // again, and each one ends within the transport's timeout anyway.
+    {
+        std::unique_lock<std::mutex> lock(passMutex);
+        while (running > 0) {
+            done.wait_for(lock, std::chrono::milliseconds(20));
+            const bool late = Clock::now() >= deadline;
+            const bool shutdown = background && stopping_;
+            if (late || shutdown || (background && drainsWaiting_ > 0)) {
+                stopTaking = true;
+            }
+            if (late || (shutdown && settings_.drainMs == 0)) {
+                abort = true;
+            }
+        }
+    }
+    for (std::thread& t : workers) {
+        t.join();
+    }
+    pass.result.waiting = spool_->pending().size();
+    return pass;
+}
+
+bool DeliveryEngine::take(const std::string& name, SpooledMessage& message, Pass& pass,
+                          std::mutex& passMutex) {
+    std::string problem;
+    try {
+        if (!spool_->load(name, message)) {
+            return false;  // taken meanwhile
+        }
+        // Written by this engine the envelope passed this check; a file put
+        // there by hand must not carry a line break into a command.
+        problem = _envelopeProblem(wording_, message.from, message.to);
+        if (problem.empty()) {
+            return true;
+        }
+        problem = "\"" + spool_->folder(SpoolState::Waiting) + "/" + name + "\": " + problem;
+    } catch (const DeliveryException& e) {
+        problem = e.what();
+    }
+    spool_->quarantine(name);
+    const std::string report = wording_.quarantined(problem);
+    std::lock_guard<std::mutex> lock(passMutex);
+    ++pass.result.failed;
+    pass.result.problems.push_back(name + ": " + report);
+    pass.quarantined.push_back(report);
+    return false;
+}
+
+void DeliveryEngine::drainWorker(const std::vector<std::string>& names,
+                                 std::atomic<std::size_t>& next, std::atomic<bool>& stopTaking,
+                                 std::atomic<bool>& abort, Pass& pass, std::mutex& passMutex) {
+    try {
+        const std::unique_ptr<Transport> transport = transports_->make(&abort);
+        while (!stopTaking) {
+            const std::size_t i = next++;
+            if (i >= names.size()) {
+                return;
+            }
+            SpooledMessage message;
+            if (!take(names[i], message, pass, passMutex)) {
+                continue;
+            }
+            const Attempt result = transport->send(message.from, message.to, message.message);
+            const Settled settled = settle(message, result, &names[i]);
+            if (settled.complete() && !abort) {
+                std::lock_guard<std::mutex> lock(stateMutex_);
+                serverDown_ = false;  // new mail may go out directly again
+            }
+            std::lock_guard<std::mutex> lock(passMutex);
+            if (settled.complete()) {
+                ++pass.result.delivered;
+                continue;
+            }
+            if (settled.temporary.empty() && settled.failedError.empty()) {
+                ++pass.result.failed;
+            }
+            pass.result.problems.push_back(
+                names[i] + ": " + wording_.settled(settled, message.to.size(), result.relay));
+            if (result.connectionFailure) {
+                // The destination is down: the rest waits for the next pass.
+                pass.unreachable = true;
+                pass.configurationFault = result.configurationFault;
+                pass.reason = settled.temporary.empty() ? "" : settled.temporary.front().reason;
+                stopTaking = true;
+            }
+        }
+    } catch (const Tamtk::Exception& e) {
+        // The spool failed (disk full, folder removed): what is left waits.
+        std::lock_guard<std::mutex> lock(passMutex);
+        pass.result.problems.push_back(e.what());
+        stopTaking = true;
+    } catch (const std::exception& e) {
+        std::lock_guard<std::mutex> lock(passMutex);
+        pass.result.problems.push_back(e.what());
+        stopTaking = true;
+    }
+}
+
+}  // namespace EmailAgents
+}  // namespace Osk

@@ -1,0 +1,61 @@
+#pragma once
+
+// What the delivery engine (DeliveryEngine.h) needs of a way to send mail:
+// send one message and judge the answer for each recipient. A transport
+// knows nothing of spools, retries or what the caller is told.
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Osk {
+namespace EmailAgents {
+
+enum class Fate { Delivered, Temporary, Permanent };
+
+struct RecipientOutcome {
+    std::string address;
+    Fate fate;
+    std::string reason;  // the server's reply or the transport error; empty when delivered
+};
+
+struct Attempt {
+    std::vector<RecipientOutcome> recipients;  // in the order given
+    // The server could not be reached or the link broke: wait before the
+    // next try instead of trying again at once.
+    bool connectionFailure = false;
+    // The link broke after the whole message was sent: the server may have
+    // taken it, so a retry may deliver it twice.
+    bool possiblyDelivered = false;
+    // Retrying will not help until the configuration or the server's setup
+    // changes (no STARTTLS where it is required, a certificate that does not
+    // verify): retried at the longest pause, not in a loop.
+    bool configurationFault = false;
+    // New connections this attempt opened (0 when an open one was reused).
+    long connections = 0;
+    // Where this outcome comes from (a relay's URL), for the reports.
+    std::string relay;
+};
+
+class Transport {
+public:
+    virtual ~Transport() {}
+    // Sends `message` (the whole mail, line feeds, as it is kept in the
+    // spool) from the envelope sender `from` to each of `to`. Never throws
+    // for a delivery problem: the outcome tells every recipient's fate.
+    virtual Attempt send(const std::string& from, const std::vector<std::string>& to,
+                         const std::string& message) = 0;
+};
+
+// Makes the engine's transports: one for the sending path and one per drain
+// worker, each used by one thread at a time. `abort`, when it turns true,
+// cuts off a transfer under way.
+class TransportFactory {
+public:
+    virtual ~TransportFactory() {}
+    virtual std::unique_ptr<Transport> make(const std::atomic<bool>* abort) const = 0;
+};
+
+}  // namespace EmailAgents
+}  // namespace Osk
