@@ -19,6 +19,10 @@ struct DigestSettings {
 
     // Throws AgentParamException naming the parameter for a bad value.
     static DigestSettings fromParams(const Params& params);
+    // Only the delivering agent and its parameters, for when the digest's
+    // own are unusable and mail goes straight through. Throws
+    // AgentParamException when "agent" is missing or empty.
+    static DigestSettings deliveringOnly(const Params& params);
 };
 
 }  // namespace EmailAgents
