@@ -37,21 +37,15 @@ TEST(DigestAgent, SummarySubjectsAreDecoded) {
 namespace {
 
 // The stand-in agent the digest agent delivers through, told how to answer.
-struct FakeAgent {
-    void* lib = dlopen(FAKE_AGENT, RTLD_LAZY);
-    template <class F>
-    F* fn(const char* name) const {
-        return reinterpret_cast<F*>(dlsym(lib, name));
-    }
-    void answer(const char* how) const { fn<void(const char*)>("testAgentAnswer")(how); }
-    std::size_t calls() const { return fn<std::size_t()>("testAgentCallCount")(); }
-    std::string last() const {
-        return fn<const char*(std::size_t)>("testAgentMessage")(calls() - 1);
-    }
-};
+void* const _fake = dlopen(FAKE_AGENT, RTLD_LAZY);
 
-// "delivered", "kept" or "lost" as the contract reads the answer, then its text.
-std::string outcome(const std::function<void()>& send) {
+template <class F>
+F* _fn(const char* name) {
+    return reinterpret_cast<F*>(dlsym(_fake, name));
+}
+
+// "delivered", or "kept: " or "lost: " as the contract reads the answer, and its text.
+std::string _outcome(const std::function<void()>& send) {
     try {
         send();
     } catch (...) {
@@ -77,8 +71,8 @@ TEST(DigestAgent, HeldMailLeavesTheHoldOnlyWhenDeliveredOrKept) {
         {"lost", "lost: agent lost", false}, {"both", "lost: agent kept and lost", false},
         {"std", "lost: agent broke", false},
     };
-    const FakeAgent fake;
-    fake.fn<void()>("testAgentReset")();
+    const auto answer = _fn<void(const char*)>("testAgentAnswer");
+    const auto calls = _fn<std::size_t()>("testAgentCallCount");
     const Tamnet::EmailAddr from("alerts@example.org");
     const Osk::EmailChannel::ToList to = {Tamnet::EmailAddr("ops@example.org")};
     for (const Row& row : rows) {
@@ -86,12 +80,11 @@ TEST(DigestAgent, HeldMailLeavesTheHoldOnlyWhenDeliveredOrKept) {
         TempDir dir;
         DigestAgent agent(DigestSettings::fromParams(
             {{"agent", FAKE_AGENT}, {"burst", "1"}, {"window", "0.2"}, {"hold", dir / "hold"}}));
-        fake.answer(row.answer);
-        const std::size_t before = fake.calls();
-        const auto send = [&](const char* subject) {
-            return outcome([&] {
-                agent.send(from, to, (std::string("Subject: ") + subject + "\n\nx\n").c_str());
-            });
+        answer(row.answer);
+        const std::size_t before = calls();
+        const auto send = [&](const std::string& subject) {
+            return _outcome(
+                [&] { agent.send(from, to, ("Subject: " + subject + "\n\nx\n").c_str()); });
         };
         EXPECT_EQ(send("one").rfind(row.passed, 0), 0u);
         for (const char* subject : {"two", "three"}) {
@@ -99,14 +92,15 @@ TEST(DigestAgent, HeldMailLeavesTheHoldOnlyWhenDeliveredOrKept) {
                 AgentTest::contains(send(subject), "kept: Digest agent: the alert is held"));
         }
         // The window's digest, then one window more.
-        ASSERT_TRUE(AgentTest::waitFor([&] { return fake.calls() == before + 2; }, 30));
+        ASSERT_TRUE(AgentTest::waitFor([&] { return calls() == before + 2; }, 30));
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         EXPECT_EQ(listDir(dir / "hold/new").size(), row.leaves ? 0u : 2u);
-        EXPECT_EQ(fake.calls() == before + 2, row.leaves) << fake.calls() - before;
-        EXPECT_EQ(AgentTest::missingFrom(fake.last(), {"Subject: two\n", "Subject: three\n"}), "");
+        EXPECT_EQ(calls() == before + 2, row.leaves) << calls() - before;
+        const std::string digest = _fn<const char*(std::size_t)>("testAgentMessage")(calls() - 1);
+        EXPECT_EQ(AgentTest::missingFrom(digest, {"Subject: two\n", "Subject: three\n"}), "");
 
         // The next mail tells of a digest that stays held, as kept.
-        fake.answer("delivered");
+        answer("delivered");
         const std::string next = send("four");
         EXPECT_EQ(next == "delivered", row.answer == std::string("delivered")) << next;
         EXPECT_EQ(AgentTest::contains(next, "stays held in"), !row.leaves) << next;

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <sstream>
 
 #include "Osk/EmailAgent.h"
@@ -51,45 +50,16 @@ TEST(AgentPlugins, SmtpPluginUnloadsCleanlyWhileRetrying) {
     EXPECT_EQ(AgentTest::listDir(dir / "spool/new").size(), 1u);
 }
 
-// Mail the digest cannot hold goes straight through; without a delivering
-// agent it is lost.
-TEST(AgentPlugins, DigestPluginPassesThroughItsOwnFaultsAndSendsWhatItHeldWhenUnloaded) {
+// Held mail is answered as kept, and goes out when the library is unloaded.
+TEST(AgentPlugins, DigestPluginSendsWhatItHeldWhenUnloaded) {
     TempDir dir;
     const Params params = {{"agent", MAILDIR_AGENT},
                            {"burst", "1"},
                            {"window", "600"},
                            {"hold", dir / "hold"},
                            {"path", dir / "Maildir"}};
-    struct Row {
-        const char* name;
-        std::string value;   // "": left out
-        const char* answer;  // "": delivered
-    };
-    const Row rows[] = {
-        {"burst", "-1", ""},
-        {"window", "0", ""},
-        {"hold", "", ""},
-        {"hold", AgentTest::writeFile(dir / "file", "") + "/hold", ""},
-        {"agent", "libno_such_agent.so", "lost: Opening of module libno_such_agent.so failed"},
-        {"agent", "libtamtk.so", "lost: Could not obtain address for sendEmail"},
-    };
     {
         Plugin unloaded(DIGEST_AGENT);
-        std::size_t delivered = 0;
-        for (const Row& row : rows) {
-            SCOPED_TRACE(row.name + (" " + row.value));
-            Params bad = params;
-            bad[row.name] = row.value;
-            if (row.value.empty()) {
-                bad.erase(row.name);
-            }
-            for (int i = 0; i < 2; ++i) {
-                const std::string text = unloaded.send("To: x\n\nbad\n", bad);
-                EXPECT_EQ(text.substr(0, std::strlen(row.answer)), row.answer) << text;
-                delivered += text.empty();
-            }
-            EXPECT_EQ(AgentTest::listDir(dir / "Maildir/new").size(), delivered);
-        }
         std::vector<std::string> answers;
         for (const char* body : {"one", "two", "three"}) {
             answers.push_back(
@@ -100,7 +70,7 @@ TEST(AgentPlugins, DigestPluginPassesThroughItsOwnFaultsAndSendsWhatItHeldWhenUn
             EXPECT_TRUE(contains(answers[i], "kept: Digest agent: the alert is held in"))
                 << answers[i];
         }
-        EXPECT_EQ(AgentTest::listDir(dir / "Maildir/new").size(), delivered + 1);
+        EXPECT_EQ(AgentTest::listDir(dir / "Maildir/new").size(), 1u);
         EXPECT_EQ(AgentTest::listDir(dir / "hold/new").size(), 2u);
     }
     const auto files = AgentTest::listDir(dir / "Maildir/new");

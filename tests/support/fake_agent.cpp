@@ -45,24 +45,23 @@ class Marked : public FakeError, public Marks... {
 public:
     using FakeError::FakeError;
 };
+typedef Marked<Osk::EmailChannel::AlertKept> Kept;
+typedef Marked<Osk::EmailChannel::AlertLost> Lost;
+typedef Marked<Osk::EmailChannel::AlertKept, Osk::EmailChannel::AlertLost> Both;
 
 void _answer(const std::string& answer) {
-    if (answer == "kept") {
-        TAMTK_THROW(Marked<Osk::EmailChannel::AlertKept>, "fake_agent", "agent kept the message");
-    }
-    if (answer == "lost") {
-        TAMTK_THROW(Marked<Osk::EmailChannel::AlertLost>, "fake_agent", "agent lost the message");
-    }
-    if (answer == "both") {
-        typedef Marked<Osk::EmailChannel::AlertKept, Osk::EmailChannel::AlertLost> Both;
+    if (answer.empty() || answer == "delivered")
+        return;
+    if (answer == "kept")
+        TAMTK_THROW(Kept, "fake_agent", "agent kept the message");
+    if (answer == "lost")
+        TAMTK_THROW(Lost, "fake_agent", "agent lost the message");
+    if (answer == "both")
         TAMTK_THROW(Both, "fake_agent", "agent kept and lost the message");
-    }
-    if (answer == "tamtk") {
+    if (answer == "tamtk")
         TAMTK_THROW(FakeError, "fake_agent", "agent refused the message");
-    }
-    if (answer == "std") {
+    if (answer == "std")
         throw std::runtime_error("agent broke");
-    }
     throw 7;
 }
 
@@ -76,9 +75,7 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
                                : fail != params.end() ? fail->second
                                                       : "";
     if (message == nullptr) {
-        if (!answer.empty() && answer != "delivered") {
-            _answer(answer);
-        }
+        _answer(answer);
         return;  // a check of the parameters: nothing to deliver
     }
     ++_agent.messages;
@@ -91,9 +88,7 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
         }
         _agent.recorded.push_back(std::move(call));
     }
-    if (!answer.empty() && answer != "delivered") {
-        _answer(answer);
-    }
+    _answer(answer);
 }
 
 // Every later call answers `answer` ("delivered", "kept", ... as "fail"
