@@ -2,13 +2,12 @@
 //
 // Parameters: every delivery is kept for testAgentMessage() and
 // testAgentRecipients(), unless "mode" is "count": then nothing is kept, so
-// that a long run measures the host and the channel alone. "fail" chooses
-// the answer, also to a check: "kept" or "lost" throws a toolkit exception
-// with that mark, "both" one with both marks, "tamtk" one with none, "std" a
-// std::runtime_error, anything else an int; testAgentAnswer() overrides it.
-// Every delivery is counted and recorded before the answer, and the count is
-// printed to standard error when the process exits: a test that sees it
-// knows the library's static teardown ran.
+// that a long run measures the host and the channel alone. "fail" is the
+// answer after that, also to a check: "kept" or "lost" throws a toolkit
+// exception with that mark, "both" one with both, "tamtk" one with none,
+// "std" a std::runtime_error, anything else an int. Every delivery is
+// counted, and the count is printed to standard error when the process
+// exits: a test that sees it knows the library's static teardown ran.
 
 #include <cstdio>
 #include <cstring>
@@ -30,7 +29,6 @@ struct State {
     std::size_t messages = 0;
     unsigned long long bytes = 0;
     std::vector<Call> recorded;
-    std::string answer;  // testAgentAnswer()'s, before the parameter
     ~State() { std::fprintf(stderr, "fake agent: %zu messages, %llu bytes\n", messages, bytes); }
 };
 
@@ -71,9 +69,7 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
                                 const Osk::EmailChannel::ToList& to, const char* message,
                                 const std::map<std::string, std::string>& params) {
     auto fail = params.find("fail");
-    const std::string answer = !_agent.answer.empty() ? _agent.answer
-                               : fail != params.end() ? fail->second
-                                                      : "";
+    const std::string answer = fail != params.end() ? fail->second : "";
     if (message == nullptr) {
         _answer(answer);
         return;  // a check of the parameters: nothing to deliver
@@ -89,12 +85,6 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
         _agent.recorded.push_back(std::move(call));
     }
     _answer(answer);
-}
-
-// Every later call answers `answer` ("delivered", "kept", ... as "fail"
-// above); "" goes back to the parameter.
-OSK_AGENT_EXPORT void testAgentAnswer(const char* answer) {
-    _agent.answer = answer;
 }
 
 // Deliveries since the last reset, recorded or not.
@@ -119,5 +109,4 @@ OSK_AGENT_EXPORT void testAgentReset() {
     _agent.messages = 0;
     _agent.bytes = 0;
     _agent.recorded.clear();
-    _agent.answer.clear();
 }

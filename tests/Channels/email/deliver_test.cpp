@@ -122,16 +122,17 @@ TEST(Deliver, FailuresAreWarningsAndLossesCountByType) {
         unsigned long lost;  // of two alerts; the agent saw both when it is in the way
     };
     const std::string mode = R"(<Param name="mode" value="record"/>)";
-    const auto fail = [](const char* how) {
-        return std::string(R"(<Param name="fail" value=")") + how + "\"/>";
-    };
     const Row rows[] = {
-        {mode, fail("tamtk"), "Tamtk exception:: [ agent refused the message [", 2},
-        {mode, fail("std"), "Other exception: [ agent broke ]", 2},
-        {mode, fail("int"), "Other exception: [ int ]", 2},
-        {mode, fail("kept"), "Tamtk exception:: [ agent kept the message [", 0},
-        {mode, fail("lost"), "Tamtk exception:: [ agent lost the message [", 2},
-        {mode, fail("both"), "Tamtk exception:: [ agent kept and lost the message [", 2},
+        {mode, R"(<Param name="fail" value="tamtk"/>)",
+         "Tamtk exception:: [ agent refused the message [", 2},
+        {mode, R"(<Param name="fail" value="std"/>)", "Other exception: [ agent broke ]", 2},
+        {mode, R"(<Param name="fail" value="int"/>)", "Other exception: [ int ]", 2},
+        {mode, R"(<Param name="fail" value="kept"/>)",
+         "Tamtk exception:: [ agent kept the message [", 0},
+        {mode, R"(<Param name="fail" value="lost"/>)",
+         "Tamtk exception:: [ agent lost the message [", 2},
+        {mode, R"(<Param name="fail" value="both"/>)",
+         "Tamtk exception:: [ agent kept and lost the message [", 2},
         {R"(locale="" charset="UTF-8")", R"(locale="" charset="X-NO-SUCH")", "Invalid argument", 2},
     };
     for (const Row& row : rows) {

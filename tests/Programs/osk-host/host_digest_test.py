@@ -1,13 +1,12 @@
 #!/usr/bin/python3
 """osk-host end to end through the digest agent: a flood becomes a few single
-mails and a digest that carries every other alert byte for byte, while a
-second host on the busy hold passes its alerts straight on; in front of an
-SMTP relay with a spool, neither an outage nor SIGKILLs at random moments
-lose an alert or send one again."""
+mails and a digest of every other alert, while a second host on the busy
+hold passes its alerts straight on; in front of an SMTP relay with a spool,
+neither an outage nor SIGKILLs at random moments lose an alert or send one
+again."""
 
 import email.header
 import random
-import re
 import time
 import unittest
 
@@ -23,12 +22,6 @@ ENV = {"TAM_LANG": "de_DE"}
 
 def alert_events(numbers):
     return [(1, f'<alarm n="{n}"><host>köln-{n % 7}.example.com</host></alarm>') for n in numbers]
-
-
-def as_built(raw):
-    """A mail without its Date and the lines the Maildir agent puts in front."""
-    raw = re.sub(rb"\A(?:(?:Message-ID|Auto-Submitted): .*\n)+", b"", raw)
-    return re.sub(rb"^Date: .*\n", b"", raw, count=1, flags=re.M)
 
 
 def decoded(value):
@@ -49,24 +42,18 @@ class DigestTest(HostTest):
         return channel_config(DIGEST_AGENT, params, GROUPS, defaults_extra=DEFAULTS, tokens=TOKENS)
 
     def delivered(self):
-        """(single mails, checked digests, {alert number: [raw alert]}) in the Maildir."""
-        singles, digests, alerts = [], [], {}
+        """(single mails, checked digests, the alert numbers they carry) in the Maildir."""
+        singles, digests = [], []
         for path in sorted((self.dir / "mail" / "new").glob("*")):
             raw = path.read_bytes()
             msg = parse_mail(raw)
-            parts = [raw]
             if msg.get_content_type() == "multipart/digest":
-                parts = self.check_digest(raw, msg)
-                digests.append(msg)
-            else:
-                singles.append(msg)
-            for part in parts:
-                n = int(re.search(rb"Nr. (\d+) ", decoded(parse_mail(part)["Subject"]).encode()).group(1))
-                alerts.setdefault(n, []).append(part)
-        return singles, digests, alerts
+                self.check_digest(raw, msg)
+            (digests if msg.get_content_type() == "multipart/digest" else singles).append(msg)
+        return singles, digests, sum((alerts_in(m) for m in singles + digests), [])
 
     def check_digest(self, raw, msg):
-        """The raw alerts of a digest whose headers, structure and summary are checked."""
+        """Checks the headers, structure and summary of a digest."""
         self.assertEqual([], [p.defects for p in msg.walk() if p.defects])
         self.assertEqual((["auto-generated"], 1),
                          (msg.get_all("Auto-Submitted"), len(msg.get_all("Message-ID"))))
@@ -87,16 +74,8 @@ class DigestTest(HostTest):
         self.assertEqual(f"{len(alerts)} alerts, from {parsed[0]['Date']} to {parsed[-1]['Date']}.", lines[0])
         self.assertEqual([f"{a['Date']}  {decoded(a['Subject'])}" for a in parsed], lines[2:])
         self.assertEqual([(msg["To"], msg["From"])] * len(parsed), [(a["To"], a["From"]) for a in parsed])
-        return alerts
 
-    def test_a_flood_becomes_five_mails_and_a_digest_byte_for_byte_and_a_busy_hold_passes_mail_on(self):
-        # What the channel builds for each alert without the digest agent.
-        plain = channel_config(MAILDIR_AGENT, [("path", self.dir / "plain")], GROUPS,
-                               defaults_extra=DEFAULTS, tokens=TOKENS)
-        self.assertEqual(self.host(plain, events_xml(*alert_events(range(1, 71))), env=ENV).returncode, 0)
-        reference = {int(re.search(rb"Alert (\d+) ", parse_mail(p.read_bytes()).get_payload(
-            decode=True)).group(1)): p.read_bytes() for p in (self.dir / "plain" / "new").glob("*")}
-
+    def test_a_flood_becomes_five_mails_and_a_digest_and_a_busy_hold_passes_mail_on(self):
         # The first host sends five of its sixty alerts and holds the rest.
         first = self.live_host(self.config(), env=ENV)
         first.send(events_xml(*alert_events(range(1, 61))).rpartition("</Events>")[0])
@@ -114,8 +93,6 @@ class DigestTest(HostTest):
         self.assertEqual((len(singles), len(digests)), (15, 1))
         self.assertEqual(list(range(1, 71)), sorted(alerts))
         self.assertEqual([], list(held.glob("*")), "nothing left held")
-        for n, (raw,) in alerts.items():  # each alert once, as it was built
-            self.assertEqual(as_built(raw), as_built(reference[n]), f"alert {n}")
 
     def test_the_shipped_example(self):
         # A burst of one: the first alert alone, the other two in one digest.
@@ -144,7 +121,8 @@ class SmtpDigestTest(SmtpSpoolTest):
     def stored(self, *wheres):
         """The alerts of each mail in hold/new and spool/new, or that arrived at the server."""
         msgs = [m for _, _, m in self.server.messages()] if "server" in wheres else []
-        msgs += [parse_mail(p.read_bytes()) for w in wheres if w != "server" for p in (self.dir / w / "new").glob("*")]
+        files = [p for w in wheres if w != "server" for p in (self.dir / w / "new").glob("*")]
+        msgs += [parse_mail(p.read_bytes()) for p in files]
         return [alerts_in(msg) for msg in msgs]
 
     def test_an_outage_delivers_each_alert_once(self):
@@ -167,7 +145,8 @@ class SmtpDigestTest(SmtpSpoolTest):
             host.process.wait()
             # What the host was done with is durable somewhere: a prefix of
             # what it was sent, at most the alert in hand missing.
-            done = sorted({n for m in self.stored("hold", "spool", "server") for n in m if first <= n < first + 12})
+            stored = sum(self.stored("hold", "spool", "server"), [])
+            done = sorted({n for n in stored if first <= n < first + 12})
             self.assertEqual(list(range(first, first + len(done))), done)
             safe |= set(done) | {first + 12}
             self.assertEqual(0, self.start(first + 12, 1).finish("</Events>\n"))
