@@ -33,6 +33,9 @@
 //   control) answers each mail it holds as kept: the mail is safe where the
 //   text says and goes out later, but it was not delivered. The caller
 //   hears of each held mail, one report per alert, as of a spooled one.
+//   Such an agent tells of held mail that failed to go out with its answer
+//   to the next mail, as kept (even when that mail was delivered), unless
+//   the next mail itself is lost.
 //
 // A call with a null `message` and an empty `to` is a check, made by
 // `osk-host --check`: the agent reads `params` as it would for a delivery

@@ -433,7 +433,8 @@ int main(int argc, char** argv) {
     if (options.check) {
         return Osk::checkConfiguration({options.config, options.channel, options.probe}, std::cout);
     }
-    // Alive until the closing line, after every exit handler of the plug-ins.
-    Osk::HostLog* const log = new Osk::HostLog(options.syslogIdent);
+    // Alive until the closing line, after every exit handler of the plug-ins
+    // (and never freed: the handler may still use it).
+    static Osk::HostLog* const log = new Osk::HostLog(options.syslogIdent);
     return _run(options, *log);
 }
