@@ -27,7 +27,15 @@
 //   part of it) is lost. An exception that derives from
 //   EmailChannel::AlertLost says so explicitly; an exception of any other
 //   type, toolkit or not, means the same, since nothing vouches for a copy.
-//   An exception with both marks is a loss.
+//   An exception with both marks is a loss. alertKept() below reads an
+//   outcome this way.
+// - An agent that holds mail back on purpose (the digest agent's flood
+//   control) answers each mail it holds as kept: the mail is safe where the
+//   text says and goes out later, but it was not delivered. The caller
+//   hears of each held mail, one report per alert, as of a spooled one.
+//   Such an agent tells of held mail that failed to go out with its answer
+//   to the next mail, as kept (even when that mail was delivered), unless
+//   the next mail itself is lost.
 //
 // A call with a null `message` and an empty `to` is a check, made by
 // `osk-host --check`: the agent reads `params` as it would for a delivery
@@ -41,6 +49,7 @@
 // read, one relay of several silent) throws an exception that derives from
 // EmailChannel::CheckWarning; its text is the warning.
 
+#include <exception>
 #include <map>
 #include <string>
 #include <vector>
@@ -70,6 +79,23 @@ class __attribute__((visibility("default"))) CheckWarning {
 public:
     virtual ~CheckWarning() {}
 };
+
+// Whether `failure`, thrown by sendEmail, vouches for a kept copy of the
+// mail; false for a loss (and for no exception at all).
+inline bool alertKept(const std::exception_ptr& failure) noexcept {
+    if (!failure) {
+        return false;
+    }
+    try {
+        std::rethrow_exception(failure);
+    } catch (const AlertLost&) {
+        return false;  // the loss mark wins
+    } catch (const AlertKept&) {
+        return true;
+    } catch (...) {
+        return false;  // nothing vouches for a copy
+    }
+}
 
 typedef void SendEmailFn(const Tamnet::EmailAddr& from, const ToList& to, const char* message,
                          const std::map<std::string, std::string>& params);

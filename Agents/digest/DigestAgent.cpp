@@ -1,7 +1,9 @@
 #include "Agents/digest/DigestAgent.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <iostream>
 #include <memory>
 
 #include "Agents/common/AgentException.h"
@@ -9,6 +11,7 @@
 #include "Agents/digest/Digest.h"
 #include "NetToolkit/Rfc2822Date.h"
 #include "Osk/EmailAgentBinding.h"
+#include "Toolkit/Abi.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -36,28 +39,66 @@ std::vector<std::string> _plain(const EmailChannel::ToList& to) {
 
 void _armExitFlush();
 
+std::string _joined(const std::vector<std::string>& notes) {
+    std::string out;
+    for (const std::string& note : notes) {
+        out += (out.empty() ? "" : "; ") + note;
+    }
+    return out;
+}
+
+std::string _alerts(std::size_t n) {
+    return n == 1 ? "the held alert" : "the digest of " + std::to_string(n) + " held alerts";
+}
+
 }  // namespace
 
-DigestAgent::DigestAgent(const DigestSettings& settings)
-    : settings_(settings), inner_(nullptr), hold_(settings_.hold) {
+DigestAgent::DigestAgent(const DigestSettings& settings, const std::string& passThrough)
+    : settings_(settings), inner_(nullptr) {
     // Bound as the channel binds its agent: the same library is then the
     // same registry entry whoever asks first.
     inner_ = EmailChannel::bindSendEmail(settings_.agent);
 
+    std::string why = passThrough;
+    if (why.empty()) {
+        try {
+            hold_.reset(new Hold(settings_.hold));
+            takeOver();
+        } catch (const Tamtk::Exception& e) {
+            hold_.reset();
+            windows_.clear();
+            why = e.what();
+        }
+    }
+    if (!hold_) {
+        // Flood control is gone, the alerts are not: said once, not per mail.
+        const char* const prefix = "Digest agent: ";
+        std::cerr << (why.compare(0, std::strlen(prefix), prefix) == 0 ? "" : prefix) << why
+                  << "; every mail goes straight to \"" << settings_.agent
+                  << "\" without flood control" << std::endl;
+        return;
+    }
+    timer_ = std::thread(&DigestAgent::timerLoop, this);
+}
+
+void DigestAgent::takeOver() {
     // Left by an earlier run: its windows are over.
     const Clock::time_point now = Clock::now();
-    for (const std::string& name : hold_.names()) {
+    for (const std::string& name : hold_->names()) {
         HeldMail mail;
-        if (!hold_.load(name, mail)) {
-            hold_.setAside(name);
-            continue;
+        try {
+            if (!hold_->load(name, mail)) {
+                hold_->setAside(name);
+                continue;
+            }
+        } catch (const Tamtk::Exception&) {
+            continue;  // unreadable now: it stays for a later run
         }
         Window& window = windows_[_key(mail.from, mail.to)];
         window.end = now;
         window.passed = settings_.burst;
         window.held.push_back(name);
     }
-    timer_ = std::thread(&DigestAgent::timerLoop, this);
 }
 
 DigestAgent::~DigestAgent() {
@@ -81,18 +122,40 @@ void DigestAgent::deliver(const Tamnet::EmailAddr& from, const EmailChannel::ToL
     inner_(from, to, message, settings_.inner);
 }
 
+void DigestAgent::passOn(const Tamnet::EmailAddr& from, const EmailChannel::ToList& to,
+                         const char* message, std::vector<std::string>& notes) {
+    try {
+        deliver(from, to, message);
+    } catch (...) {
+        if (notes.empty()) {
+            throw;
+        }
+        if (!EmailChannel::alertKept(std::current_exception())) {
+            // This mail's loss is its answer; the notes wait for the next one.
+            notes_.insert(notes_.begin(), notes.begin(), notes.end());
+            throw;
+        }
+        notes.insert(notes.begin(), Tamtk::internal::abi::current_exception());
+        TAMTK_THROW(KeptException, _source, _joined(notes));
+    }
+    if (!notes.empty()) {
+        notes.insert(notes.begin(), "Digest agent: the alert was delivered");
+        TAMTK_THROW(KeptException, _source, _joined(notes));
+    }
+}
+
 void DigestAgent::send(const Tamnet::EmailAddr& from, const EmailChannel::ToList& to,
                        const char* message) {
     TAMTK_ASSERT(message, _source);
     std::unique_lock<std::mutex> lock(mutex_);
-    if (stopping_) {
-        deliver(from, to, message);
+    std::vector<std::string> notes;
+    if (!hold_ || stopping_) {
+        passOn(from, to, message, notes);
         return;
     }
     const Clock::time_point now = Clock::now();
-    std::exception_ptr failure;
-    std::swap(failure, failure_);
-    flushDue(now, failure);
+    std::swap(notes, notes_);
+    flushDue(now, notes);
 
     HeldMail mail{from.asPlainString(false), _plain(to), std::time(nullptr), std::string()};
     auto found = windows_.find(_key(mail.from, mail.to));
@@ -104,71 +167,100 @@ void DigestAgent::send(const Tamnet::EmailAddr& from, const EmailChannel::ToList
     Window& window = found->second;
     if (window.passed < settings_.burst) {
         ++window.passed;
-        deliver(from, to, message);
-    } else {
-        mail.message = message;
-        window.held.push_back(hold_.put(mail));
+        passOn(from, to, message, notes);
+        return;
     }
-    if (failure) {
-        std::rethrow_exception(failure);
+    mail.message = message;
+    std::string name;
+    try {
+        name = hold_->put(mail);
+    } catch (const Tamtk::Exception& e) {
+        if (!holdFailing_) {
+            std::cerr << "Digest agent: \"" << hold_->dir() << "\" cannot hold mail (" << e.what()
+                      << "); it goes straight to \"" << settings_.agent
+                      << "\" until the hold takes mail again" << std::endl;
+        }
+        holdFailing_ = true;
+        passOn(from, to, message, notes);
+        return;
     }
+    holdFailing_ = false;
+    window.held.push_back(name);
+    notes.insert(notes.begin(), "Digest agent: the alert is held in \"" + hold_->dir() +
+                                    "\" for the digest at the end of its window");
+    TAMTK_THROW(KeptException, _source, _joined(notes));
 }
 
-void DigestAgent::flushDue(Clock::time_point now, std::exception_ptr& failure) {
+void DigestAgent::flushDue(Clock::time_point now, std::vector<std::string>& notes) {
     for (auto it = windows_.begin(); it != windows_.end();) {
         Window& window = it->second;
         if (window.end > now) {
             ++it;
             continue;
         }
-        if (!window.held.empty()) {
-            try {
-                sendHeld(window.held);
-            } catch (...) {
-                // Held it stays; the next window's end tries it again.
-                if (!failure) {
-                    failure = std::current_exception();
-                }
-                window.end = now + std::chrono::milliseconds(settings_.windowMs);
-                window.passed = 0;
-                ++it;
-                continue;
-            }
+        std::string failure;
+        if (!window.held.empty() && !sendHeld(window.held, failure)) {
+            notes.push_back("Digest agent: " + _alerts(window.held.size()) +
+                            " could not be sent (" + failure + "); it stays held in \"" +
+                            hold_->dir() + "\" and is tried again at the end of the next window");
+            window.end = now + std::chrono::milliseconds(settings_.windowMs);
+            window.passed = 0;
+            ++it;
+            continue;
+        }
+        if (!failure.empty()) {
+            notes.push_back("Digest agent: " + _alerts(window.held.size()) + ": " + failure);
         }
         it = windows_.erase(it);
     }
 }
 
-void DigestAgent::sendHeld(const std::vector<std::string>& names) {
-    std::vector<std::string> mails;
-    HeldMail first;
-    for (const std::string& name : names) {
-        HeldMail mail;
-        if (!hold_.load(name, mail)) {
-            hold_.setAside(name);  // no envelope: not ours to send, but kept
-            continue;
+bool DigestAgent::sendHeld(const std::vector<std::string>& names, std::string& failure) {
+    failure.clear();
+    try {
+        std::vector<std::string> mails;
+        HeldMail first;
+        for (const std::string& name : names) {
+            HeldMail mail;
+            if (!hold_->load(name, mail)) {
+                hold_->setAside(name);  // no envelope: not ours to send, but kept
+                continue;
+            }
+            if (mails.empty()) {
+                first = mail;
+                first.message.clear();
+            }
+            mails.push_back(std::move(mail.message));
         }
-        if (mails.empty()) {
-            first = mail;
-            first.message.clear();
+        if (!mails.empty()) {
+            EmailChannel::ToList to;
+            for (const std::string& r : first.to) {
+                to.push_back(Tamnet::EmailAddr(r));
+            }
+            const Tamnet::EmailAddr from(first.from);
+            if (mails.size() == 1) {
+                deliver(from, to, mails.front().c_str());
+            } else {
+                const std::string digest =
+                    buildDigest(mails, static_cast<long>(std::time(nullptr)), newMessageId());
+                deliver(from, to, digest.c_str());
+            }
         }
-        mails.push_back(std::move(mail.message));
+    } catch (...) {
+        failure = Tamtk::internal::abi::current_exception();
+        if (!EmailChannel::alertKept(std::current_exception())) {
+            return false;
+        }
+        failure = "kept by the delivering agent: " + failure;
     }
-    if (!mails.empty()) {
-        EmailChannel::ToList to;
-        for (const std::string& r : first.to) {
-            to.push_back(Tamnet::EmailAddr(r));
-        }
-        const Tamnet::EmailAddr from(first.from);
-        if (mails.size() == 1) {
-            deliver(from, to, mails.front().c_str());
-        } else {
-            const std::string digest =
-                buildDigest(mails, static_cast<long>(std::time(nullptr)), newMessageId());
-            deliver(from, to, digest.c_str());
-        }
+    // Delivered or kept further on: sent again it would arrive twice.
+    try {
+        hold_->remove(names);
+    } catch (const Tamtk::Exception& e) {
+        failure += (failure.empty() ? "" : "; ") + std::string(e.what()) +
+                   " (it may go out a second time)";
     }
-    hold_.remove(names);
+    return true;
 }
 
 void DigestAgent::timerLoop() {
@@ -193,23 +285,25 @@ void DigestAgent::timerLoop() {
         if (stopping_) {
             break;
         }
-        std::exception_ptr failure;
-        flushDue(Clock::now(), failure);
-        if (failure) {
-            failure_ = failure;  // for the channel, with the next mail
+        flushDue(Clock::now(), notes_);  // told with the next mail
+        // A long outage without mail: the latest notes tell the same.
+        if (notes_.size() > 8) {
+            notes_.erase(notes_.begin(), notes_.end() - 8);
         }
     }
+    std::size_t left = 0;
+    std::string failure;
     for (auto& entry : windows_) {
-        if (entry.second.held.empty()) {
-            continue;
-        }
-        try {
-            sendHeld(entry.second.held);
-        } catch (...) {
-            // Still in the hold: the next run sends it.
+        if (!entry.second.held.empty() && !sendHeld(entry.second.held, failure)) {
+            left += entry.second.held.size();
         }
     }
     windows_.clear();
+    if (left > 0) {
+        std::cerr << "Digest agent: " << left << (left == 1 ? " mail stays" : " mails stay")
+                  << " held in \"" << hold_->dir() << "\" (" << failure
+                  << ") and will be sent when the agent next starts" << std::endl;
+    }
 }
 
 void DigestAgent::shutdown() noexcept {
@@ -233,18 +327,26 @@ public:
         if (it != agents_.end()) {
             return it->second.agent;
         }
-        const DigestSettings settings = DigestSettings::fromParams(params);
+        DigestSettings settings;
+        std::string passThrough;
+        try {
+            settings = DigestSettings::fromParams(params);
+        } catch (const Tamtk::Exception& e) {
+            // Without a delivering agent the mail has nowhere to go: thrown.
+            settings = DigestSettings::deliveringOnly(params);
+            passThrough = e.what();
+        }
         // A hold belongs to one agent: a new configuration of the same hold
         // (the host configured its channel again) takes it over, once the
         // old one has sent what it held.
-        for (auto old = agents_.begin(); old != agents_.end(); ++old) {
+        for (auto old = agents_.begin(); passThrough.empty() && old != agents_.end(); ++old) {
             if (old->second.hold == settings.hold) {
                 old->second.agent->shutdown();
                 agents_.erase(old);
                 break;
             }
         }
-        std::shared_ptr<DigestAgent> agent = std::make_shared<DigestAgent>(settings);
+        std::shared_ptr<DigestAgent> agent = std::make_shared<DigestAgent>(settings, passThrough);
         agents_.emplace(params, Entry{settings.hold, agent});
         return agent;
     }

@@ -5,8 +5,11 @@
 // rest of the window's mail is held on disk and goes out when the window
 // ends, as one digest (or as itself when it is alone). Held mail that could
 // not go out stays held and is tried again at the end of the next window;
-// at process end everything held goes out at once, and what a killed
-// process held is found and sent by the next one.
+// mail the delivering agent delivered or kept leaves the hold and is never
+// sent again. At process end everything held goes out at once, and what a
+// killed process held is found and sent by the next one. Mail that cannot be
+// held (a full disk, a hold another process has, bad parameters of the
+// digest's own) goes straight to the delivering agent.
 
 #include <chrono>
 #include <condition_variable>
@@ -29,14 +32,18 @@ class DigestAgent {
 public:
     // Opens the delivering agent through the toolkit's component loader
     // (its errors surface here) and takes over what the hold already holds.
-    explicit DigestAgent(const DigestSettings& settings);
+    // With `passThrough` (why the digest cannot hold), or when the hold
+    // cannot be taken, every mail goes straight through; standard error
+    // says so once.
+    explicit DigestAgent(const DigestSettings& settings, const std::string& passThrough = "");
     ~DigestAgent();
     DigestAgent(const DigestAgent&) = delete;
     DigestAgent& operator=(const DigestAgent&) = delete;
 
-    // Passes the mail on or holds it. Throws what the delivering agent
-    // threw for this mail, or else for a digest that failed since the last
-    // call (that mail stays held).
+    // Passes the mail on or holds it. A mail passed on answers as the
+    // delivering agent did; a held one throws KeptException. A held digest
+    // that failed since the last call is told with this mail as a
+    // KeptException (it stays held), unless this mail itself is lost.
     void send(const Tamnet::EmailAddr& from, const EmailChannel::ToList& to, const char* message);
 
     // Sends everything held now, whatever its window; later mail goes
@@ -44,6 +51,7 @@ public:
     void shutdown() noexcept;
 
     std::size_t held() const;
+    bool holding() const { return hold_ != nullptr; }
 
 private:
     typedef std::chrono::steady_clock Clock;
@@ -53,21 +61,28 @@ private:
         std::vector<std::string> held;  // names in the hold, oldest first
     };
 
+    void takeOver();
     void timerLoop();
-    // Sends the held mail of every window that has ended; the first failure
-    // goes to `failure`. Called with mutex_ held.
-    void flushDue(Clock::time_point now, std::exception_ptr& failure);
-    void sendHeld(const std::vector<std::string>& names);
+    // Sends the held mail of every window that has ended; what failed is
+    // told in `notes`. Called with mutex_ held.
+    void flushDue(Clock::time_point now, std::vector<std::string>& notes);
+    // Sends held mail as one digest (or as itself when alone); true when it
+    // left the hold, else `why` says what failed and it stays held.
+    bool sendHeld(const std::vector<std::string>& names, std::string& why);
     void deliver(const Tamnet::EmailAddr& from, const EmailChannel::ToList& to,
                  const char* message);
+    // Passes a mail on; `notes` go with its answer (see send()).
+    void passOn(const Tamnet::EmailAddr& from, const EmailChannel::ToList& to, const char* message,
+                std::vector<std::string>& notes);
 
     const DigestSettings settings_;
     EmailChannel::SendEmailFn* inner_;
-    Hold hold_;
+    std::unique_ptr<Hold> hold_;  // none: every mail passes through
     mutable std::mutex mutex_;
     std::condition_variable wake_;
     std::map<std::string, Window> windows_;  // by sender and recipient list
-    std::exception_ptr failure_;             // of a digest sent by the timer
+    std::vector<std::string> notes_;         // failures of digests the timer sent
+    bool holdFailing_ = false;               // the last mail could not be held
     bool stopping_ = false;
     std::thread timer_;
 };

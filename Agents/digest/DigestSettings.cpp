@@ -3,12 +3,17 @@
 namespace Osk {
 namespace EmailAgents {
 
+namespace {
+
+const char* const _own[] = {"agent", "burst", "window", "hold"};
+
+}  // namespace
+
 std::pair<Params, Params> DigestSettings::split(const Params& params) {
-    static const char* const own[] = {"agent", "burst", "window", "hold"};
     std::pair<Params, Params> parts;
     for (const auto& entry : params) {
         bool isOwn = false;
-        for (const char* name : own) {
+        for (const char* name : _own) {
             isOwn = isOwn || entry.first == name;
         }
         (isOwn ? parts.first : parts.second).insert(entry);
@@ -27,6 +32,15 @@ DigestSettings DigestSettings::fromParams(const Params& params) {
     settings.burst = static_cast<unsigned long>(reader.integer("burst", 10, 0, 1000000));
     // A day at most: held mail that waits longer is no alert any more.
     settings.windowMs = reader.milliseconds("window", 300, 86400);
+    return settings;
+}
+
+DigestSettings DigestSettings::deliveringOnly(const Params& params) {
+    std::pair<Params, Params> parts = split(params);
+    DigestSettings settings;
+    settings.inner = std::move(parts.second);
+    settings.agent = ParamReader("Digest agent", parts.first, {"agent", "burst", "window", "hold"})
+                         .required("agent");
     return settings;
 }
 

@@ -22,6 +22,10 @@ struct DigestSettings {
     static DigestSettings fromParams(const Params& params);
     // The digest agent's own parameters (first) and the rest (second).
     static std::pair<Params, Params> split(const Params& params);
+    // Only the delivering agent and its parameters, for when the digest's
+    // own are unusable and mail goes straight through. Throws
+    // AgentParamException when "agent" is missing or empty.
+    static DigestSettings deliveringOnly(const Params& params);
 };
 
 }  // namespace EmailAgents

@@ -2,6 +2,7 @@
 // and then the delivering agent's: nothing is held, locked or started.
 
 #include "Agents/common/AgentEntry.h"
+#include "Agents/common/AgentException.h"
 #include "Agents/digest/DigestAgent.h"
 #include "Osk/EmailAgentBinding.h"
 
@@ -13,7 +14,14 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
         const DigestSettings settings = DigestSettings::fromParams(params);
         Osk::EmailChannel::bindSendEmail(settings.agent)(from, whom, nullptr, settings.inner);
     };
-    runSendEmail(to, message,
-                 {[&] { passOn(Osk::EmailChannel::ToList()); }, passOn,
-                  [&] { digestAgentFor(params)->send(from, to, message); }});
+    const auto deliver = [&] {
+        std::shared_ptr<DigestAgent> agent;
+        try {
+            agent = digestAgentFor(params);
+        } catch (const Tamtk::Exception& e) {
+            throwLost(e);  // no delivering agent to hand the mail to
+        }
+        agent->send(from, to, message);
+    };
+    runSendEmail(to, message, {[&] { passOn(Osk::EmailChannel::ToList()); }, passOn, deliver});
 }

@@ -1,6 +1,7 @@
 // Turning one event into a mail and handing it to the agent.
 
 #include <ctime>
+#include <exception>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
@@ -26,8 +27,13 @@ const Tamxml::Document& _document_of(const ChannelEvent& event) {
 
 void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
     // Until the agent has the mail, any failure loses the alert; after, the
-    // agent's exception tells.
+    // type of the agent's exception tells (EmailAgent.h), never its text.
     bool handedOver = false;
+    const auto count = [&](const std::exception_ptr& failure) {
+        if (!handedOver || !EmailChannel::alertKept(failure)) {
+            count_lost_alert();
+        }
+    };
     try {
         if (!event) {
             return;
@@ -63,18 +69,16 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         std::ostringstream text;
         text << "Channel config exception: [ " << e << " ]";
         report_error(Tamlog::sev::warning, text.str());
-        count_lost_alert();
+        count(std::current_exception());
     } catch (const Tamtk::Exception& e) {
         std::ostringstream text;
         text << "Tamtk exception:: [ " << e << " ]";
         report_error(Tamlog::sev::warning, text.str());
-        if (!handedOver || dynamic_cast<const EmailChannel::AlertLost*>(&e) != nullptr) {
-            count_lost_alert();
-        }
+        count(std::current_exception());
     } catch (...) {
         report_error(Tamlog::sev::warning,
                      "Other exception: [ " + Tamtk::internal::abi::current_exception() + " ]");
-        count_lost_alert();
+        count(std::current_exception());
     }
 }
 

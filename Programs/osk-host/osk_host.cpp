@@ -72,12 +72,14 @@ const char* const _usage =
     "\n"
     "Reports of the channel go to standard error (and the system log with --syslog), with their\n"
     "control characters escaped (\\n, \\x1b, ...), as does everything else osk-host writes there.\n"
-    "At the end one line on standard error gives the events read (and skipped), the lost alerts,\n"
-    "the reports by severity, the time taken, the events per second and the peak memory used.\n"
-    "An alert is lost when no copy of its mail was delivered or kept anywhere (a Maildir on a\n"
-    "full disk, an SMTP server that refused it with no spool to keep it), or when the channel\n"
-    "could not build it; a mail waiting in the SMTP agent's spool is not lost. The report of a\n"
-    "lost alert says why, and osk-host names the event after it.\n"
+    "At the very end, after the agents' own exit work (held digests sent, spools drained), one\n"
+    "line on standard error gives the events read (and skipped), the lost alerts, the reports by\n"
+    "severity, the time taken, the events per second and the peak memory of the whole run.\n"
+    "An alert is lost when the channel could not build its mail, or when its agent answered\n"
+    "with anything but \"delivered\" or \"kept\": a Maildir on a full disk, an SMTP server that\n"
+    "refused it with no spool to keep it. A mail kept for later (in the SMTP agent's spool or its\n"
+    "failed/ folder, in the digest agent's hold) is not lost; its report is a warning. The\n"
+    "report of a lost alert says why, and osk-host names the event after it.\n"
     "\n"
     "SIGINT or SIGTERM stops reading; the channel is flushed and shut down, the summary is\n"
     "written and osk-host exits as below (a second signal ends it at once). A closed standard\n"
@@ -298,7 +300,39 @@ std::string _position(const std::string& events, int line) {
     return where;
 }
 
+// What the closing line tells. It is written by an exit handler registered
+// before the channel is loaded: the handlers and static destructors of the
+// channel and its agents (the digest agent's last digests, the SMTP agent's
+// spool drain) come later and so run first, and the peak memory covers them.
+struct Closing {
+    const Osk::HostLog* log = nullptr;
+    unsigned long events = 0;
+    unsigned long skipped = 0;
+    unsigned long lost = 0;
+    std::chrono::steady_clock::time_point started;
+};
+Closing _closing;
+
+void _writeClosing() {
+    if (_closing.log == nullptr)
+        return;
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - _closing.started).count();
+    char timing[64];
+    std::snprintf(timing, sizeof timing, "%.3f s, %.0f events/s", seconds,
+                  seconds > 0 ? _closing.events / seconds : 0.0);
+    std::string summary = std::to_string(_closing.events) + " events read";
+    if (_closing.skipped > 0)
+        summary += " (" + std::to_string(_closing.skipped) + " skipped)";
+    summary += ", lost alerts: " + std::to_string(_closing.lost) +
+               ", reports: " + _closing.log->summary() + ", " + timing;
+    if (const unsigned long kib = _peakKib())
+        summary += ", peak memory " + std::to_string(kib) + " KiB";
+    _closing.log->note(summary);
+}
+
 int _run(const Options& options, Osk::HostLog& log) {
+    std::atexit(&_writeClosing);
     void* plugin = dlopen(options.channel.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (plugin == nullptr) {
         log.note("cannot load " + options.channel + ": " + dlerror());
@@ -384,19 +418,7 @@ int _run(const Options& options, Osk::HostLog& log) {
     }
     if (lost > 0)
         status = 3;
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    char timing[64];
-    std::snprintf(timing, sizeof timing, "%.3f s, %.0f events/s", seconds,
-                  seconds > 0 ? events / seconds : 0.0);
-    std::string summary = std::to_string(events) + " events read";
-    if (skipped > 0)
-        summary += " (" + std::to_string(skipped) + " skipped)";
-    summary +=
-        ", lost alerts: " + std::to_string(lost) + ", reports: " + log.summary() + ", " + timing;
-    if (const unsigned long kib = _peakKib())
-        summary += ", peak memory " + std::to_string(kib) + " KiB";
-    log.note(summary);
+    _closing = Closing{&log, events, skipped, lost, started};
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
 }
@@ -413,6 +435,8 @@ int main(int argc, char** argv) {
     if (options.check) {
         return Osk::checkConfiguration({options.config, options.channel, options.probe}, std::cout);
     }
-    Osk::HostLog log(options.syslogIdent);
-    return _run(options, log);
+    // Alive until the closing line, after every exit handler of the plug-ins
+    // (and never freed: the handler may still use it).
+    static Osk::HostLog* const log = new Osk::HostLog(options.syslogIdent);
+    return _run(options, *log);
 }

@@ -11,7 +11,7 @@ import subprocess
 import time
 import unittest
 
-from host_harness import (DEAD_URL, EXAMPLES, MAILDIR_AGENT, RECIPIENTS, SENDER, SMTP_AGENT, HostTest,
+from host_harness import (DEAD_URL, DIGEST_AGENT, EXAMPLES, MAILDIR_AGENT, RECIPIENTS, SENDER, SMTP_AGENT, HostTest,
                           SmtpServer, channel_config, events_xml, group)
 
 # The shipped example's events and two more: an id no group has, and a disk
@@ -102,15 +102,22 @@ class FailureTest(HostTest):
 
     def test_lost_alerts(self):
         # Every way an alert is lost: reported with why, named, counted and
-        # exit 3. A mail the spool keeps is not lost.
+        # exit 3. A mail the spool or the digest's hold keeps is not lost, and
+        # mail the digest cannot hold goes straight to its delivering agent.
         self.write("afile", "a file where the Maildir's folder should be")
         full = self.full_disk()
         server = SmtpServer(self.dir)
         self.addCleanup(server.stop)
         dead = [("url", DEAD_URL), ("starttls", "no"), ("timeout", "5")]
         refused = "r550.nobody@example.com"
-        cases = [  # (what, agent, its parameters, recipients, why, alerts lost)
-            ("Maildir behind a file", MAILDIR_AGENT, [("path", self.dir / "afile" / "mail")], RECIPIENTS,
+        in_file = [("path", self.dir / "afile" / "mail")]
+        good = [("path", self.dir / "mail"), ("fsync", "no")]
+
+        def digest(inner, params, **own):
+            own = {"agent": inner, "burst": 0, "hold": self.dir / "hold", **own}
+            return list(own.items()) + params
+        cases = [  # (what, agent, its parameters, recipients, why (None: delivered), alerts lost)
+            ("Maildir behind a file", MAILDIR_AGENT, in_file, RECIPIENTS,
              "a file of that name is in the way; the alert is lost", 2),
             ("Maildir on a full disk", MAILDIR_AGENT, [("path", full and full / "mail")], RECIPIENTS,
              "No space left on device; the alert is lost", 2),
@@ -122,17 +129,31 @@ class FailureTest(HostTest):
              RECIPIENTS, "was kept in the spool", 0),
             ("a recipient refused, no spool", SMTP_AGENT, [("url", server.url), ("starttls", "no")],
              ("ops@example.com", refused), f"SMTP agent ({server.url}): ", 2),
+            ("digest held, SMTP server down, no spool", DIGEST_AGENT, digest(SMTP_AGENT, dead),
+             RECIPIENTS, "Digest agent: the alert is held in", 0),
+            ("digest without its agent's library", DIGEST_AGENT, digest("libno_such_agent.so", good),
+             RECIPIENTS, "Opening of module libno_such_agent.so failed", 2),
+            ("digest on a full disk, Maildir behind a file", DIGEST_AGENT,
+             digest(MAILDIR_AGENT, in_file, hold=full and full / "hold"), RECIPIENTS,
+             "a file of that name is in the way; the alert is lost", 2),
+            ("digest on a full disk", DIGEST_AGENT, digest(MAILDIR_AGENT, good, hold=full and full / "hold"),
+             RECIPIENTS, None, 0),
+            ("digest with a bad burst", DIGEST_AGENT, digest(MAILDIR_AGENT, good, burst=-1), RECIPIENTS, None, 0),
+            ("digest with its hold under a file", DIGEST_AGENT,
+             digest(MAILDIR_AGENT, good, hold=self.dir / "afile" / "hold"), RECIPIENTS, None, 0),
         ]
         for name, agent, params, recipients, why, lost in cases:
             with self.subTest(name):
                 if None in (v for _, v in params):
                     self.skipTest("cannot mount a tmpfs here: the full-disk case is not run")
+                shutil.rmtree(self.dir / "mail", True)
                 config = channel_config(agent, params, group("plain %b% text", 3),
                                         tokens='<Token name="b" default="B"/>', recipients=recipients)
                 result = self.host(config, events_xml((3, "<e/>"), (3, "<e/>")))
                 self.assertEqual(3 if lost else 0, result.returncode, result.stderr)
-                self.assertEqual((2, 0, {"warning": 2}), result.summary())
+                self.assertEqual((2, 0, {"warning": 2} if why else {}), result.summary())
                 self.assertEqual(lost, result.lost())
+                self.assertEqual(0 if why else 2, len(self.maildir()))
                 for warning in result.reports("warning"):
                     self.assertTrue(warning.startswith("Tamtk exception:: [ "), warning)
                     self.assertIn(why, warning)
@@ -142,6 +163,8 @@ class FailureTest(HostTest):
         # The recipient the server took still got each mail.
         self.assertEqual([(SENDER, ["ops@example.com"], "plain B text")] * 2,
                          [(s, r, msg.get_content()) for s, r, msg in server.messages()])
+        # What the digest held for the relay that was down waits for the next run.
+        self.assertEqual(2, len(list((self.dir / "hold" / "new").glob("*"))))
 
 
 if __name__ == "__main__":

@@ -1,5 +1,7 @@
 // An email agent that appends every mail to one file, each after a line
-// "From <sender> <recipients>" (the mbox way).
+// "From <sender> <recipients>" (the mbox way). It answers as the contract
+// says: returning means the mail is in the file; a mail it could not append
+// is lost, and its exception says so by type.
 
 #include <fstream>
 
@@ -9,12 +11,12 @@
 namespace {
 
 struct file_agent_tag;
-typedef Tamtk::ExceptionT<file_agent_tag> _file_agent_error;
+typedef Tamtk::ExceptionT<file_agent_tag> FileAgentError;
 
 // Nothing kept the mail, so the channel counts the alert as lost.
-class _mail_lost : public _file_agent_error, public Osk::EmailChannel::AlertLost {
+class MailLost : public FileAgentError, public Osk::EmailChannel::AlertLost {
 public:
-    using _file_agent_error::_file_agent_error;
+    using FileAgentError::FileAgentError;
 };
 
 }  // namespace
@@ -24,10 +26,10 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
                                 const std::map<std::string, std::string>& params) {
     const auto path = params.find("path");
     if (params.size() != 1 || path == params.end() || path->second.empty()) {
-        TAMTK_THROW(_file_agent_error, "file_agent", "the file agent takes one parameter, path");
+        TAMTK_THROW(FileAgentError, "file_agent", "the file agent takes one parameter, path");
     }
     if (message == nullptr) {
-        return;  // a check of the parameters only
+        return;  // a check or a probe: nothing to reach but the file, written on delivery
     }
     std::ofstream out(path->second, std::ios::app | std::ios::binary);
     out << "From " << from.asPlainString();
@@ -37,6 +39,7 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
     out << '\n' << message << '\n';
     out.flush();
     if (!out) {
-        TAMTK_THROW(_mail_lost, "file_agent", "cannot append to " << path->second);
+        TAMTK_THROW(MailLost, "file_agent",
+                    "cannot append to " << path->second << "; the alert is lost");
     }
 }
