@@ -14,13 +14,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include "Osk/Channel.h"
+#include "Programs/osk-host/ChannelSetup.h"
 #include "Programs/osk-host/ConfigCheck.h"
 #include "Programs/osk-host/EventStream.h"
 #include "Programs/osk-host/HostLog.h"
+#include "Programs/osk-host/SendTest.h"
 #include "XmlToolkit/Xml.h"
 
 namespace {
@@ -30,6 +31,8 @@ const char* const _usage =
     "[--progress]\n"
     "                [--max-event-size BYTES] [--max-event-nodes COUNT]\n"
     "       osk-host --check --config FILE [--probe] [--channel PATH]\n"
+    "       osk-host --render --config FILE [--events FILE|-] [--channel PATH]\n"
+    "       osk-host --send-test --config FILE [--to ADDRESS] [--channel PATH]\n"
     "\n"
     "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
     "the configuration, do_log for every event, then do_flush and do_shutdown.\n"
@@ -52,6 +55,16 @@ const char* const _usage =
     "  --probe                  with --check, the agent's probe instead of its check: it\n"
     "                           reaches what it delivers through (every SMTP relay: TLS, EHLO,\n"
     "                           AUTH) and sends no mail\n"
+    "  --render                 a run that sends, writes and connects nothing: each mail is\n"
+    "                           printed on standard output as a reader sees it (headers and\n"
+    "                           body decoded to UTF-8); the configured agent is never loaded;\n"
+    "                           reports and exit status as for a run\n"
+    "  --send-test              send one test alert (saying it is a test, from which host and\n"
+    "                           configuration, when) through the configured agent and wait for\n"
+    "                           it, even where the agent would queue it; tells on standard\n"
+    "                           output whether it was delivered, kept or refused, and why;\n"
+    "                           exit 0 delivered, 1 kept, 2 configuration failed, 3 refused\n"
+    "  --to ADDRESS             with --send-test, the recipient instead of the configured ones\n"
     "  --help                   this text\n"
     "\n"
     "Event stream:\n"
@@ -98,6 +111,9 @@ struct Options {
     Osk::EventScanner::Limits limits;
     bool check = false;
     bool probe = false;
+    bool render = false;
+    bool sendTest = false;
+    std::string to;
 };
 
 // The email channel sits beside the host's own libraries, in build/lib/ as in
@@ -170,6 +186,13 @@ bool _parse(int argc, char** argv, Options& options) {
             options.check = true;
         } else if (arg == "--probe") {
             options.probe = true;
+        } else if (arg == "--render") {
+            options.render = true;
+        } else if (arg == "--send-test") {
+            options.sendTest = true;
+        } else if (arg == "--to") {
+            if (!value(options.to))
+                return false;
         } else if (arg == "--max-event-size" || arg == "--max-event-nodes") {
             std::string text;
             if (!value(text))
@@ -193,13 +216,19 @@ bool _parse(int argc, char** argv, Options& options) {
         std::cerr << "osk-host: --probe goes with --check\n";
         return false;
     }
+    if (options.check + options.render + options.sendTest > 1) {
+        std::cerr << "osk-host: --check, --render and --send-test go alone\n";
+        return false;
+    }
+    if (!options.to.empty() && !options.sendTest) {
+        std::cerr << "osk-host: --to goes with --send-test\n";
+        return false;
+    }
     if (options.channel.empty()) {
         options.channel = _defaultChannel();
     }
     return true;
 }
-
-typedef boost::shared_ptr<Osk::Channel> (*CreateChannel)();
 
 // SIGINT and SIGTERM end the run the ordinary way, so the plug-ins' static
 // destructors run (the SMTP agent drains its spool there). The handler only
@@ -333,14 +362,8 @@ void _writeClosing() {
 
 int _run(const Options& options, Osk::HostLog& log) {
     std::atexit(&_writeClosing);
-    void* plugin = dlopen(options.channel.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (plugin == nullptr) {
-        log.note("cannot load " + options.channel + ": " + dlerror());
-        return 69;
-    }
-    CreateChannel create = reinterpret_cast<CreateChannel>(dlsym(plugin, "createChannel"));
+    const Osk::CreateChannel create = Osk::loadChannel(options.channel, log);
     if (create == nullptr) {
-        log.note(options.channel + " has no createChannel");
         return 69;
     }
 
@@ -358,23 +381,7 @@ int _run(const Options& options, Osk::HostLog& log) {
                 log.report(sev, text);
             });
 
-        bool configured = false;
-        try {
-            Osk::ChannelCfg cfg(Tamxml::Document::fromFile(options.config));
-            configured = channel->do_configure(cfg);
-            if (!configured) {
-                log.note("the channel did not accept " + options.config);
-            }
-        } catch (const Tamtk::Exception& e) {
-            std::ostringstream where;
-            where << e.location();
-            log.note("configuration failed: " + std::string(e.what()));
-            log.note("  at " + where.str());
-        } catch (const std::exception& e) {
-            log.note("configuration failed: " + std::string(e.what()));
-        }
-
-        if (!configured) {
+        if (!Osk::configureChannel(*channel, options.config, options.render, log)) {
             status = 2;
         } else {
             Osk::EventStream stream(options.events, options.limits, _stopPipe[0]);
@@ -438,5 +445,8 @@ int main(int argc, char** argv) {
     // Alive until the closing line, after every exit handler of the plug-ins
     // (and never freed: the handler may still use it).
     static Osk::HostLog* const log = new Osk::HostLog(options.syslogIdent);
+    if (options.sendTest) {
+        return Osk::sendTest({options.config, options.channel, options.to}, *log, std::cout);
+    }
     return _run(options, *log);
 }
