@@ -18,8 +18,8 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& /*from*/,
     if (message == nullptr) {
         return;
     }
-    const std::string text = "---- mail " + std::to_string(++_mails) + " ----\n" +
-                             Osk::EmailAgents::renderMail(message);
+    const std::string text =
+        "---- mail " + std::to_string(++_mails) + " ----\n" + Osk::EmailAgents::renderMail(message);
     // A mail that did not reach the reader was shown to nobody.
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
         std::fflush(stdout) != 0) {

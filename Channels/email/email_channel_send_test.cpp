@@ -21,8 +21,8 @@ std::exception_ptr email_channel::send_test(const std::string& subject, const st
     }
     const EmailChannel::ToList& recipients = to.empty() ? recipients_ : to;
     const std::string mail = EmailChannel::buildEmail(
-        charset_.c_str(), static_cast<long>(std::time(nullptr)), sender_name_, sender_,
-        recipients, Tamtk::Utf8Array(subject), Tamtk::Utf8Array(body), {});
+        charset_.c_str(), static_cast<long>(std::time(nullptr)), sender_name_, sender_, recipients,
+        Tamtk::Utf8Array(subject), Tamtk::Utf8Array(body), {});
     // Only an agent that has the parameter knows it; the others refuse
     // parameters they do not know.
     std::map<std::string, std::string> params = agent_params_;

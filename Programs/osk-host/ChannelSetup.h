@@ -21,7 +21,6 @@ CreateChannel loadChannel(const std::string& path, const HostLog& log, void** pl
 // Configures `channel` from the file `config`, notes why in `log` when that
 // fails. With `render`, the configuration's agent is replaced in memory by
 // the render agent (Render.h) first.
-bool configureChannel(Channel& channel, const std::string& config, bool render,
-                      const HostLog& log);
+bool configureChannel(Channel& channel, const std::string& config, bool render, const HostLog& log);
 
 }  // namespace Osk

@@ -91,10 +91,12 @@ int sendTest(const SendTestOptions& options, HostLog& log, std::ostream& out) {
     const std::string host = _hostName();
     const std::string config = _absolute(options.config);
     const std::string subject = "[TEST] alerting test from " + host;
-    const std::string body = "This is a test alert, not an incident.\n\nSent by osk-host --send-test "
-                             "on " + host + " at " + _utcNow() + "\nwith the configuration " +
-                             config + ".\n\nIf you read this, alerts of this configuration "
-                             "reach you.\n";
+    const std::string body =
+        "This is a test alert, not an incident.\n\nSent by osk-host --send-test "
+        "on " +
+        host + " at " + _utcNow() + "\nwith the configuration " + config +
+        ".\n\nIf you read this, alerts of this configuration "
+        "reach you.\n";
     std::exception_ptr failure;
     try {
         failure = send(*channel, subject, body, to);
@@ -113,8 +115,7 @@ int sendTest(const SendTestOptions& options, HostLog& log, std::ostream& out) {
             << " was spooled or held for later: " << why << "\n";
         return 1;
     }
-    out << "refused, not delivered: the test mail to " << recipients << " is lost: " << why
-        << "\n";
+    out << "refused, not delivered: the test mail to " << recipients << " is lost: " << why << "\n";
     return 3;
 }
 
