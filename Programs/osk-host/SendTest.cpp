@@ -42,10 +42,6 @@ std::string _absolute(const std::string& path) {
 std::string _why(const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
-    } catch (const Tamtk::Exception& e) {
-        return e.what();
-    } catch (const std::exception& e) {
-        return e.what();
     } catch (...) {
         return Tamtk::internal::abi::current_exception();
     }

@@ -95,24 +95,21 @@ class AlertPathTest(HostTest):
         config = channel_config(MAILDIR_AGENT, MAILDIR, groups,
                                 tokens=HOST_TOKEN + '<Token name="mount" xpath="/alarm/@mount"/>')
         incidents = [alarm(host).replace("<alarm>", '<alarm mount="/var">') for host in ("db1", "db2")]
-        # A line break in the key must not make a header line of what follows it.
-        hostile = alarm("db1&#10;Bcc: victim@example.net").replace("<alarm>", '<alarm mount="/var">')
-        stream = events_xml(*[(1, incidents[i % 2]) for i in range(10)], (1, hostile), (2, alarm("db1")))
+        stream = events_xml(*[(1, incidents[i % 2]) for i in range(10)], (2, alarm("db1")))
         runs = []
         for _ in range(2):
             self.assertEqual(0, self.host(config, stream).returncode)
             threads = {}
             for mail in self.maildir():
-                self.assertEqual((None, mail["References"]), (mail["Bcc"], mail["In-Reply-To"]))
+                self.assertEqual(mail["References"], mail["In-Reply-To"])
                 threads.setdefault(mail.get_content(), []).append(mail["References"])
             shutil.rmtree(self.dir / "mail")
             runs.append(threads)
             ids = {body: set(refs) for body, refs in threads.items()}
-            self.assertEqual([5, 5, 1, 1], [len(threads[b]) for b in ("db1 /var full", "db2 /var full",
-                                                                     "db1\nBcc: victim@example.net /var full", "db1")])
+            self.assertEqual([5, 5, 1], [len(threads[b]) for b in ("db1 /var full", "db2 /var full", "db1")])
             self.assertEqual({None}, ids.pop("db1"), "a group without Thread starts no thread")
-            self.assertEqual([1, 1, 1], [len(refs) for refs in ids.values()])
-            self.assertEqual(3, len(set.union(*ids.values())), "incidents share a thread")
+            self.assertEqual([1, 1], [len(refs) for refs in ids.values()])
+            self.assertEqual(2, len(set.union(*ids.values())), "incidents share a thread")
             for ref in set.union(*ids.values()):
                 self.assertRegex(ref, r"^<[0-9a-z.]+@example\.com>$")
         self.assertEqual(runs[0], runs[1])
