@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <exception>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "LogToolkit/Severity.h"
 #include "Osk/ChannelCfg.h"
@@ -37,6 +39,15 @@ public:
     virtual void do_log(boost::shared_ptr<ChannelEvent> event) = 0;
     virtual void do_flush() = 0;
     virtual void do_shutdown() = 0;
+
+    // One test notification of `subject` and `body` to `to` (plain
+    // addresses; the configured recipients when empty), sent the way the
+    // channel sends every alert but waited for: null when it was delivered,
+    // else what the delivery threw. Called on a configured channel by
+    // `osk-host --send-test`. A channel that cannot send one throws
+    // std::logic_error.
+    virtual std::exception_ptr do_send_test(const std::string& subject, const std::string& body,
+                                            const std::vector<std::string>& to);
 
     // Records a problem of the channel; never throws.
     void report_error(const Tamlog::internal::severity::severity_mask& sev, const char* text);

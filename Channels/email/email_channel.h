@@ -102,8 +102,8 @@ public:
     // so the answer is the delivery's own. Null when it was delivered, else
     // what the agent threw. Throws when no agent is bound or the mail cannot
     // be built.
-    std::exception_ptr send_test(const std::string& subject, const std::string& body,
-                                 const EmailChannel::ToList& to);
+    std::exception_ptr do_send_test(const std::string& subject, const std::string& body,
+                                    const std::vector<std::string>& to) override;
 
     // Read-only views for the host program and the tests.
     const TokenMap& tokens() const { return tokens_; }
@@ -156,12 +156,6 @@ void _copy_env_locale(const char* name, char* buffer, unsigned int size);
 #pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
 #endif
 extern "C" __attribute__((visibility("default"))) boost::shared_ptr<Osk::Channel> createChannel();
-// osk-host --send-test: email_channel::send_test on a channel createChannel
-// made and the host configured. Throws std::invalid_argument for any other
-// channel.
-extern "C" __attribute__((visibility("default"))) std::exception_ptr sendTestAlert(
-    Osk::Channel& channel, const std::string& subject, const std::string& body,
-    const Osk::EmailChannel::ToList& to);
 #if defined(__clang__)
 #pragma clang diagnostic pop
 #endif

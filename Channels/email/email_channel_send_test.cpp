@@ -2,7 +2,6 @@
 // incident does (osk-host --send-test).
 
 #include <ctime>
-#include <stdexcept>
 
 #include "Channels/email/email_channel.h"
 #include "Channels/email/encode.h"
@@ -13,13 +12,16 @@ namespace {
 const char* const _source = "email_channel";
 }  // namespace
 
-std::exception_ptr email_channel::send_test(const std::string& subject, const std::string& body,
-                                            const EmailChannel::ToList& to) {
+std::exception_ptr email_channel::do_send_test(const std::string& subject, const std::string& body,
+                                               const std::vector<std::string>& to) {
     if (send_email_ == nullptr) {
         throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                           TAMTK_HERE(_source));
     }
-    const EmailChannel::ToList& recipients = to.empty() ? recipients_ : to;
+    EmailChannel::ToList recipients(to.begin(), to.end());
+    if (recipients.empty()) {
+        recipients = recipients_;
+    }
     const std::string mail = EmailChannel::buildEmail(
         charset_.c_str(), static_cast<long>(std::time(nullptr)), sender_name_, sender_, recipients,
         Tamtk::Utf8Array(subject), Tamtk::Utf8Array(body), {});
@@ -39,12 +41,3 @@ std::exception_ptr email_channel::send_test(const std::string& subject, const st
 }
 
 }  // namespace Osk
-
-std::exception_ptr sendTestAlert(Osk::Channel& channel, const std::string& subject,
-                                 const std::string& body, const Osk::EmailChannel::ToList& to) {
-    Osk::email_channel* email = dynamic_cast<Osk::email_channel*>(&channel);
-    if (email == nullptr) {
-        throw std::invalid_argument("the channel " + channel.name() + " sends no test mail");
-    }
-    return email->send_test(subject, body, to);
-}

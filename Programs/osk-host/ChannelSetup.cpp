@@ -9,14 +9,11 @@
 
 namespace Osk {
 
-CreateChannel loadChannel(const std::string& path, const HostLog& log, void** plugin) {
+CreateChannel loadChannel(const std::string& path, const HostLog& log) {
     void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         log.note("cannot load " + path + ": " + dlerror());
         return nullptr;
-    }
-    if (plugin != nullptr) {
-        *plugin = handle;
     }
     CreateChannel create = reinterpret_cast<CreateChannel>(dlsym(handle, "createChannel"));
     if (create == nullptr) {

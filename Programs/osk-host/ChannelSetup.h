@@ -15,8 +15,8 @@ typedef boost::shared_ptr<Channel> (*CreateChannel)();
 
 // The plug-in's createChannel; null, after a note in `log`, when the plug-in
 // does not load or lacks it. The plug-in stays loaded for the process: objects
-// it made may be referenced at exit. `plugin` receives its handle.
-CreateChannel loadChannel(const std::string& path, const HostLog& log, void** plugin = nullptr);
+// it made may be referenced at exit.
+CreateChannel loadChannel(const std::string& path, const HostLog& log);
 
 // Configures `channel` from the file `config`, notes why in `log` when that
 // fails. With `render`, the configuration's agent is replaced in memory by

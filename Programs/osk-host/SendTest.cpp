@@ -1,6 +1,5 @@
 #include "Programs/osk-host/SendTest.h"
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <climits>
@@ -15,9 +14,6 @@
 namespace Osk {
 
 namespace {
-
-typedef std::exception_ptr (*SendTestAlert)(Channel&, const std::string&, const std::string&,
-                                            const EmailChannel::ToList&);
 
 std::string _hostName() {
     char name[HOST_NAME_MAX + 1] = {};
@@ -67,14 +63,8 @@ int sendTest(const SendTestOptions& options, HostLog& log, std::ostream& out) {
             return 64;
         }
     }
-    void* plugin = nullptr;
-    const CreateChannel create = loadChannel(options.channel, log, &plugin);
+    const CreateChannel create = loadChannel(options.channel, log);
     if (create == nullptr) {
-        return 69;
-    }
-    const SendTestAlert send = reinterpret_cast<SendTestAlert>(dlsym(plugin, "sendTestAlert"));
-    if (send == nullptr) {
-        log.note(options.channel + " sends no test mail (it has no sendTestAlert)");
         return 69;
     }
     const boost::shared_ptr<Channel> channel = create();
@@ -95,7 +85,9 @@ int sendTest(const SendTestOptions& options, HostLog& log, std::ostream& out) {
         "reach you.\n";
     std::exception_ptr failure;
     try {
-        failure = send(*channel, subject, body, to);
+        failure = channel->do_send_test(
+            subject, body,
+            options.to.empty() ? std::vector<std::string>() : std::vector<std::string>{options.to});
     } catch (...) {
         failure = std::current_exception();  // the mail was not even built: lost
     }
