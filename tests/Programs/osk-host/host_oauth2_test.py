@@ -1,0 +1,196 @@
+#!/usr/bin/python3
+"""osk-host with the SMTP agent signing in with OAuth2: a local token endpoint
+(token_endpoint.py) issues the tokens and the SMTP test server checks them.
+One token serves every connection for its lifetime; a refused one is
+replaced once; a refused client waits in the spool without hammering the
+endpoint; no secret leaves the agent."""
+
+import os
+import pathlib
+import select
+import subprocess
+import time
+import unittest
+
+from cryptography.hazmat.primitives import serialization
+from cryptography.hazmat.primitives.asymmetric import rsa
+
+from host_harness import DEAD_URL, OSK_SPOOL, SMTP_AGENT, SmtpServer, channel_config, group, run
+from host_smtp_test import TOKENS, SmtpHostTest
+
+SUPPORT = pathlib.Path(__file__).parents[2] / "support"
+SECRET = "s3cret-of-the-test-client"
+WRONG = "not-the-s3cret-at-all"
+USER = "alice@example.com"
+
+
+class TokenEndpoint:
+    """token_endpoint.py over plain http on 127.0.0.1 (the agent allows it on loopback)."""
+
+    def __init__(self, state, signing_key, secret_file, lifetime):
+        self.state = state
+        self.process = subprocess.Popen(
+            ["/usr/bin/python3", str(SUPPORT / "token_endpoint.py"), "--state", str(state),
+             "--signing-key", str(signing_key), "--secret-file", str(secret_file),
+             "--lifetime", str(lifetime), "--subject", USER],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        ready = select.select([self.process.stdout], [], [], 30)[0] and self.process.stdout.readline()
+        if not ready or not ready.startswith(b"READY "):
+            self.stop()
+            raise AssertionError(f"token endpoint did not start: {ready!r}")
+        self.url = f"http://127.0.0.1:{int(ready.split()[1])}/token"
+
+    def requests(self):
+        path = self.state / "requests"
+        return path.read_text().splitlines() if path.exists() else []
+
+    def stop(self):
+        self.process.kill()
+        self.process.wait()
+        for pipe in (self.process.stdin, self.process.stdout):
+            pipe.close()
+
+
+class OAuth2Server(SmtpServer):
+    """The SMTP test server taking only the endpoint's tokens; its record has a
+    "T <ok> <token>" line per token offered."""
+
+    def __init__(self, directory, public_key, state):
+        self.oauth2 = ["--oauth2", str(public_key), str(state)]
+        super().__init__(directory)
+
+    def start(self):
+        self.args = [a for a in self.args if a not in self.oauth2] + self.oauth2
+        super().start()
+
+    def tokens(self):
+        lines = self.record.read_text().splitlines() if self.record.exists() else []
+        return [(parts[1] == "1", parts[2]) for parts in (l.split(" ") for l in lines) if parts[0] == "T"]
+
+
+class OAuth2HostTest(SmtpHostTest):
+    lifetime = 3600
+
+    def setUp(self):
+        super().setUp()
+        key = rsa.generate_private_key(public_exponent=65537, key_size=2048)
+        signing = self.write("signing.pem", key.private_bytes(
+            serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()))
+        public = self.write("public.pem", key.public_key().public_bytes(
+            serialization.Encoding.PEM, serialization.PublicFormat.SubjectPublicKeyInfo))
+        state = self.dir / "endpoint"
+        state.mkdir()
+        self.endpoint = TokenEndpoint(state, signing, self.write("endpoint-secret", SECRET + "\n"),
+                                      self.lifetime)
+        self.addCleanup(self.endpoint.stop)
+        self.server.stop()
+        self.server = OAuth2Server(self.dir, public, state)
+        self.addCleanup(self.server.stop)
+        self.secret_file = self.write("client-secret", SECRET + "\n")
+        os.chmod(self.secret_file, 0o600)
+
+    def oauth2(self, endpoint=None, **extra):
+        params = {"auth": "oauth2", "username": USER, "allow_plaintext_auth": "yes",
+                  "oauth2_token_url": endpoint or self.endpoint.url, "oauth2_client_id": "test-client",
+                  "oauth2_scope": "mail", "oauth2_client_secret_file": str(self.secret_file)}
+        params.update(extra)
+        return params
+
+    def run_oauth2(self, **extra):
+        return self.run_host(self.server.url, **self.oauth2(**extra))
+
+    def assert_no_secret(self, *texts):
+        """Neither the client secrets nor any token appears in `texts` or in the spool."""
+        secrets = [SECRET, WRONG] + [token for _, token in self.server.tokens()]
+        spooled = [p.read_bytes().decode("utf-8", "replace") for p in self.spool.rglob("*") if p.is_file()]
+        for text in list(texts) + spooled:
+            for secret in secrets:
+                self.assertNotIn(secret, text)
+
+
+class TokenLifeTest(OAuth2HostTest):
+    lifetime = 2
+
+    def test_a_thousand_alerts_share_one_token_per_lifetime(self):
+        started = time.monotonic()
+        host = self.run_oauth2()
+        self.feed(host, 0, 1000, per_second=250)
+        self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
+        elapsed = time.monotonic() - started
+        self.check_arrivals(range(1000))
+        # Renewed shortly before each expiry: about one request per 1.8 s.
+        requests = self.endpoint.requests()
+        self.assertTrue(all(r == "client_credentials 200" for r in requests), requests)
+        self.assertLessEqual(len(requests), elapsed / 1.8 + 3, (elapsed, requests))
+        self.assertGreaterEqual(len(requests), int(elapsed / 2), (elapsed, requests))
+        self.assertTrue(all(ok for ok, _ in self.server.tokens()))
+        self.assert_no_secret(host.stderr())
+
+
+class RefusalTest(OAuth2HostTest):
+    def test_a_revoked_token_is_replaced_once(self):
+        host = self.run_oauth2()
+        self.feed(host, 0, 5)
+        self.assertTrue(host.wait_for(lambda: self.server.count() == 5))
+        (_, token), = self.server.tokens()
+        (self.endpoint.state / "revoked").write_text(token + "\n")
+        # A new connection must sign in again.
+        self.server.stop()
+        self.server.start()
+        self.feed(host, 5, 1)
+        self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
+        self.check_arrivals(range(6))
+        self.assertEqual([True, False, True], [ok for ok, _ in self.server.tokens()])
+        self.assertEqual(2, len(self.endpoint.requests()))
+        self.assert_no_secret(host.stderr())
+
+    def test_a_refused_client_waits_in_the_spool_until_fixed(self):
+        self.secret_file.write_text(WRONG + "\n")
+        host = self.run_oauth2(drain="0")
+        self.feed(host, 0, 30, per_second=10)
+        self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
+        self.assertEqual(30, self.waiting())
+        self.assertIn('error "invalid_client": "unknown client"', host.stderr())
+        self.assertIn(self.endpoint.url, host.stderr())
+        # Three seconds of alerts: the endpoint heard once, not once per alert.
+        self.assertLessEqual(len(self.endpoint.requests()), 2, self.endpoint.requests())
+        self.assert_no_secret(host.stderr())
+
+        self.secret_file.write_text(SECRET + "\n")
+        config = self.write("flush.xml", channel_config(
+            SMTP_AGENT, [("url", self.server.url), ("starttls", "no"), ("spool", self.spool)]
+            + list(self.oauth2().items()), group("alert %n%", 1), tokens=TOKENS))
+        flushed = run(OSK_SPOOL, "flush", "--config", config, cwd=self.dir)
+        self.assertEqual(0, flushed.returncode, flushed.stderr)
+        self.check_arrivals(range(30))
+        self.assert_no_secret(flushed.stdout, flushed.stderr)
+
+    def test_check_and_probe_name_the_failing_step(self):
+        wrong = self.write("wrong-secret", WRONG + "\n")
+        os.chmod(wrong, 0o600)
+        rows = [
+            ("good", {}, 0, "ok: the agent"),
+            ("bad secret", {"oauth2_client_secret_file": str(wrong)}, 2,
+             'fails at fetching the OAuth2 token: the OAuth2 token endpoint'),
+            ("endpoint down", {"endpoint": "http://127.0.0.1:1/token"}, 2,
+             "fails at fetching the OAuth2 token: the OAuth2 token endpoint http://127.0.0.1:1/token "
+             "cannot be reached"),
+            ("relay refuses the token", {"username": "bob@example.com"}, 2, "fails at signing in (AUTH)"),
+            ("relay down", {"url": DEAD_URL}, 2, "fails at connecting"),
+        ]
+        for name, change, status, expected in rows:
+            with self.subTest(name):
+                change = dict(change)
+                url = change.pop("url", self.server.url)
+                params = [("url", url), ("starttls", "no"), ("spool", self.spool)] + list(
+                    self.oauth2(**change).items())
+                config = channel_config(SMTP_AGENT, params, group("alert %n%", 1), tokens=TOKENS)
+                result = self.host(config, args=["--check", "--probe"])
+                self.assertEqual(status, result.returncode, result.stdout)
+                self.assertIn(expected, result.stdout)
+                self.assert_no_secret(result.stdout, result.stderr)
+        self.assertEqual([], self.server.messages())
+
+
+if __name__ == "__main__":
+    unittest.main()
