@@ -1,7 +1,9 @@
 // OAuth2 access tokens: every source against a real token endpoint
 // (tests/support/token_endpoint.py), the tokens checked by a real SMTP
 // server (oauth2_smtp_auth.py) and, where it can run, by Postfix with
-// Dovecot (oauth2_relay.py).
+// Dovecot (oauth2_relay.py), which also takes the SMTP agent's mail. The
+// agent's use of its token (refusals, lifetimes, a refused client) is tested
+// through osk-host (tests/Programs/osk-host/host_oauth2_test.py).
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -22,6 +24,7 @@
 #include "Agents/common/oauth2/OAuth2Exceptions.h"
 #include "Agents/common/oauth2/SecretFiles.h"
 #include "Agents/common/oauth2/TokenSources.h"
+#include "Agents/smtp/SmtpAgent.h"
 #include "OAuth2TestServers.h"
 
 using namespace Osk::EmailAgents;
@@ -178,32 +181,6 @@ TEST_F(OAuth2, EachSourceGivesATokenTheMailServerTakes) {
     }
     // The endpoint rotated the refresh token; the file holds its successor.
     EXPECT_NE(readSecretFile(refreshFile_, "test"), firstRefreshToken);
-}
-
-TEST_F(OAuth2, ARefusedTokenIsReplacedOnceAndASecondRefusalStands) {
-    startEndpoint();
-    PythonServer smtp(oauth2Script("oauth2_smtp_auth.py"),
-                      {"--public-key", OAuth2Keys::get().publicKey, "--state", endpoint_->state()});
-    const std::string smtpUrl = "smtp://127.0.0.1:" + std::to_string(smtp.ports().at(0));
-    for (const char* user : {"alice@example.com", "mallory@example.com"}) {
-        SCOPED_TRACE(user);
-        Params p = params("secret");
-        p["username"] = user;  // the tokens are for alice only
-        const OAuth2Settings s = settings(p);
-        TokenCache cache(makeTokenSource(s));
-        const std::string revoked = cache.get();
-        writeFile(endpoint_->state() + "/revoked", revoked + "\n");
-        std::vector<std::string> tried;
-        const bool accepted = cache.signIn([&](const std::string& token) {
-            tried.push_back(token);
-            return !signInRefused(signInAt(smtpUrl, s, token));
-        });
-        EXPECT_EQ(accepted, std::string(user) == "alice@example.com");
-        ASSERT_EQ(tried.size(), 2u);
-        EXPECT_EQ(tried[0], revoked);
-        EXPECT_NE(tried[1], revoked);
-    }
-    EXPECT_EQ(endpoint_->requests().size(), 4u);
 }
 
 TEST_F(OAuth2, TokensAreRenewedShortlyBeforeTheyExpireAndNotPerCall) {
@@ -547,6 +524,16 @@ TEST_F(OAuth2, PostfixWithDovecotTakesTheTokensOfItsUser) {
                      TokenCache(makeTokenSource(s)).get());
         EXPECT_EQ(rc, row.accepted ? CURLE_OK : CURLE_LOGIN_DENIED);
     }
+    // The agent itself fetches its token and signs in: the mail arrives.
+    Params p = params("secret");
+    p.insert({{"url", "smtp://127.0.0.1:" + std::to_string(relay.ports().at(0))},
+              {"starttls", "no"},
+              {"allow_plaintext_auth", "yes"},
+              {"ca_file", Certificate::get().cert}});
+    SmtpAgent(SmtpSettings::fromParams(p))
+        .send("alice@example.com", {"bob@example.com"}, "Subject: agent\n\nby the agent\n");
+    EXPECT_TRUE(
+        waitFor([&] { return listDir(relayDir.path() + "/mail/bob/new").size() == 1; }, 20));
 }
 
 }  // namespace
