@@ -113,6 +113,8 @@ def main():
     parser.add_argument("--record", help="file to append events to")
     parser.add_argument("--cert", help="certificate (PEM) to offer STARTTLS or TLS with")
     parser.add_argument("--key", help="its private key (PEM)")
+    parser.add_argument("--tls-max", choices=["1.2"], help="the newest TLS version offered")
+    parser.add_argument("--client-ca", help="require a client certificate signed by this (PEM)")
     parser.add_argument("--implicit-tls", action="store_true", help="TLS from the start (smtps)")
     parser.add_argument("--require-starttls", action="store_true")
     parser.add_argument("--auth", help="USER:PASSWORD; AUTH PLAIN is then required")
@@ -131,6 +133,11 @@ def main():
     if args.cert:
         context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
         context.load_cert_chain(args.cert, args.key)
+        if args.tls_max:
+            context.maximum_version = ssl.TLSVersion.TLSv1_2
+        if args.client_ca:
+            context.verify_mode = ssl.CERT_REQUIRED
+            context.load_verify_locations(args.client_ca)
 
     handler = Handler(args)
     if args.oauth2:
