@@ -266,15 +266,33 @@ TEST_F(OAuth2, EndpointRefusalsAreConfigurationFaultsAndOutagesTemporary) {
     }
 }
 
-TEST_F(OAuth2, AnEndpointDownIsTemporaryAndTheCacheRecovers) {
+// An endpoint down is temporary: the mail waits; once it is back, parallel
+// drain workers share one fresh token.
+TEST_F(OAuth2, SpoolWorkersShareOneTokenOnceTheEndpointIsBack) {
     startEndpoint();
-    const int port = endpoint_->port();
-    const OAuth2Settings s = settings(params("certificate"));
-    endpoint_.reset();
-    TokenCache cache(makeTokenSource(s));
-    EXPECT_EQ(outcome([&] { cache.get(); }), Kind::Temporary);
-    startEndpoint(3600, true, port);
-    EXPECT_EQ(outcome([&] { cache.get(); }), Kind::None);
+    PythonServer smtp(oauth2Script("smtp_server.py"),
+                      {"--oauth2", OAuth2Keys::get().publicKey, endpoint_->state()});
+    Params p = params("secret");
+    p.insert({{"url", "smtp://127.0.0.1:" + std::to_string(smtp.ports().at(0))},
+              {"starttls", "no"},
+              {"allow_plaintext_auth", "yes"},
+              {"ca_file", Certificate::get().cert},
+              {"spool", dir_ / "spool"},
+              {"connections", "4"}});
+    SmtpSettings settings = SmtpSettings::fromParams(p);
+    settings.retryFirst = settings.retryMax = std::chrono::milliseconds(600000);
+    SmtpAgent agent(settings);
+    endpoint_->control(R"({"status": 503})");
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_TRUE(contains(
+            messageOf<KeptException>([&] { agent.send("a@b", {"c@d"}, "Subject: x\n\nx\n"); }),
+            "HTTP 503"));
+    }
+    endpoint_->control("{}");
+    EXPECT_EQ(agent.drain(std::chrono::seconds(60)).delivered, 40u);
+    // Asked once while down (then the mail went straight to the spool), once after.
+    EXPECT_EQ(endpoint_->requests(),
+              std::vector<std::string>({"client_credentials 503", "client_credentials 200"}));
 }
 
 TEST_F(OAuth2, TheEndpointIsTrustedOnlyAsTheAgentSays) {
