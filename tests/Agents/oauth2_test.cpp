@@ -209,25 +209,6 @@ TEST_F(OAuth2, TokensAreRenewedShortlyBeforeTheyExpireAndNotPerCall) {
     EXPECT_LT(renewedAt, 0.96 * lifetime);
 }
 
-TEST_F(OAuth2, ParallelCallersShareOneFetch) {
-    startEndpoint();
-    endpoint_->control(R"({"delay": 0.5})");
-    TokenCache cache(makeTokenSource(settings(params("secret"))));
-    std::vector<std::string> tokens(8);
-    std::vector<std::thread> threads;
-    for (std::string& token : tokens) {
-        threads.emplace_back([&cache, &token] { token = cache.get(); });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
-    EXPECT_EQ(endpoint_->requests().size(), 1u);
-    for (const std::string& token : tokens) {
-        EXPECT_EQ(token, tokens.front());
-    }
-    EXPECT_FALSE(tokens.front().empty());
-}
-
 TEST_F(OAuth2, EndpointRefusalsAreConfigurationFaultsAndOutagesTemporary) {
     startEndpoint();
     const struct {
@@ -248,7 +229,6 @@ TEST_F(OAuth2, EndpointRefusalsAreConfigurationFaultsAndOutagesTemporary) {
          Kind::Config,
          {"\"invalid_scope\"", "\"bad scope\""}},
         {R"({"status": 500, "error": "server_error"})", Kind::Temporary, {"HTTP 500"}},
-        {R"({"status": 503})", Kind::Temporary, {"HTTP 503"}},
         {R"({"status": 429, "error": "slow_down"})", Kind::Temporary, {"HTTP 429"}},
         {R"({"status": 200})", Kind::Temporary, {"without an access token"}},
         {R"({"delay": 3})", Kind::Temporary, {"cannot be reached"}},

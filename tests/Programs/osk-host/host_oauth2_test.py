@@ -15,7 +15,7 @@ import unittest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import rsa
 
-from host_harness import DEAD_URL, OSK_SPOOL, SMTP_AGENT, SmtpServer, channel_config, group, run
+from host_harness import OSK_SPOOL, SMTP_AGENT, SmtpServer, channel_config, group, run
 from host_smtp_test import TOKENS, SmtpHostTest
 
 SUPPORT = pathlib.Path(__file__).parents[2] / "support"
@@ -24,31 +24,15 @@ WRONG = "not-the-s3cret-at-all"
 USER = "alice@example.com"
 
 
-class TokenEndpoint:
-    """token_endpoint.py over plain http on 127.0.0.1 (the agent allows it on loopback)."""
-
-    def __init__(self, state, signing_key, secret_file, lifetime):
-        self.state = state
-        self.process = subprocess.Popen(
-            ["/usr/bin/python3", str(SUPPORT / "token_endpoint.py"), "--state", str(state),
-             "--signing-key", str(signing_key), "--secret-file", str(secret_file),
-             "--lifetime", str(lifetime), "--subject", USER],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        ready = select.select([self.process.stdout], [], [], 30)[0] and self.process.stdout.readline()
-        if not ready or not ready.startswith(b"READY "):
-            self.stop()
-            raise AssertionError(f"token endpoint did not start: {ready!r}")
-        self.url = f"http://127.0.0.1:{int(ready.split()[1])}/token"
-
-    def requests(self):
-        path = self.state / "requests"
-        return path.read_text().splitlines() if path.exists() else []
-
-    def stop(self):
-        self.process.kill()
-        self.process.wait()
-        for pipe in (self.process.stdin, self.process.stdout):
-            pipe.close()
+def start(command):
+    """A tests/support server started with `command`; (process, its port)."""
+    process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               stderr=subprocess.DEVNULL)
+    ready = select.select([process.stdout], [], [], 30)[0] and process.stdout.readline()
+    if not ready or not ready.startswith(b"READY "):
+        process.kill()
+        raise AssertionError(f"{command[1]} did not start: {ready!r}")
+    return process, int(ready.split()[1])
 
 
 class OAuth2Server(SmtpServer):
@@ -78,26 +62,35 @@ class OAuth2HostTest(SmtpHostTest):
             serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()))
         public = self.write("public.pem", key.public_key().public_bytes(
             serialization.Encoding.PEM, serialization.PublicFormat.SubjectPublicKeyInfo))
-        state = self.dir / "endpoint"
-        state.mkdir()
-        self.endpoint = TokenEndpoint(state, signing, self.write("endpoint-secret", SECRET + "\n"),
-                                      self.lifetime)
-        self.addCleanup(self.endpoint.stop)
+        self.state = self.dir / "endpoint"
+        self.state.mkdir()
+        endpoint, port = start(["/usr/bin/python3", str(SUPPORT / "token_endpoint.py"), "--state", self.state,
+                                "--signing-key", signing, "--secret-file", self.write("endpoint-secret", SECRET),
+                                "--lifetime", str(self.lifetime), "--subject", USER])
+        self.addCleanup(lambda: (endpoint.kill(), endpoint.wait(), endpoint.stdin.close(), endpoint.stdout.close()))
+        self.endpoint_url = f"http://127.0.0.1:{port}/token"
         self.server.stop()
-        self.server = OAuth2Server(self.dir, public, state)
+        self.server = OAuth2Server(self.dir, public, self.state)
         self.addCleanup(self.server.stop)
         self.secret_file = self.write("client-secret", SECRET + "\n")
         os.chmod(self.secret_file, 0o600)
 
-    def oauth2(self, endpoint=None, **extra):
-        params = {"auth": "oauth2", "username": USER, "allow_plaintext_auth": "yes",
-                  "oauth2_token_url": endpoint or self.endpoint.url, "oauth2_client_id": "test-client",
-                  "oauth2_scope": "mail", "oauth2_client_secret_file": str(self.secret_file)}
-        params.update(extra)
-        return params
+    def oauth2(self, **extra):
+        return {"auth": "oauth2", "username": USER, "allow_plaintext_auth": "yes",
+                "oauth2_token_url": self.endpoint_url, "oauth2_client_id": "test-client",
+                "oauth2_scope": "mail", "oauth2_client_secret_file": str(self.secret_file), **extra}
+
+    def config(self, **extra):
+        params = [("url", self.server.url), ("starttls", "no"), ("spool", self.spool)]
+        return channel_config(SMTP_AGENT, params + list(self.oauth2(**extra).items()),
+                              group("alert %n%", 1), tokens=TOKENS)
 
     def run_oauth2(self, **extra):
         return self.run_host(self.server.url, **self.oauth2(**extra))
+
+    def requests(self):
+        path = self.state / "requests"
+        return path.read_text().splitlines() if path.exists() else []
 
     def assert_no_secret(self, *texts):
         """Neither the client secrets nor any token appears in `texts` or in the spool."""
@@ -119,7 +112,7 @@ class TokenLifeTest(OAuth2HostTest):
         elapsed = time.monotonic() - started
         self.check_arrivals(range(1000))
         # Renewed shortly before each expiry: about one request per 1.8 s.
-        requests = self.endpoint.requests()
+        requests = self.requests()
         self.assertTrue(all(r == "client_credentials 200" for r in requests), requests)
         self.assertLessEqual(len(requests), elapsed / 1.8 + 3, (elapsed, requests))
         self.assertGreaterEqual(len(requests), int(elapsed / 2), (elapsed, requests))
@@ -133,7 +126,7 @@ class RefusalTest(OAuth2HostTest):
         self.feed(host, 0, 5)
         self.assertTrue(host.wait_for(lambda: self.server.count() == 5))
         (_, token), = self.server.tokens()
-        (self.endpoint.state / "revoked").write_text(token + "\n")
+        (self.state / "revoked").write_text(token + "\n")
         # A new connection must sign in again.
         self.server.stop()
         self.server.start()
@@ -141,7 +134,7 @@ class RefusalTest(OAuth2HostTest):
         self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
         self.check_arrivals(range(6))
         self.assertEqual([True, False, True], [ok for ok, _ in self.server.tokens()])
-        self.assertEqual(2, len(self.endpoint.requests()))
+        self.assertEqual(2, len(self.requests()))
         self.assert_no_secret(host.stderr())
 
     def test_a_refused_client_waits_in_the_spool_until_fixed(self):
@@ -151,16 +144,13 @@ class RefusalTest(OAuth2HostTest):
         self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
         self.assertEqual(30, self.waiting())
         self.assertIn('error "invalid_client": "unknown client"', host.stderr())
-        self.assertIn(self.endpoint.url, host.stderr())
+        self.assertIn(self.endpoint_url, host.stderr())
         # Three seconds of alerts: the endpoint heard once, not once per alert.
-        self.assertLessEqual(len(self.endpoint.requests()), 2, self.endpoint.requests())
+        self.assertLessEqual(len(self.requests()), 2, self.requests())
         self.assert_no_secret(host.stderr())
 
         self.secret_file.write_text(SECRET + "\n")
-        config = self.write("flush.xml", channel_config(
-            SMTP_AGENT, [("url", self.server.url), ("starttls", "no"), ("spool", self.spool)]
-            + list(self.oauth2().items()), group("alert %n%", 1), tokens=TOKENS))
-        flushed = run(OSK_SPOOL, "flush", "--config", config, cwd=self.dir)
+        flushed = run(OSK_SPOOL, "flush", "--config", self.write("flush.xml", self.config()), cwd=self.dir)
         self.assertEqual(0, flushed.returncode, flushed.stderr)
         self.check_arrivals(range(30))
         self.assert_no_secret(flushed.stdout, flushed.stderr)
@@ -172,20 +162,14 @@ class RefusalTest(OAuth2HostTest):
             ("good", {}, 0, "ok: the agent"),
             ("bad secret", {"oauth2_client_secret_file": str(wrong)}, 2,
              'fails at fetching the OAuth2 token: the OAuth2 token endpoint'),
-            ("endpoint down", {"endpoint": "http://127.0.0.1:1/token"}, 2,
+            ("endpoint down", {"oauth2_token_url": "http://127.0.0.1:1/token"}, 2,
              "fails at fetching the OAuth2 token: the OAuth2 token endpoint http://127.0.0.1:1/token "
              "cannot be reached"),
             ("relay refuses the token", {"username": "bob@example.com"}, 2, "fails at signing in (AUTH)"),
-            ("relay down", {"url": DEAD_URL}, 2, "fails at connecting"),
         ]
         for name, change, status, expected in rows:
             with self.subTest(name):
-                change = dict(change)
-                url = change.pop("url", self.server.url)
-                params = [("url", url), ("starttls", "no"), ("spool", self.spool)] + list(
-                    self.oauth2(**change).items())
-                config = channel_config(SMTP_AGENT, params, group("alert %n%", 1), tokens=TOKENS)
-                result = self.host(config, args=["--check", "--probe"])
+                result = self.host(self.config(**change), args=["--check", "--probe"])
                 self.assertEqual(status, result.returncode, result.stdout)
                 self.assertIn(expected, result.stdout)
                 self.assert_no_secret(result.stdout, result.stderr)
