@@ -35,21 +35,10 @@ def start(command):
     return process, int(ready.split()[1])
 
 
-class OAuth2Server(SmtpServer):
-    """The SMTP test server taking only the endpoint's tokens; its record has a
-    "T <ok> <token>" line per token offered."""
-
-    def __init__(self, directory, public_key, state):
-        self.oauth2 = ["--oauth2", str(public_key), str(state)]
-        super().__init__(directory)
-
-    def start(self):
-        self.args = [a for a in self.args if a not in self.oauth2] + self.oauth2
-        super().start()
-
-    def tokens(self):
-        lines = self.record.read_text().splitlines() if self.record.exists() else []
-        return [(parts[1] == "1", parts[2]) for parts in (l.split(" ") for l in lines) if parts[0] == "T"]
+def tokens(server):
+    """(accepted, token) for each token offered to `server` (smtp_server.py --oauth2)."""
+    lines = server.record.read_text().splitlines() if server.record.exists() else []
+    return [(parts[1] == "1", parts[2]) for parts in (l.split(" ") for l in lines) if parts[0] == "T"]
 
 
 class OAuth2HostTest(SmtpHostTest):
@@ -70,7 +59,7 @@ class OAuth2HostTest(SmtpHostTest):
         self.addCleanup(lambda: (endpoint.kill(), endpoint.wait(), endpoint.stdin.close(), endpoint.stdout.close()))
         self.endpoint_url = f"http://127.0.0.1:{port}/token"
         self.server.stop()
-        self.server = OAuth2Server(self.dir, public, self.state)
+        self.server = SmtpServer(self.dir, ["--oauth2", public, self.state])
         self.addCleanup(self.server.stop)
         self.secret_file = self.write("client-secret", SECRET + "\n")
         os.chmod(self.secret_file, 0o600)
@@ -94,7 +83,7 @@ class OAuth2HostTest(SmtpHostTest):
 
     def assert_no_secret(self, *texts):
         """Neither the client secrets nor any token appears in `texts` or in the spool."""
-        secrets = [SECRET, WRONG] + [token for _, token in self.server.tokens()]
+        secrets = [SECRET, WRONG] + [token for _, token in tokens(self.server)]
         spooled = [p.read_bytes().decode("utf-8", "replace") for p in self.spool.rglob("*") if p.is_file()]
         for text in list(texts) + spooled:
             for secret in secrets:
@@ -116,7 +105,7 @@ class TokenLifeTest(OAuth2HostTest):
         self.assertTrue(all(r == "client_credentials 200" for r in requests), requests)
         self.assertLessEqual(len(requests), elapsed / 1.8 + 3, (elapsed, requests))
         self.assertGreaterEqual(len(requests), int(elapsed / 2), (elapsed, requests))
-        self.assertTrue(all(ok for ok, _ in self.server.tokens()))
+        self.assertTrue(all(ok for ok, _ in tokens(self.server)))
         self.assert_no_secret(host.stderr())
 
 
@@ -125,7 +114,7 @@ class RefusalTest(OAuth2HostTest):
         host = self.run_oauth2()
         self.feed(host, 0, 5)
         self.assertTrue(host.wait_for(lambda: self.server.count() == 5))
-        (_, token), = self.server.tokens()
+        (_, token), = tokens(self.server)
         (self.state / "revoked").write_text(token + "\n")
         # A new connection must sign in again.
         self.server.stop()
@@ -133,7 +122,7 @@ class RefusalTest(OAuth2HostTest):
         self.feed(host, 5, 1)
         self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
         self.check_arrivals(range(6))
-        self.assertEqual([True, False, True], [ok for ok, _ in self.server.tokens()])
+        self.assertEqual([True, False, True], [ok for ok, _ in tokens(self.server)])
         self.assertEqual(2, len(self.requests()))
         self.assert_no_secret(host.stderr())
 
