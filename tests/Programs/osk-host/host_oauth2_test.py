@@ -70,7 +70,7 @@ class OAuth2HostTest(SmtpHostTest):
                 "oauth2_scope": "mail", "oauth2_client_secret_file": str(self.secret_file), **extra}
 
     def config(self, **extra):
-        params = [("url", self.server.url), ("starttls", "no"), ("spool", self.spool)]
+        params = [("url", self.server.url), ("starttls", "no"), ("spool", extra.pop("spool", self.spool))]
         return channel_config(SMTP_AGENT, params + list(self.oauth2(**extra).items()),
                               group("alert %n%", 1), tokens=TOKENS)
 
@@ -147,6 +147,9 @@ class RefusalTest(OAuth2HostTest):
     def test_check_and_probe_name_the_failing_step(self):
         wrong = self.write("wrong-secret", WRONG + "\n")
         os.chmod(wrong, 0o600)
+        shared = self.dir / "shared"
+        shared.mkdir()
+        os.chmod(shared, 0o777)
         rows = [
             ("good", {}, 0, "ok: the agent"),
             ("bad secret", {"oauth2_client_secret_file": str(wrong)}, 2,
@@ -155,6 +158,7 @@ class RefusalTest(OAuth2HostTest):
              "fails at fetching the OAuth2 token: the OAuth2 token endpoint http://127.0.0.1:1/token "
              "cannot be reached"),
             ("relay refuses the token", {"username": "bob@example.com"}, 2, "fails at signing in (AUTH)"),
+            ("spool others may write to", {"spool": shared}, 2, "only its owner may write to it"),
         ]
         for name, change, status, expected in rows:
             with self.subTest(name):
