@@ -129,19 +129,19 @@ class RefusalTest(OAuth2HostTest):
     def test_a_refused_client_waits_in_the_spool_until_fixed(self):
         self.secret_file.write_text(WRONG + "\n")
         host = self.run_oauth2(drain="0")
-        self.feed(host, 0, 30, per_second=10)
+        self.feed(host, 0, 50, per_second=10)
         self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
-        self.assertEqual(30, self.waiting())
+        self.assertEqual(50, self.waiting())
         self.assertIn('error "invalid_client": "unknown client"', host.stderr())
         self.assertIn(self.endpoint_url, host.stderr())
-        # Three seconds of alerts: the endpoint heard once, not once per alert.
+        # Five seconds of alerts: the endpoint asked once, not per alert nor per backoff step.
         self.assertLessEqual(len(self.requests()), 2, self.requests())
         self.assert_no_secret(host.stderr())
 
         self.secret_file.write_text(SECRET + "\n")
         flushed = run(OSK_SPOOL, "flush", "--config", self.write("flush.xml", self.config()), cwd=self.dir)
         self.assertEqual(0, flushed.returncode, flushed.stderr)
-        self.check_arrivals(range(30))
+        self.check_arrivals(range(50))
         self.assert_no_secret(flushed.stdout, flushed.stderr)
 
     def test_check_and_probe_name_the_failing_step(self):
