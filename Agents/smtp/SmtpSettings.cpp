@@ -87,7 +87,7 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     ParamReader reader(
         "SMTP agent", params,
         {"url", "starttls", "verify_peer", "ca_file", "username", "password", "password_file",
-         "allow_plaintext_auth", "timeout", "spool", "drain", "connections"});
+         "allow_plaintext_auth", "timeout", "spool", "drain", "connections", "metrics"});
     SmtpSettings s;
     s.url = reader.required("url");
     s.relays = _relays(s.url);
