@@ -78,8 +78,9 @@ DigestAgent::DigestAgent(const DigestSettings& settings, const std::string& pass
             out.single("email_digest_sent_total", "counter",
                        "Digests (or lone held mails) the delivering agent took.",
                        static_cast<double>(sentTotal_));
+            // The hold's files: what stays held past the end is counted too.
             out.single("email_digest_holding", "gauge", "Mails held now.",
-                       static_cast<double>(held()));
+                       static_cast<double>(hold_ ? hold_->names().size() : 0));
             return out.str();
         }));
     }

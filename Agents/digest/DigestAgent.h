@@ -15,7 +15,7 @@
 // writes there while it lives:
 //   email_digest_held_total   mails held for a digest
 //   email_digest_sent_total   digests (or lone held mails) the delivering agent took
-//   email_digest_holding      mails held now
+//   email_digest_holding      mails in the hold now
 
 #include <atomic>
 #include <chrono>

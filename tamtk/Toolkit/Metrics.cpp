@@ -64,8 +64,8 @@ bool _writeAll(int fd, const std::string& text) {
 std::string _replace(const std::string& path, const std::string& text) {
     const std::size_t slash = path.rfind('/');
     const std::size_t base = slash == std::string::npos ? 0 : slash + 1;
-    const std::string temporary = path.substr(0, base) + "." + path.substr(base) + "." +
-                                  std::to_string(::getpid()) + ".tmp";
+    const std::string temporary =
+        path.substr(0, base) + "." + path.substr(base) + "." + std::to_string(::getpid()) + ".tmp";
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         return std::strerror(errno);
@@ -87,15 +87,15 @@ std::string _replace(const std::string& path, const std::string& text) {
 }  // namespace
 
 void MetricsText::family(const std::string& name, const char* type, const std::string& help) {
-    text_ += "# HELP " + name + " " + _escaped(help, false) + "\n# TYPE " + name + " " + type +
-             "\n";
+    text_ +=
+        "# HELP " + name + " " + _escaped(help, false) + "\n# TYPE " + name + " " + type + "\n";
 }
 
 void MetricsText::sample(const std::string& name, double value, const MetricLabels& labels) {
     text_ += name;
     for (std::size_t i = 0; i < labels.size(); ++i) {
-        text_ += (i == 0 ? "{" : ",") + labels[i].first + "=\"" +
-                 _escaped(labels[i].second, true) + "\"";
+        text_ += (i == 0 ? "{" : ",") + labels[i].first + "=\"" + _escaped(labels[i].second, true) +
+                 "\"";
     }
     text_ += (labels.empty() ? " " : "} ") + _number(value) + "\n";
 }

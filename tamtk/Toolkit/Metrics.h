@@ -29,8 +29,7 @@ public:
     // One sample of the family begun last (`name` with its _total, _bucket... ending).
     void sample(const std::string& name, double value, const MetricLabels& labels = {});
     // A family of one sample.
-    void single(const std::string& name, const char* type, const std::string& help,
-                double value);
+    void single(const std::string& name, const char* type, const std::string& help, double value);
     const std::string& str() const { return text_; }
 
 private:
