@@ -179,14 +179,13 @@ std::size_t DeliveryEngine::waiting() const {
 void DeliveryEngine::send(const std::string& from, const std::vector<std::string>& to,
                           const char* message) {
     TAMTK_ASSERT(message, _source);
-    const std::string problem = to.empty() ? "" : _envelopeProblem(wording_, from, to);
-    if (to.empty() || !problem.empty()) {
-        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Config);
-    }
     if (to.empty()) {
+        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Config);
         TAMTK_THROW(LostException, _source, wording_.noRecipients());
     }
+    const std::string problem = _envelopeProblem(wording_, from, to);
     if (!problem.empty()) {
+        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Config);
         TAMTK_THROW(LostException, _source, wording_.unsendable(problem));
     }
     // The added headers go into the spool with the message, so that a retry
