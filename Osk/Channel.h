@@ -60,6 +60,9 @@ public:
     // The channel also reports why; the host reads the count for its summary.
     void count_lost_alert() noexcept { ++lostAlerts_; }
     unsigned long lost_alerts() const noexcept { return lostAlerts_; }
+    // Records that an event's alert was handed to the agent.
+    void count_sent_alert() noexcept { ++sentAlerts_; }
+    unsigned long sent_alerts() const noexcept { return sentAlerts_; }
 
     // This channel's reporter; an empty one falls back to the default.
     void set_reporter(Reporter reporter);
@@ -77,6 +80,7 @@ private:
     Reporter reporter_;
     FindingReporter findingReporter_;
     std::atomic<unsigned long> lostAlerts_{0};
+    std::atomic<unsigned long> sentAlerts_{0};
 };
 
 }  // namespace Osk

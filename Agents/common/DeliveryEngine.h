@@ -26,6 +26,8 @@
 //   the lock is left alone). A spooled file that is not spooled mail, or
 //   whose envelope could not be sent, is moved to failed/ as it is and
 //   reported, never sent.
+// - Every outcome is counted (AgentMetrics.h); publishMetrics() writes the
+//   counts with the spool's figures to a file while the engine lives.
 // - When the engine is destroyed, the background stops and what waits gets
 //   up to `drainMs` more; a line on standard error then says how many mails
 //   still wait and why.
@@ -42,6 +44,7 @@
 #include <thread>
 #include <vector>
 
+#include "Agents/common/AgentMetrics.h"
 #include "Agents/common/AgentParams.h"
 #include "Agents/common/DeliveryWording.h"
 #include "Agents/common/Transport.h"
@@ -97,6 +100,13 @@ public:
     // Messages waiting in the spool (0 without a spool).
     std::size_t waiting() const;
 
+    // Writes the engine's figures to `path` every few seconds, and a last
+    // time after the drain at its end: the counts of AgentMetrics.h and
+    //   email_agent_spool_waiting              mails waiting in the spool
+    //   email_agent_spool_oldest_age_seconds   the oldest one's age; 0: none
+    void publishMetrics(const std::string& path);
+    std::string metricsText() const;
+
 private:
     struct Pass {
         DrainResult result;
@@ -123,6 +133,8 @@ private:
     // gone or was moved to failed/ (then counted in `pass`).
     bool take(const std::string& name, SpooledMessage& message, Pass& pass, std::mutex& passMutex);
     void retryLoop();
+    // Counts what an attempt came to; `retried`: the mail came from the spool.
+    void countSettled(const Settled& settled, const Attempt& attempt, double seconds, bool retried);
     void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason);
     void noteDelivered();
     void finishRun();
@@ -147,6 +159,8 @@ private:
     bool serverDown_ = false;
     std::string lastFailure_;
     std::thread retryThread_;
+    AgentMetrics metrics_;
+    std::unique_ptr<Tamtk::MetricsFile> metricsFile_;
 };
 
 // One engine per parameter set, made on first use and kept for the life of
@@ -161,6 +175,11 @@ public:
         auto it = engines_.find(params);
         if (it == engines_.end()) {
             it = engines_.emplace(params, std::unique_ptr<Engine>(make(params))).first;
+            // The agent's reader has accepted the parameter by now.
+            const auto metrics = params.find("metrics");
+            if (metrics != params.end() && !metrics->second.empty()) {
+                it->second->publishMetrics(metrics->second);
+            }
         }
         return *it->second;
     }

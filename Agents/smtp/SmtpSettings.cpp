@@ -99,7 +99,8 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
                                       "timeout",
                                       "spool",
                                       "drain",
-                                      "connections"};
+                                      "connections",
+                                      "metrics"};
     known.insert(known.end(), oauth2ParamNames().begin(), oauth2ParamNames().end());
     const ParamReader reader("SMTP agent", params, known);
     SmtpSettings s;

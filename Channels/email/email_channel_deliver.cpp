@@ -76,6 +76,7 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
                                               TAMTK_HERE(_source));
         }
         handedOver = true;
+        count_sent_alert();
         send_email_(sender_, recipients_, mail.c_str(), agent_params_);
     } catch (const ConfigException& e) {
         std::ostringstream text;

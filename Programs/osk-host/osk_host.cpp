@@ -21,6 +21,7 @@
 #include "Programs/osk-host/ConfigCheck.h"
 #include "Programs/osk-host/EventStream.h"
 #include "Programs/osk-host/HostLog.h"
+#include "Programs/osk-host/Metrics.h"
 #include "Programs/osk-host/SendTest.h"
 #include "XmlToolkit/Xml.h"
 
@@ -29,7 +30,7 @@ namespace {
 const char* const _usage =
     "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] "
     "[--progress]\n"
-    "                [--max-event-size BYTES] [--max-event-nodes COUNT]\n"
+    "                [--max-event-size BYTES] [--max-event-nodes COUNT] [--metrics FILE]\n"
     "       osk-host --check --config FILE [--probe] [--channel PATH]\n"
     "       osk-host --render --config FILE [--events FILE|-] [--channel PATH]\n"
     "       osk-host --send-test --config FILE [--to ADDRESS] [--channel PATH]\n"
@@ -47,6 +48,10 @@ const char* const _usage =
     "                           (default 16777216, 16 MiB)\n"
     "  --max-event-nodes COUNT  skip an event of more elements than this, itself included\n"
     "                           (default 1000000)\n"
+    "  --metrics FILE           keep FILE up to date, in the Prometheus text format (for\n"
+    "                           node_exporter's textfile collector), with the figures of the\n"
+    "                           closing line and the alerts sent to the agent: replaced every\n"
+    "                           5 s and at the very end\n"
     "  --check                  only check the configuration, send nothing: the channel's\n"
     "                           verdict, tokens that do not load and the messages they cut,\n"
     "                           placeholders without a token, groups without events,\n"
@@ -107,6 +112,7 @@ struct Options {
     std::string events = "-";
     std::string channel;
     std::string syslogIdent;
+    std::string metrics;
     bool progress = false;
     Osk::EventScanner::Limits limits;
     bool check = false;
@@ -179,6 +185,9 @@ bool _parse(int argc, char** argv, Options& options) {
                 return false;
         } else if (arg == "--syslog") {
             if (!value(options.syslogIdent))
+                return false;
+        } else if (arg == "--metrics") {
+            if (!value(options.metrics))
                 return false;
         } else if (arg == "--progress") {
             options.progress = true;
@@ -305,23 +314,6 @@ private:
     std::chrono::steady_clock::time_point drawn_;
 };
 
-// The process's peak resident size in KiB, 0 when unknown. VmHWM belongs to
-// this program's own address space; getrusage() would also count whatever
-// the parent had resident when it started us.
-unsigned long _peakKib() {
-    std::FILE* status = std::fopen("/proc/self/status", "r");
-    if (status == nullptr)
-        return 0;
-    char line[256];
-    unsigned long kib = 0;
-    while (std::fgets(line, sizeof line, status) != nullptr) {
-        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1)
-            break;
-    }
-    std::fclose(status);
-    return kib;
-}
-
 std::string _position(const std::string& events, int line) {
     std::string where = events == "-" ? "stdin" : events;
     if (line > 0)
@@ -339,6 +331,8 @@ struct Closing {
     unsigned long skipped = 0;
     unsigned long lost = 0;
     std::chrono::steady_clock::time_point started;
+    Osk::HostMetrics* metrics = nullptr;
+    unsigned long sent = 0;
 };
 Closing _closing;
 
@@ -355,9 +349,11 @@ void _writeClosing() {
         summary += " (" + std::to_string(_closing.skipped) + " skipped)";
     summary += ", lost alerts: " + std::to_string(_closing.lost) +
                ", reports: " + _closing.log->summary() + ", " + timing;
-    if (const unsigned long kib = _peakKib())
+    if (const unsigned long kib = Osk::peakMemoryKib())
         summary += ", peak memory " + std::to_string(kib) + " KiB";
     _closing.log->note(summary);
+    if (_closing.metrics != nullptr)
+        _closing.metrics->finish({_closing.events, _closing.skipped, _closing.sent, _closing.lost});
 }
 
 int _run(const Options& options, Osk::HostLog& log) {
@@ -371,6 +367,10 @@ int _run(const Options& options, Osk::HostLog& log) {
     unsigned long events = 0;
     unsigned long skipped = 0;
     unsigned long lost = 0;
+    unsigned long sent = 0;
+    // Never freed: its last write comes from the exit handler.
+    Osk::HostMetrics* const metrics =
+        options.metrics.empty() ? nullptr : new Osk::HostMetrics(options.metrics, log);
     Progress progress(options.progress);
     const auto started = std::chrono::steady_clock::now();
     {
@@ -409,6 +409,9 @@ int _run(const Options& options, Osk::HostLog& log) {
                              std::to_string(event->id()) + ": the alert is lost");
                 }
                 progress.update(events);
+                if (metrics != nullptr)
+                    metrics->update(
+                        {events, skipped, channel->sent_alerts(), channel->lost_alerts()});
                 if (_stopSignal != 0)
                     break;
             }
@@ -422,10 +425,11 @@ int _run(const Options& options, Osk::HostLog& log) {
         channel->do_flush();
         channel->do_shutdown();
         lost = channel->lost_alerts();
+        sent = channel->sent_alerts();
     }
     if (lost > 0)
         status = 3;
-    _closing = Closing{&log, events, skipped, lost, started};
+    _closing = Closing{&log, events, skipped, lost, started, metrics, sent};
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
 }

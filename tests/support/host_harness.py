@@ -58,6 +58,23 @@ class HostResult(collections.namedtuple("HostResult", "returncode stdout stderr"
         return re.findall(r"^EVENT: report_error SEV: %s WHY: (.*)$" % severity, self.stderr, re.M)
 
 
+def read_metrics(path):
+    """A metrics file as Prometheus's own parser reads it: {'name{label="value"}': value},
+    a sample without labels by its bare name."""
+    from prometheus_client.parser import text_string_to_metric_families
+    samples = {}
+    for family in text_string_to_metric_families(pathlib.Path(path).read_text(encoding="utf-8")):
+        for s in family.samples:
+            labels = ",".join(f'{k}="{v}"' for k, v in sorted(s.labels.items()))
+            samples[f"{s.name}{{{labels}}}" if labels else s.name] = s.value
+    return samples
+
+
+def metric_sum(samples, name):
+    """The sum of a family's samples over its labels."""
+    return sum(v for k, v in samples.items() if k.partition("{")[0] == name)
+
+
 class HostTest(unittest.TestCase):
     """A test with its own scratch directory, removed afterwards."""
 
