@@ -25,7 +25,7 @@ Attempt _withoutToken(const std::vector<std::string>& to, const OAuth2Exception&
                       bool configurationFault) {
     Attempt attempt;
     for (const std::string& r : to) {
-        attempt.recipients.push_back({r, Fate::Temporary, e.what()});
+        attempt.recipients.push_back({r, Fate::Temporary, e.what(), Cause::Token});
     }
     attempt.connectionFailure = true;
     attempt.configurationFault = configurationFault;

@@ -428,6 +428,17 @@ Attempt SmtpSession::perform(const std::string& from, const std::vector<std::str
     Attempt attempt = judge(rc, to, curlText);
     // A relay that refuses a fresh token will refuse the next one too.
     attempt.configurationFault = _isConfigurationFault(rc) || !signedIn;
+    // Why, for the metrics: the engine tells a lost connection and the
+    // server's own refusals apart by itself.
+    const Cause cause = rc == CURLE_LOGIN_DENIED || !signedIn ? Cause::Auth
+                        : rc == CURLE_SSL_CONNECT_ERROR || _isConfigurationFault(rc)
+                            ? Cause::Tls
+                            : Cause::Unknown;
+    for (RecipientOutcome& r : attempt.recipients) {
+        if (r.fate != Fate::Delivered) {
+            r.cause = cause;
+        }
+    }
     attempt.connections = connections;
     attempt.relay = relay_;
     if (rc != CURLE_OK) {
