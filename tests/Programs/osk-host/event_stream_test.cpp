@@ -2,10 +2,10 @@
 // and hostile streams, and where problems are said to be.
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -15,42 +15,36 @@
 namespace {
 
 // What the reader handed out, in order: "7:value@line" for an event (its id,
-// the text of the document's root and the line the event starts on),
-// "skip@line: message" or "FATAL@line: message".
+// the text of the document's root, with its namespace in braces, and the line
+// the event starts on), "skip@line: message" or "FATAL@line: message".
 std::vector<std::string> readAll(const std::string& content,
                                  const Osk::EventScanner::Limits& limits = {}) {
-    char path[] = "/tmp/event_stream_test.XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
+    const int fd = memfd_create("events", MFD_CLOEXEC);
     EXPECT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
-    close(fd);
-
+    Osk::EventStream stream("/proc/self/fd/" + std::to_string(fd), limits);
     std::vector<std::string> seen;
-    {
-        Osk::EventStream stream(path, limits);
-        for (int guard = 0; guard < 100000; ++guard) {
-            Osk::EventStream::Problem problem;
-            bool hadProblem = false;
-            boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
-            if (hadProblem) {
-                seen.push_back((problem.fatal ? "FATAL@" : "skip@") + std::to_string(problem.line) +
-                               ": " + problem.message);
-                if (problem.fatal)
-                    break;
-                continue;
-            }
-            if (!event)
+    for (;;) {
+        Osk::EventStream::Problem problem;
+        bool hadProblem = false;
+        boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
+        if (hadProblem) {
+            seen.push_back((problem.fatal ? "FATAL@" : "skip@") + std::to_string(problem.line) +
+                           ": " + problem.message);
+            if (problem.fatal)
                 break;
-            boost::shared_ptr<const Tamtk::Utf8Array> text =
-                Tamxml::find_first_value(event->document(), "string(/*)");
-            boost::shared_ptr<const Tamtk::Utf8Array> ns =
-                Tamxml::find_first_value(event->document(), "namespace-uri(/*)");
-            seen.push_back(std::to_string(event->id()) + ":" +
-                           (ns && ns->length() ? "{" + ns->str() + "}" : "") +
-                           (text ? text->str() : "") + "@" + std::to_string(stream.line()));
+        } else if (!event) {
+            break;
+        } else {
+            auto value = [&](const char* path) {
+                auto text = Tamxml::find_first_value(event->document(), path);
+                return text ? text->str() : "";
+            };
+            const std::string ns = value("namespace-uri(/*)");
+            seen.push_back(std::to_string(event->id()) + ":" + (ns.empty() ? "" : "{" + ns + "}") +
+                           value("string(/*)") + "@" + std::to_string(stream.line()));
         }
     }
-    unlink(path);
+    close(fd);
     return seen;
 }
 
