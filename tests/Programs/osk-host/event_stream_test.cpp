@@ -126,34 +126,28 @@ TEST(EventStream, UnusableEventsAreSkippedAndTheStreamGoesOn) {
     for (int i = 0; i < 300; ++i) deep += "</n>";
     struct Case {
         std::string event;
-        Osk::EventScanner::Limits limits;
         const char* why;
+        Osk::EventScanner::Limits limits = {};
     };
     const Case cases[] = {
-        {"<Event id='-3'><d>v</d></Event>", {}, "event without a numeric id"},
-        {"<Event id='99999999999999999999999'><d>v</d></Event>", {}, "event without a numeric id"},
-        {"<Event><d>v</d></Event>", {}, "event without a numeric id"},
-        {"<Event id='5'>just text</Event>", {}, "event 5 has no document"},
-        {"<Other id='5'><d>v</d></Other>", {}, "unexpected element Other"},
+        {"<Event id='-3'><d>v</d></Event>", "event without a numeric id"},
+        {"<Event id='99999999999999999999999'><d>v</d></Event>", "event without a numeric id"},
+        {"<Event><d>v</d></Event>", "event without a numeric id"},
+        {"<Event id='5'>just text</Event>", "event 5 has no document"},
+        {"<Other id='5'><d>v</d></Other>", "unexpected element Other"},
         // Line numbers past what 16 bits hold.
-        {std::string(70000, '\n') + "<Event id='z'><d/></Event>", {}, "event without a numeric id"},
-        {"<Event id='5'>\n<d/><d/>\n<d/><d/><d/></Event>", small,
-         "event skipped: it has more than 5 elements"},
-        {"<Event id='5' a='" + std::string(300, '>') + "'/>", small,
-         "event skipped: it is larger than 200 bytes"},
-        {"<Event id='5'><d>" + big + "</d></Event>", {}, "event skipped: it holds a text longer"},
+        {std::string(70000, '\n') + "<Event id='z'><d/></Event>", "event without a numeric id"},
+        {"<Event id='5'>\n<d/><d/>\n<d/><d/><d/></Event>",
+         "event skipped: it has more than 5 elements", small},
+        {"<Event id='5' a='" + std::string(300, '>') + "'/>",
+         "event skipped: it is larger than 200 bytes", small},
+        {"<Event id='5'><d>" + big + "</d></Event>", "event skipped: it holds a text longer"},
         {"<Event id='5'><d a='" + big + "'/></Event>",
-         {},
          "event skipped: it holds an attribute value longer"},
-        {"<Event id='5'><!--" + big + "--></Event>",
-         {},
-         "event skipped: it holds a comment longer"},
+        {"<Event id='5'><!--" + big + "--></Event>", "event skipped: it holds a comment longer"},
         {"<Event id='5'><" + std::string(50001, 'n') + "/></Event>",
-         {},
          "event skipped: it holds a name longer"},
-        {"<Event id='5'>" + deep + "</Event>",
-         {},
-         "event skipped: its elements nest deeper than 256"},
+        {"<Event id='5'>" + deep + "</Event>", "event skipped: its elements nest deeper than 256"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.why);
