@@ -1,6 +1,5 @@
-// Charset conversion: any text into any of the shared charsets under any
-// limit. A conversion either raises a toolkit exception or gives bytes within
-// the documented bounds; UTF-8 output is the input cut to the limit.
+// Charset conversion of any text under any limit: a toolkit exception or
+// bytes within the bounds; UTF-8 output is the input cut to the limit.
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -1,7 +1,6 @@
-// Configuration: do_configure on any XML. A configuration is read or refused
-// with a toolkit exception (or the regular-expression error of a token name
-// that is no valid expression); a channel that accepts one then renders an
-// event for each of its groups without losing it and shuts down cleanly.
+// Configuration: do_configure on any XML is read or refused with a toolkit
+// (or a token name's regular-expression) exception; an accepted one renders
+// an event for each group without losing it and shuts down cleanly.
 
 #include <libxml/tree.h>
 
@@ -62,8 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (const auto& group : channel.event_groups()) {
             if (++rendered > 3)
                 break;
-            // Headers with a value are in the mail; a name that is no field name
-            // (the configuration's own business) leaves only the delivery to check.
+            // Headers with a value are in the mail; with a name that is no
+            // field name, only the delivery is checked.
             std::set<std::string> expected;
             bool checkable = true;
             try {

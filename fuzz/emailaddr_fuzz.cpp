@@ -15,9 +15,8 @@ using Tamnet::EmailAddr;
 
 namespace {
 
-// A valid address reads back from its own RFC 821 form as the same
-// mailbox: the same canonical form, and for an address that was parsed
-// (whose quoting the parser normalised) the very same address.
+// A valid address reads back from its RFC 821 form as the same mailbox; a
+// parsed one (its quoting already normalised) as the very same address.
 void _checkRoundTrip(const EmailAddr& addr, EmailAddr::DomainCheck domainCheck, bool parsed) {
     if (!addr)
         return;
@@ -41,8 +40,7 @@ void _checkRoundTrip(const EmailAddr& addr, EmailAddr::DomainCheck domainCheck, 
     } catch (const Tamnet::EmailAddrException& e) {
         fuzzing::fail("the written form of a valid address is refused", written + "\n" + e.what());
     }
-    // A written address goes into mail headers and SMTP commands: it may
-    // never break a line or end a C string early.
+    // Written into headers and SMTP commands: no line break, no early NUL.
     for (const std::string& text : {written, addr.asPlainString(false)}) {
         check(domainCheck == EmailAddr::NoDomainCheck ||
                   text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos,
@@ -65,8 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string second = in.ConsumeRandomLengthString(300);
     const std::string text = in.ConsumeRemainingBytesAsString();
 
-    // Parsing from text alone or by assignment is this constructor with the
-    // default limits and check.
+    // Parsing from text alone or by assignment is form 0 with the defaults.
     try {
         switch (form) {
             case 0: {
@@ -87,8 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 _checkRoundTrip(addr, EmailAddr::DefaultDomainCheck, false);
                 addr.normaliseQuoting(false);
                 _checkRoundTrip(addr, EmailAddr::DefaultDomainCheck, false);
-                // Always quoted, the local part is spelt differently but its
-                // canonical form stays the same.
+                // Always quoted, the local part keeps its canonical form.
                 const std::string canonical = addr.asRFC821String(true);
                 addr.normaliseQuoting(true);
                 check(EmailAddr(addr.asRFC821String(false)).asRFC821String(true) == canonical,

@@ -1,8 +1,7 @@
-// The event stream reader on any bytes. Besides crashes: no event handed out
-// has more elements than the bound, and on a well-formed stream from which
-// nothing was dropped, the reader hands out exactly the events that libxml2
-// finds in the whole document (ids and element counts, in order): the byte
-// scanner in front of the parser never misreads a stream it lets through.
+// The event stream reader on any bytes: no event handed out is over the
+// element bound, and on a well-formed stream nothing was dropped from, the
+// reader hands out exactly the events libxml2 finds in the whole document
+// (ids and element counts, in order): the byte scanner never misreads.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -56,8 +55,7 @@ std::vector<std::string> _read(const std::string& path, bool& whole) {
     return seen;
 }
 
-// The same from the whole document: what each child element of the root
-// makes of it.
+// The same from the whole document, one entry per child element of the root.
 bool _oracle(const uint8_t* data, size_t size, std::vector<std::string>& seen) {
     xmlDocPtr doc =
         xmlReadMemory(reinterpret_cast<const char*>(data), static_cast<int>(size), nullptr, nullptr,

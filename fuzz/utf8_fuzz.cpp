@@ -18,9 +18,8 @@ using Tamtk::Utf8Char;
 
 namespace {
 
-// Positions of the characters walked forward, or backward from the end
-// (given in forward order); `complete` when the walk went through without a
-// malformed sequence.
+// Positions of the characters walked forward, or backward (in forward order);
+// `complete` when no malformed sequence stopped the walk.
 std::vector<const char*> _walk(const Utf8Array& text, bool backward, bool& complete) {
     std::vector<const char*> at;
     complete = false;
@@ -95,8 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
               "last character found outside the text", bytes);
     }
 
-    // Insertion into a copy at a character position reached by the walk
-    // (or the end); the original keeps its bytes.
+    // Insertion into a copy at a position the walk reached (or the end).
     const std::size_t chars = forward.size();
     const std::size_t index = chars == 0 ? 0 : where % (chars + 1);
     const std::size_t offset =

@@ -2,10 +2,10 @@
 // and hostile streams, and where problems are said to be.
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -15,42 +15,36 @@
 namespace {
 
 // What the reader handed out, in order: "7:value@line" for an event (its id,
-// the text of the document's root and the line the event starts on),
-// "skip@line: message" or "FATAL@line: message".
+// the text of the document's root, with its namespace in braces, and the line
+// the event starts on), "skip@line: message" or "FATAL@line: message".
 std::vector<std::string> readAll(const std::string& content,
                                  const Osk::EventScanner::Limits& limits = {}) {
-    char path[] = "/tmp/event_stream_test.XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
+    const int fd = memfd_create("events", MFD_CLOEXEC);
     EXPECT_EQ(static_cast<ssize_t>(content.size()), write(fd, content.data(), content.size()));
-    close(fd);
-
+    Osk::EventStream stream("/proc/self/fd/" + std::to_string(fd), limits);
     std::vector<std::string> seen;
-    {
-        Osk::EventStream stream(path, limits);
-        for (int guard = 0; guard < 100000; ++guard) {
-            Osk::EventStream::Problem problem;
-            bool hadProblem = false;
-            boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
-            if (hadProblem) {
-                seen.push_back((problem.fatal ? "FATAL@" : "skip@") + std::to_string(problem.line) +
-                               ": " + problem.message);
-                if (problem.fatal)
-                    break;
-                continue;
-            }
-            if (!event)
+    for (;;) {
+        Osk::EventStream::Problem problem;
+        bool hadProblem = false;
+        boost::shared_ptr<Osk::ChannelEvent> event = stream.next(problem, hadProblem);
+        if (hadProblem) {
+            seen.push_back((problem.fatal ? "FATAL@" : "skip@") + std::to_string(problem.line) +
+                           ": " + problem.message);
+            if (problem.fatal)
                 break;
-            boost::shared_ptr<const Tamtk::Utf8Array> text =
-                Tamxml::find_first_value(event->document(), "string(/*)");
-            boost::shared_ptr<const Tamtk::Utf8Array> ns =
-                Tamxml::find_first_value(event->document(), "namespace-uri(/*)");
-            seen.push_back(std::to_string(event->id()) + ":" +
-                           (ns && ns->length() ? "{" + ns->str() + "}" : "") +
-                           (text ? text->str() : "") + "@" + std::to_string(stream.line()));
+        } else if (!event) {
+            break;
+        } else {
+            auto value = [&](const char* path) {
+                auto text = Tamxml::find_first_value(event->document(), path);
+                return text ? text->str() : "";
+            };
+            const std::string ns = value("namespace-uri(/*)");
+            seen.push_back(std::to_string(event->id()) + ":" + (ns.empty() ? "" : "{" + ns + "}") +
+                           value("string(/*)") + "@" + std::to_string(stream.line()));
         }
     }
-    unlink(path);
+    close(fd);
     return seen;
 }
 
@@ -132,34 +126,28 @@ TEST(EventStream, UnusableEventsAreSkippedAndTheStreamGoesOn) {
     for (int i = 0; i < 300; ++i) deep += "</n>";
     struct Case {
         std::string event;
-        Osk::EventScanner::Limits limits;
         const char* why;
+        Osk::EventScanner::Limits limits = {};
     };
     const Case cases[] = {
-        {"<Event id='-3'><d>v</d></Event>", {}, "event without a numeric id"},
-        {"<Event id='99999999999999999999999'><d>v</d></Event>", {}, "event without a numeric id"},
-        {"<Event><d>v</d></Event>", {}, "event without a numeric id"},
-        {"<Event id='5'>just text</Event>", {}, "event 5 has no document"},
-        {"<Other id='5'><d>v</d></Other>", {}, "unexpected element Other"},
+        {"<Event id='-3'><d>v</d></Event>", "event without a numeric id"},
+        {"<Event id='99999999999999999999999'><d>v</d></Event>", "event without a numeric id"},
+        {"<Event><d>v</d></Event>", "event without a numeric id"},
+        {"<Event id='5'>just text</Event>", "event 5 has no document"},
+        {"<Other id='5'><d>v</d></Other>", "unexpected element Other"},
         // Line numbers past what 16 bits hold.
-        {std::string(70000, '\n') + "<Event id='z'><d/></Event>", {}, "event without a numeric id"},
-        {"<Event id='5'>\n<d/><d/>\n<d/><d/><d/></Event>", small,
-         "event skipped: it has more than 5 elements"},
-        {"<Event id='5' a='" + std::string(300, '>') + "'/>", small,
-         "event skipped: it is larger than 200 bytes"},
-        {"<Event id='5'><d>" + big + "</d></Event>", {}, "event skipped: it holds a text longer"},
+        {std::string(70000, '\n') + "<Event id='z'><d/></Event>", "event without a numeric id"},
+        {"<Event id='5'>\n<d/><d/>\n<d/><d/><d/></Event>",
+         "event skipped: it has more than 5 elements", small},
+        {"<Event id='5' a='" + std::string(300, '>') + "'/>",
+         "event skipped: it is larger than 200 bytes", small},
+        {"<Event id='5'><d>" + big + "</d></Event>", "event skipped: it holds a text longer"},
         {"<Event id='5'><d a='" + big + "'/></Event>",
-         {},
          "event skipped: it holds an attribute value longer"},
-        {"<Event id='5'><!--" + big + "--></Event>",
-         {},
-         "event skipped: it holds a comment longer"},
+        {"<Event id='5'><!--" + big + "--></Event>", "event skipped: it holds a comment longer"},
         {"<Event id='5'><" + std::string(50001, 'n') + "/></Event>",
-         {},
          "event skipped: it holds a name longer"},
-        {"<Event id='5'>" + deep + "</Event>",
-         {},
-         "event skipped: its elements nest deeper than 256"},
+        {"<Event id='5'>" + deep + "</Event>", "event skipped: its elements nest deeper than 256"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.why);

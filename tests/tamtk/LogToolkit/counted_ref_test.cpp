@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "AgentTestSupport.h"
 #include "LogToolkit/CountedRef.h"
 
 using Tamtk::CountedRef;
@@ -37,12 +38,9 @@ TEST(CountedRef, TheLastReferenceDeletesOnce) {
         b = CountedRef<Base>(a);
         EXPECT_EQ(goneB, 1) << "reassigning the last reference deletes its object";
         EXPECT_EQ(Tamtk::makeCounted<Base>().as<Counted>(), nullptr);
-        try {
-            CountedRef<Base> r(static_cast<Base*>(nullptr));
-            ADD_FAILURE() << "a null reference was accepted";
-        } catch (const Tamtk::NullPointerException& e) {
-            EXPECT_STREQ(e.what(), "Cannot count null references");
-        }
+        EXPECT_EQ(AgentTest::messageOf<Tamtk::NullPointerException>(
+                      [] { CountedRef<Base>(static_cast<Base*>(nullptr)); }),
+                  "Cannot count null references");
     }
     EXPECT_EQ(goneA, 1);
     EXPECT_EQ(goneB, 1);

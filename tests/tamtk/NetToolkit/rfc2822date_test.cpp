@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cstdlib>
 #include <ctime>
 #include <string>
@@ -14,8 +13,6 @@ namespace {
 TEST(Rfc2822Date, LocalTimeWithItsOffset) {
     const char* const tz = std::getenv("TZ");
     const std::string oldTz = tz ? tz : "";
-    const std::string oldLocale = std::setlocale(LC_TIME, nullptr);
-    std::setlocale(LC_TIME, "C");
     const struct {
         const char* zone;
         long when;
@@ -33,13 +30,8 @@ TEST(Rfc2822Date, LocalTimeWithItsOffset) {
         setenv("TZ", r.zone, 1);
         EXPECT_EQ(Tamnet::rfc2822Date(r.when), r.expected);
     }
-    if (tz) {
-        setenv("TZ", oldTz.c_str(), 1);
-    } else {
-        unsetenv("TZ");
-    }
+    tz ? setenv("TZ", oldTz.c_str(), 1) : unsetenv("TZ");
     tzset();
-    std::setlocale(LC_TIME, oldLocale.c_str());
 }
 
 }  // namespace

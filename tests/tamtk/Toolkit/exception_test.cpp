@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "AgentTestSupport.h"
 #include "Osk/ChannelCfg.h"
 #include "Toolkit/Abi.h"
 #include "Toolkit/Exceptions.h"
@@ -90,12 +91,8 @@ TEST(FastMutex, SerialisesThreadsAndRefusesASecondLockByItsHolder) {
     Tamtk::FastMutex m;
     {
         Tamtk::ScopeLock<Tamtk::FastMutex> hold(m);
-        try {
-            m.lock();
-            ADD_FAILURE() << "second lock succeeded";
-        } catch (const Tamtk::SelfLockException& e) {
-            EXPECT_STREQ(e.what(), "Self lock detected (RTTI of Lock=Tamtk::FastMutex)");
-        }
+        EXPECT_EQ(AgentTest::messageOf<Tamtk::SelfLockException>([&] { m.lock(); }),
+                  "Self lock detected (RTTI of Lock=Tamtk::FastMutex)");
     }
     long counter = 0;
     std::vector<std::thread> threads;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
 #include "XmlTestSupport.h"
 
@@ -18,9 +19,20 @@ TEST(XmlDocument, ParsesFromMemoryAndFromFile) {
     EXPECT_THROW(Document::adopt(nullptr), Tamtk::NullPointerException);
 }
 
-// Each refusal carries libxml2's report, and nothing reaches standard error.
-TEST(XmlDocument, ErrorsCarryTheParsersReport) {
+// Each refusal carries libxml2's or libxslt's report, and nothing reaches standard error.
+TEST(XmlDocument, ErrorsCarryTheLibrariesReport) {
     TempDir dir;
+    auto doc = parse("<Event><Host>h1</Host></Event>");
+    auto compile = [](const std::string& body) {
+        return Tamxml::make_transform(parse(
+            "<xsl:stylesheet version='1.0' xmlns:xsl='http://www.w3.org/1999/XSL/Transform'>" +
+            body + "</xsl:stylesheet>"));
+    };
+    auto stop = compile(
+        "<xsl:template match='/'><xsl:message terminate='yes'>stop: <xsl:value-of "
+        "select='/Event/Host'/></xsl:message></xsl:template>");
+    std::ostringstream out;
+    std::string text = "kept";
     const std::string missing = dir / "missing.xml";
     const std::string broken = writeFile(dir / "broken.xml", "<a>");
     const struct {
@@ -35,6 +47,18 @@ TEST(XmlDocument, ErrorsCarryTheParsersReport) {
         {[&] { Document::fromFile(broken); }, {broken}},
         {[] { Tamxml::XPath("/a["); }, {"Could not compile XPath expression '/a['", "Invalid"}},
         {[] { Tamxml::XPath(""); }, {"Invalid expression"}},
+        {[&] { Tamxml::find_first_value(doc, Tamxml::XPath("nosuch(/Event)")); },
+         {"Could not evaluate XPath expression 'nosuch(/Event)'", "Unregistered function"}},
+        {[&] { Tamxml::find_elements(doc, Tamxml::XPath("/p:Event")); },
+         {"Undefined namespace prefix"}},
+        {[&] {
+             compile("<xsl:template match='/'><xsl:value-of select='/Event/['/></xsl:template>");
+         },
+         {"Could not compile stylesheet", "could not compile select expression '/Event/['"}},
+        {[] { Tamxml::make_transform(parse("<notxsl/>")); }, {"not a stylesheet"}},
+        {[&] { Tamxml::transform(out, stop, doc, "", ""); },
+         {"Could not apply stylesheet", "stop: h1"}},
+        {[&] { Tamxml::transform(text, stop, doc, "", ""); }, {"Could not apply stylesheet"}},
     };
     testing::internal::CaptureStderr();
     for (const auto& r : rows) {
@@ -44,6 +68,8 @@ TEST(XmlDocument, ErrorsCarryTheParsersReport) {
         }
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(out.str() + text, "kept") << "a failed transformation writes nothing";
+    EXPECT_EQ(str(Tamxml::find_first_value(doc, "/Event/Host")), "h1");
 }
 
 TEST(XmlDocument, TextIsTheWholeContentWithReferencesResolved) {
