@@ -26,6 +26,11 @@
 //   the lock is left alone). A spooled file that is not spooled mail, or
 //   whose envelope could not be sent, is moved to failed/ as it is and
 //   reported, never sent.
+// - Queue-first (EngineSettings::queue): send() only puts the mail in the
+//   spool and starts a background pass at once; it returns once the mail is
+//   safe there. What becomes of it later goes to standard error.
+// - A pause the server asks for (Attempt::leastPause) holds back every
+//   attempt of the engine, in sending and in retrying, until it has passed.
 // - When the engine is destroyed, the background stops and what waits gets
 //   up to `drainMs` more; a line on standard error then says how many mails
 //   still wait and why.
@@ -64,6 +69,9 @@ struct EngineSettings {
     // starts. Off for a caller that drains the spool itself and wants every
     // outcome in its own result.
     bool retryAtStart = true;
+    // Deliver in the background only: send() returns once the mail is
+    // spooled. Needs a spool.
+    bool queue = false;
 };
 
 class DeliveryEngine {
@@ -76,7 +84,8 @@ public:
         std::vector<std::string> problems;  // one text per mail not delivered
     };
 
-    // Refuses a spool folder others may write to (AgentParamException),
+    // Refuses a spool folder others may write to, and queue without a spool
+    // (AgentParamException);
     // removes what a crash left in the spool's tmp/ and starts the retry
     // thread; a spool left by an earlier run is retried at once.
     DeliveryEngine(const EngineSettings& settings, std::unique_ptr<TransportFactory> transports);
@@ -102,6 +111,7 @@ private:
         DrainResult result;
         bool unreachable = false;  // the destination could not be reached
         bool configurationFault = false;
+        std::chrono::milliseconds leastPause{0};  // the longest one asked for
         std::string reason;
         std::vector<std::string> quarantined;  // reports of files moved to failed/
     };
@@ -123,7 +133,13 @@ private:
     // gone or was moved to failed/ (then counted in `pass`).
     bool take(const std::string& name, SpooledMessage& message, Pass& pass, std::mutex& passMutex);
     void retryLoop();
-    void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason);
+    void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason,
+                     std::chrono::milliseconds leastPause = std::chrono::milliseconds(0));
+    // Queue-first: keeps the mail in the spool and starts a pass.
+    void enqueue(const SpooledMessage& message);
+    // Waits out a pause the server asked for; false when it lasts past
+    // `deadline` (or a background pass must give way first).
+    bool waitForPause(Clock::time_point deadline, bool background);
     void noteDelivered();
     void finishRun();
 
@@ -145,6 +161,7 @@ private:
     Clock::time_point nextPass_;
     std::chrono::milliseconds backoff_;
     bool serverDown_ = false;
+    Clock::time_point holdUntil_;  // no attempt before: the server's pause
     std::string lastFailure_;
     std::thread retryThread_;
 };

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "Agents/common/EngineParams.h"
+
 namespace Osk {
 namespace EmailAgents {
 
@@ -87,7 +89,7 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     ParamReader reader(
         "SMTP agent", params,
         {"url", "starttls", "verify_peer", "ca_file", "username", "password", "password_file",
-         "allow_plaintext_auth", "timeout", "spool", "drain", "connections"});
+         "allow_plaintext_auth", "timeout", "spool", "drain", "connections", "queue"});
     SmtpSettings s;
     s.url = reader.required("url");
     s.relays = _relays(s.url);
@@ -141,12 +143,12 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
                     "allow_plaintext_auth=yes on a trusted test network");
     }
 
-    s.timeoutMs = reader.milliseconds("timeout", 30, 3600);
-    if (reader.has("spool")) {
-        s.spool = reader.required("spool");
-    }
-    s.drainMs = reader.milliseconds("drain", 30, 3600, true);
-    s.connections = static_cast<unsigned>(reader.integer("connections", 2, 1, 16));
+    const EngineParams engine = readEngineParams(reader);
+    s.timeoutMs = engine.timeoutMs;
+    s.spool = engine.spool;
+    s.drainMs = engine.drainMs;
+    s.connections = engine.connections;
+    s.queue = engine.queue;
     return s;
 }
 
