@@ -336,9 +336,14 @@ void DeliveryEngine::retryLoop() {
         if (pass.configurationFault) {
             backoff_ = settings_.retryMax;
         }
-        nextPass_ = Clock::now() + backoff_;
-        holdUntil_ = std::max(holdUntil_, Clock::now() + pass.leastPause);
-        backoff_ = std::min(backoff_ * 2, settings_.retryMax);
+        if (pass.leastPause.count() > 0) {
+            // The server said when: no guessing, and no longer pause after.
+            holdUntil_ = std::max(holdUntil_, Clock::now() + pass.leastPause);
+            nextPass_ = holdUntil_;
+        } else {
+            nextPass_ = Clock::now() + backoff_;
+            backoff_ = std::min(backoff_ * 2, settings_.retryMax);
+        }
         serverDown_ = pass.unreachable;
         if (pass.unreachable) {
             lastFailure_ = pass.reason;

@@ -52,8 +52,8 @@ GraphAgent& graphAgentFor(const Params& params) {
     static const bool curlReady = (GraphTransport::initialise(), true);
     (void)curlReady;
     static EngineRegistry<GraphAgent> registry;
-    return registry.get(params,
-                        [](const Params& p) { return new GraphAgent(GraphSettings::fromParams(p)); });
+    return registry.get(
+        params, [](const Params& p) { return new GraphAgent(GraphSettings::fromParams(p)); });
 }
 
 std::string probeGraph(const GraphSettings& settings) {

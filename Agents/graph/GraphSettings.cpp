@@ -64,10 +64,10 @@ GraphSettings GraphSettings::fromParams(const Params& params) {
     Params oauth2 = params;
     oauth2.emplace("auth", "oauth2");
     oauth2.emplace("username", s.mailbox.empty() ? "the envelope sender" : s.mailbox);
-    s.oauth2 = readOAuth2Settings(_agent, oauth2, context);
-    if (!s.oauth2.enabled) {
+    if (reader.text("auth", "oauth2") != "oauth2") {
         reader.fail("auth", "must be \"oauth2\": Microsoft Graph takes no password");
     }
+    s.oauth2 = readOAuth2Settings(_agent, oauth2, context);
     return s;
 }
 

@@ -47,8 +47,9 @@ std::size_t _header(char* data, std::size_t size, std::size_t count, void* excha
     const std::string line(data, n);
     const std::string name = "retry-after:";
     if (line.size() > name.size() &&
-        std::equal(name.begin(), name.end(), line.begin(),
-                   [](char a, char b) { return a == std::tolower(static_cast<unsigned char>(b)); })) {
+        std::equal(name.begin(), name.end(), line.begin(), [](char a, char b) {
+            return a == std::tolower(static_cast<unsigned char>(b));
+        })) {
         std::string value = line.substr(name.size());
         const std::size_t first = value.find_first_not_of(" \t");
         const std::size_t last = value.find_last_not_of(" \t\r\n");
@@ -115,12 +116,14 @@ std::string _lower(std::string text) {
 // around it cannot belong to one.
 bool _names(const std::string& value, const std::string& address) {
     const auto inAddress = [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) || std::string(".-_+=@'%!#$&*/?^`{|}~").find(c) != std::string::npos;
+        return std::isalnum(static_cast<unsigned char>(c)) ||
+               std::string(".-_+=@'%!#$&*/?^`{|}~").find(c) != std::string::npos;
     };
     for (std::size_t at = value.find(address); at != std::string::npos;
          at = value.find(address, at + 1)) {
         const std::size_t end = at + address.size();
-        if ((at == 0 || !inAddress(value[at - 1])) && (end == value.size() || !inAddress(value[end]))) {
+        if ((at == 0 || !inAddress(value[at - 1])) &&
+            (end == value.size() || !inAddress(value[end]))) {
             return true;
         }
     }
@@ -191,19 +194,26 @@ void GraphTransport::initialise() {
 
 GraphTransport::GraphTransport(const GraphSettings& settings, TokenCache& tokens, GraphPause& pause,
                                const std::atomic<bool>* abort)
-    : settings_(settings), tokens_(tokens), pause_(pause), abort_(abort) {
+    : settings_(settings),
+      tokens_(tokens),
+      pause_(pause),
+      abort_(abort),
+      curl_(nullptr, curl_easy_cleanup) {
     initialise();
 }
 
 GraphTransport::Answer GraphTransport::post(const std::string& url, const std::string& token,
                                             const std::string& body) {
     Answer out;
-    std::unique_ptr<CURL, CurlFree> curl(curl_easy_init());
-    if (!curl) {
+    if (!curl_) {
+        curl_.reset(curl_easy_init());
+    }
+    if (!curl_) {
         out.reason = "libcurl cannot create a handle";
         return out;
     }
-    CURL* c = curl.get();
+    CURL* c = curl_.get();
+    curl_easy_reset(c);  // keeps the connection
     Exchange exchange;
     char error[CURL_ERROR_SIZE] = "";
     const std::string authorization = "Authorization: Bearer " + token;
@@ -211,7 +221,8 @@ GraphTransport::Answer GraphTransport::post(const std::string& url, const std::s
     list = curl_slist_append(list, "Content-Type: text/plain");
     const std::unique_ptr<curl_slist, CurlFree> headers(list);
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, settings_.allowPlaintextAuth ? "https,http" : "https");
+    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR,
+                     settings_.allowPlaintextAuth ? "https,http" : "https");
     curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.data());
     curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
@@ -248,13 +259,14 @@ GraphTransport::Answer GraphTransport::post(const std::string& url, const std::s
 
 Attempt GraphTransport::send(const std::string& from, const std::vector<std::string>& to,
                              const std::string& message) {
-    const std::string url = sendMailUrl(settings_, settings_.mailbox.empty() ? from : settings_.mailbox);
+    const std::string url =
+        sendMailUrl(settings_, settings_.mailbox.empty() ? from : settings_.mailbox);
     const std::chrono::milliseconds waiting = pause_.left();
     if (waiting.count() > 0) {
-        Attempt attempt = _everyone(
-            to, Fate::Temporary,
-            "Microsoft Graph asked for a pause of " + std::to_string((waiting.count() + 999) / 1000) +
-                " more seconds");
+        Attempt attempt =
+            _everyone(to, Fate::Temporary,
+                      "Microsoft Graph asked for a pause of " +
+                          std::to_string((waiting.count() + 999) / 1000) + " more seconds");
         attempt.connectionFailure = true;
         attempt.leastPause = waiting;
         attempt.relay = url;
@@ -326,14 +338,15 @@ Attempt GraphTransport::send(const std::string& from, const std::vector<std::str
         if (answer.retryAfter.count() > 0) {
             pause_.hold(answer.retryAfter);
         }
-        return settle(Fate::Temporary, s == 0 ? "Microsoft Graph cannot be reached: " + answer.reason
-                                              : answer.reason);
+        return settle(Fate::Temporary, s == 0
+                                           ? "Microsoft Graph cannot be reached: " + answer.reason
+                                           : answer.reason);
     }
     if (s == 401) {
         attempt.configurationFault = true;
-        return settle(Fate::Temporary,
-                      answer.reason + " to a fresh token too; check the app registration's "
-                                      "Mail.Send permission and its admin consent");
+        return settle(Fate::Temporary, answer.reason +
+                                           " to a fresh token too; check the app registration's "
+                                           "Mail.Send permission and its admin consent");
     }
     return settle(Fate::Permanent, answer.reason);
 }

@@ -59,6 +59,8 @@ private:
     TokenCache& tokens_;
     GraphPause& pause_;
     const std::atomic<bool>* abort_;
+    // Kept from request to request, so that its connection is reused.
+    std::unique_ptr<void, void (*)(void*)> curl_;
 };
 
 // The envelope recipients not among the To and Cc addresses of `message`.
