@@ -198,6 +198,22 @@ void DeliveryEngine::send(const std::string& from, const std::vector<std::string
     TAMTK_THROW(KeptException, _source, text);
 }
 
+void deliverThrough(const std::function<DeliveryEngine&()>& find, const Tamnet::EmailAddr& from,
+                    const EmailChannel::ToList& to, const char* message) {
+    DeliveryEngine* found = nullptr;
+    try {
+        found = &find();
+    } catch (const Tamtk::Exception& e) {
+        throwLost(e);  // no agent for these parameters: nothing can keep the mail
+    }
+    std::vector<std::string> recipients;
+    recipients.reserve(to.size());
+    for (const Tamnet::EmailAddr& r : to) {
+        recipients.push_back(r.asPlainString(false));
+    }
+    found->send(from.asPlainString(false), recipients, message);
+}
+
 Settled DeliveryEngine::settle(const SpooledMessage& message, const Attempt& attempt,
                                const std::string* spooledAs) {
     Settled s;
@@ -511,8 +527,12 @@ void DeliveryEngine::drainWorker(const std::vector<std::string>& names,
             if (settled.temporary.empty() && settled.failedError.empty()) {
                 ++pass.result.failed;
             }
-            pass.result.problems.push_back(
-                names[i] + ": " + wording_.settled(settled, message.to.size(), result.relay));
+            const std::string text = wording_.settled(settled, message.to.size(), result.relay);
+            pass.result.problems.push_back(names[i] + ": " + text);
+            if (settings_.queue && !settled.permanent.empty()) {
+                // No caller hears of queued mail: the operator must.
+                pass.quarantined.push_back(text);
+            }
             pass.leastPause = std::max(pass.leastPause, result.leastPause);
             if (result.connectionFailure || result.leastPause.count() > 0) {
                 // The destination is down: the rest waits for the next pass.

@@ -40,6 +40,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -50,6 +51,7 @@
 #include "Agents/common/AgentParams.h"
 #include "Agents/common/DeliveryWording.h"
 #include "Agents/common/Transport.h"
+#include "Osk/EmailAgent.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -165,6 +167,12 @@ private:
     std::string lastFailure_;
     std::thread retryThread_;
 };
+
+// A plug-in's delivery: the engine `find` returns (what it throws is a
+// loss: no engine, nothing keeps the mail) sends the channel's mail to the
+// plain addresses of `to`.
+void deliverThrough(const std::function<DeliveryEngine&()>& find, const Tamnet::EmailAddr& from,
+                    const EmailChannel::ToList& to, const char* message);
 
 // One engine per parameter set, made on first use and kept for the life of
 // the process (so that its spool is drained when the process ends).

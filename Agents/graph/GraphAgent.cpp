@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include "Agents/common/AgentException.h"
+#include "Agents/common/oauth2/HttpsOptions.h"
 #include "Agents/common/oauth2/TokenSources.h"
 #include "Agents/graph/GraphTransport.h"
 
@@ -42,18 +43,21 @@ EngineSettings _engineSettings(const GraphSettings& graph) {
 
 }  // namespace
 
-GraphAgent::GraphAgent(const GraphSettings& settings)
-    : DeliveryEngine(_engineSettings(settings),
-                     std::unique_ptr<TransportFactory>(new GraphTransports(settings))) {}
+std::unique_ptr<DeliveryEngine> makeGraphAgent(const GraphSettings& settings) {
+    return std::unique_ptr<DeliveryEngine>(
+        new DeliveryEngine(_engineSettings(settings),
+                           std::unique_ptr<TransportFactory>(new GraphTransports(settings))));
+}
 
-GraphAgent& graphAgentFor(const Params& params) {
+DeliveryEngine& graphAgentFor(const Params& params) {
     // libcurl (and OpenSSL, which cleans up at exit) first, so that the
     // registry and its transfers are torn down before them.
     static const bool curlReady = (GraphTransport::initialise(), true);
     (void)curlReady;
-    static EngineRegistry<GraphAgent> registry;
-    return registry.get(
-        params, [](const Params& p) { return new GraphAgent(GraphSettings::fromParams(p)); });
+    static EngineRegistry<DeliveryEngine> registry;
+    return registry.get(params, [](const Params& p) {
+        return makeGraphAgent(GraphSettings::fromParams(p)).release();
+    });
 }
 
 std::string probeGraph(const GraphSettings& settings) {
@@ -70,15 +74,8 @@ std::string probeGraph(const GraphSettings& settings) {
     }
     CURL* c = curl.get();
     char error[CURL_ERROR_SIZE] = "";
-    curl_easy_setopt(c, CURLOPT_URL, settings.graphUrl.c_str());
+    setHttpsOptions(c, settings.graphUrl, settings.oauth2.context);
     curl_easy_setopt(c, CURLOPT_CONNECT_ONLY, 1L);
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, settings.engine.timeoutMs);
-    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, settings.verifyPeer ? 1L : 0L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, settings.verifyPeer ? 2L : 0L);
-    if (!settings.caFile.empty()) {
-        curl_easy_setopt(c, CURLOPT_CAINFO, settings.caFile.c_str());
-    }
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, error);
     const CURLcode rc = curl_easy_perform(c);
     if (rc != CURLE_OK) {

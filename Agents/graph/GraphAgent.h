@@ -4,21 +4,21 @@
 // Graph's sendMail as transport, all its transports sharing one token and
 // one pause Graph asks for.
 
+#include <memory>
+
 #include "Agents/common/DeliveryEngine.h"
 #include "Agents/graph/GraphSettings.h"
 
 namespace Osk {
 namespace EmailAgents {
 
-class GraphAgent : public DeliveryEngine {
-public:
-    // Throws AgentParamException for a spool folder others may write to.
-    explicit GraphAgent(const GraphSettings& settings);
-};
+// A new agent for `settings`. Throws AgentParamException for a spool folder
+// others may write to.
+std::unique_ptr<DeliveryEngine> makeGraphAgent(const GraphSettings& settings);
 
 // The agent for one set of parameters: made on first use and kept for the
 // life of the process. Throws AgentParamException for bad parameters.
-GraphAgent& graphAgentFor(const Params& params);
+DeliveryEngine& graphAgentFor(const Params& params);
 
 // What a probe finds: a token, then Graph's host over TLS. "" when both
 // work, else a text that names the step that failed.

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Agents/common/AgentException.h"
+#include "Agents/common/oauth2/HttpsOptions.h"
 #include "Agents/common/oauth2/OAuth2Exceptions.h"
 #include "NetToolkit/Base64.h"
 #include "NetToolkit/HeaderBlock.h"
@@ -220,19 +221,10 @@ GraphTransport::Answer GraphTransport::post(const std::string& url, const std::s
     curl_slist* list = curl_slist_append(nullptr, authorization.c_str());
     list = curl_slist_append(list, "Content-Type: text/plain");
     const std::unique_ptr<curl_slist, CurlFree> headers(list);
-    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR,
-                     settings_.allowPlaintextAuth ? "https,http" : "https");
+    setHttpsOptions(c, url, settings_.oauth2.context);  // Graph trusted as the token endpoint
     curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.data());
     curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, settings_.engine.timeoutMs);
-    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, settings_.verifyPeer ? 1L : 0L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, settings_.verifyPeer ? 2L : 0L);
-    if (!settings_.caFile.empty()) {
-        curl_easy_setopt(c, CURLOPT_CAINFO, settings_.caFile.c_str());
-    }
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, _collect);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &exchange);
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, _header);

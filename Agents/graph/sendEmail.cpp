@@ -17,22 +17,6 @@ GraphSettings _checked(const Params& params) {
     return settings;
 }
 
-void _deliver(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
-              const char* message, const Params& params) {
-    GraphAgent* found = nullptr;
-    try {
-        found = &graphAgentFor(params);
-    } catch (const Tamtk::Exception& e) {
-        throwLost(e);  // no agent for these parameters: nothing can keep the mail
-    }
-    std::vector<std::string> recipients;
-    recipients.reserve(to.size());
-    for (const Tamnet::EmailAddr& r : to) {
-        recipients.push_back(r.asPlainString(false));
-    }
-    found->send(from.asPlainString(false), recipients, message);
-}
-
 }  // namespace
 
 OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
@@ -46,5 +30,8 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
                           TAMTK_THROW(AgentException, "Agents/graph", "Graph agent: " << problem);
                       }
                   },
-                  [&] { _deliver(from, to, message, params); }});
+                  [&] {
+                      deliverThrough([&]() -> DeliveryEngine& { return graphAgentFor(params); },
+                                     from, to, message);
+                  }});
 }

@@ -26,8 +26,8 @@ namespace {
 const char* const from = "alerts@example.com";
 
 std::string mail(int n, const std::string& to = "ops@example.com", std::size_t pad = 0) {
-    return "From: Alerts <alerts@example.com>\nTo: \"Ops, night\" <" + to +
-           ">\nSubject: alert " + std::to_string(n) +
+    return "From: Alerts <alerts@example.com>\nTo: \"Ops, night\" <" + to + ">\nSubject: alert " +
+           std::to_string(n) +
            "\nMIME-Version: 1.0\nContent-Type: text/plain; charset=utf-8\n"
            "Content-Transfer-Encoding: 8bit\n\nDisk full on host " +
            std::to_string(n) + " \xc3\xa4\n" + std::string(pad, 'x') + "\n";
@@ -72,10 +72,10 @@ protected:
                 {"connections", "4"},
                 {"queue", queue ? "yes" : "no"}};
     }
-    std::unique_ptr<GraphAgent> agent(bool queue, std::chrono::milliseconds retryFirst) const {
+    std::unique_ptr<DeliveryEngine> agent(bool queue, std::chrono::milliseconds retryFirst) const {
         GraphSettings s = GraphSettings::fromParams(params(queue));
         s.retryFirst = retryFirst;
-        return std::unique_ptr<GraphAgent>(new GraphAgent(s));
+        return makeGraphAgent(s);
     }
     void control(const std::string& json) const { writeFile(dir_ / "graph/control.json", json); }
     // "<status> <mailbox> <defects> <message-id>" per request.
@@ -131,8 +131,8 @@ TEST_F(Graph, EachAnswerSettlesAsGraphMeansIt) {
         {"{\"status\": 400, \"code\": \"ErrorInvalidRecipients\", \"message\": \"no such\"}",
          mail(5), Refused, "\"ErrorInvalidRecipients\": \"no such\"", 1, 1, false},
         {"{\"status\": 413}", mail(6), Refused, "HTTP 413", 1, 1, false},
-        {"{}", mail(7, "ops@example.com", 4 * 1024 * 1024), Refused, "more than the 4194304", 0,
-         0, false},
+        {"{}", mail(7, "ops@example.com", 4 * 1024 * 1024), Refused, "more than the 4194304", 0, 0,
+         false},
         {"{}", mail(8, "someone@example.com"), Refused, "not among the message's To and Cc", 0, 0,
          false},
         // Last: the endpoint notes every later request as too early.
@@ -151,15 +151,15 @@ TEST_F(Graph, EachAnswerSettlesAsGraphMeansIt) {
         const std::size_t tokensBefore = tokens_.requests().size();
         std::string text = "delivered";
         {
-            GraphAgent agent(settings);
+            const std::unique_ptr<DeliveryEngine> agent = makeGraphAgent(settings);
             try {
-                agent.send(from, {"ops@example.com"}, row.message.c_str());
+                agent->send(from, {"ops@example.com"}, row.message.c_str());
             } catch (const KeptException& e) {
                 text = e.what();
             }
             EXPECT_EQ(requests().size() - graphBefore, std::size_t(row.graphRequests));
             if (row.holdsNext) {
-                EXPECT_THROW(agent.send(from, {"ops@example.com"}, mail(0).c_str()),
+                EXPECT_THROW(agent->send(from, {"ops@example.com"}, mail(0).c_str()),
                              KeptException);
                 EXPECT_EQ(requests().size() - graphBefore, std::size_t(row.graphRequests));
             }
@@ -187,7 +187,7 @@ TEST_F(Graph, QueuedMailSurvivesAKillAndGoesOutOnceAfterARestart) {
     control("{\"status\": 503}");
     const pid_t child = fork();
     if (child == 0) {
-        const std::unique_ptr<GraphAgent> queued = agent(true, std::chrono::minutes(5));
+        const std::unique_ptr<DeliveryEngine> queued = agent(true, std::chrono::minutes(5));
         for (int i = 0; i < 50; ++i) {
             queued->send(from, {"ops@example.com"}, mail(i).c_str());  // returns: accepted
         }
@@ -197,7 +197,7 @@ TEST_F(Graph, QueuedMailSurvivesAKillAndGoesOutOnceAfterARestart) {
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
     control("{}");
-    const std::unique_ptr<GraphAgent> restarted = agent(true, std::chrono::milliseconds(100));
+    const std::unique_ptr<DeliveryEngine> restarted = agent(true, std::chrono::milliseconds(100));
     ASSERT_TRUE(waitFor([&] { return arrived().size() == 50; }, 60));
     for (const auto& subject : arrived()) {
         EXPECT_EQ(subject.second.size(), 1u) << subject.first;
@@ -207,7 +207,7 @@ TEST_F(Graph, QueuedMailSurvivesAKillAndGoesOutOnceAfterARestart) {
 
 TEST_F(Graph, AThousandQueuedAlertsThroughThrottlingArriveOnceEachAndWhole) {
     control("{\"throttle_every\": 97, \"retry_after\": \"1\"}");
-    const std::unique_ptr<GraphAgent> queued = agent(true, std::chrono::milliseconds(100));
+    const std::unique_ptr<DeliveryEngine> queued = agent(true, std::chrono::milliseconds(100));
     std::map<std::string, std::string> sent;
     for (int i = 0; i < 1000; ++i) {
         sent["Subject: alert " + std::to_string(i)] = crlf(mail(i));
@@ -254,10 +254,11 @@ TEST_F(Graph, SettingsRefuseWhatCannotWork) {
         EXPECT_TRUE(contains(got, row.text.empty() ? "no exception" : row.text)) << got;
     }
     // The SMTP agent reads queue the same way.
-    EXPECT_TRUE(contains(messageOf<AgentParamException>([] {
-                             SmtpSettings::fromParams({{"url", "smtp://127.0.0.1"}, {"queue", "yes"}});
-                         }),
-                         "\"queue\""));
+    EXPECT_TRUE(
+        contains(messageOf<AgentParamException>([] {
+                     SmtpSettings::fromParams({{"url", "smtp://127.0.0.1"}, {"queue", "yes"}});
+                 }),
+                 "\"queue\""));
 }
 
 }  // namespace

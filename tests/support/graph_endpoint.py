@@ -29,14 +29,12 @@ import email.utils
 import http.server
 import json
 import os
-import ssl
-import sys
 import threading
 import time
 
 from cryptography.hazmat.primitives import serialization
 
-from token_endpoint import verify_jwt
+from token_endpoint import serve, verify_jwt
 
 CROSSING = 0.05  # seconds
 
@@ -166,17 +164,7 @@ def main():
     parser.add_argument("--key", help="its private key (PEM)")
     args = parser.parse_args()
 
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), handler_for(Endpoint(args)))
-    server.daemon_threads = True
-    server.handle_error = lambda *args: None  # clients the tests cut off or kill
-    if args.cert:
-        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-        context.load_cert_chain(args.cert, args.key)
-        server.socket = context.wrap_socket(server.socket, server_side=True)
-    print("READY %d" % server.server_port, flush=True)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
-    sys.stdin.read()  # the test's end of the pipe closing means the test is gone
-
+    serve(handler_for(Endpoint(args)), args)
 
 if __name__ == "__main__":
     main()

@@ -256,9 +256,9 @@ class SmtpServer:
     """smtp_server.py on 127.0.0.1, recording into `directory`; stop() and start()
     keep the port; freeze() hangs it with its connections open."""
 
-    def __init__(self, directory):
+    def __init__(self, directory, extra_args=()):
         self.record = directory and pathlib.Path(directory) / "smtp-record"
-        self.args = ["--record", str(self.record)] if directory else []
+        self.args = (["--record", str(self.record)] if directory else []) + list(extra_args)
         self.port = 0
         self.process = None
         self.start()

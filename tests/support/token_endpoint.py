@@ -202,7 +202,13 @@ def main():
     parser.add_argument("--lifetime", type=int, default=3600, help="seconds an access token lasts")
     args = parser.parse_args()
 
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), handler_for(Endpoint(args)))
+    serve(handler_for(Endpoint(args)), args)
+
+
+def serve(handler, args):
+    """Serves `handler` on 127.0.0.1 (args.port, TLS with args.cert and
+    args.key when given) until standard input closes."""
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), handler)
     server.daemon_threads = True
     server.handle_error = lambda *args: None  # clients the tests cut off or kill
     if args.cert:
