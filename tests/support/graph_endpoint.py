@@ -34,7 +34,7 @@ import time
 
 from cryptography.hazmat.primitives import serialization
 
-from token_endpoint import serve, verify_jwt
+from token_endpoint import serve, server_arguments, verify_jwt
 
 CROSSING = 0.05  # seconds
 
@@ -157,14 +157,13 @@ def handler_for(endpoint):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--state", required=True, help="folder of requests, mail/, control.json")
-    parser.add_argument("--public-key", required=True, help="the token signer's public key (PEM)")
-    parser.add_argument("--port", type=int, default=0)
-    parser.add_argument("--cert", help="TLS certificate (PEM); plain http without it")
-    parser.add_argument("--key", help="its private key (PEM)")
+    for name, text in (("--state", "folder of requests, mail/, control.json"),
+                       ("--public-key", "the token signer's public key (PEM)")):
+        parser.add_argument(name, required=True, help=text)
+    server_arguments(parser)
     args = parser.parse_args()
-
     serve(handler_for(Endpoint(args)), args)
+
 
 if __name__ == "__main__":
     main()

@@ -191,9 +191,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--state", required=True, help="folder of requests, control.json, revoked")
     parser.add_argument("--signing-key", required=True, help="RSA private key (PEM) for tokens")
-    parser.add_argument("--port", type=int, default=0)
-    parser.add_argument("--cert", help="TLS certificate (PEM); plain http without it")
-    parser.add_argument("--key", help="its private key (PEM)")
+    server_arguments(parser)
     parser.add_argument("--client-id", default="test-client")
     parser.add_argument("--secret-file", help="file whose first line is the client secret")
     parser.add_argument("--client-cert", help="the client's registered certificate (PEM)")
@@ -203,6 +201,13 @@ def main():
     args = parser.parse_args()
 
     serve(handler_for(Endpoint(args)), args)
+
+
+def server_arguments(parser):
+    """The options serve() reads."""
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--cert", help="TLS certificate (PEM); plain http without it")
+    parser.add_argument("--key", help="its private key (PEM)")
 
 
 def serve(handler, args):
