@@ -8,9 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
-#include <set>
 #include <sstream>
 
 #include "Agents/common/AgentException.h"
@@ -81,17 +79,11 @@ protected:
     // "<status> <mailbox> <defects> <message-id>" per request.
     std::vector<std::string> requests() const {
         std::vector<std::string> out;
-        std::istringstream in(readFileOr(dir_ / "graph/requests"));
+        std::istringstream in(readFile(dir_ / "graph/requests"));
         for (std::string line; std::getline(in, line);) {
             out.push_back(line);
         }
         return out;
-    }
-    static std::string readFileOr(const std::string& path) {
-        std::ifstream in(path);
-        std::ostringstream out;
-        out << in.rdbuf();
-        return out.str();
     }
     // The accepted mails, decoded, by their subject line.
     std::map<std::string, std::vector<std::string>> arrived() const {
@@ -220,7 +212,7 @@ TEST_F(Graph, AThousandQueuedAlertsThroughThrottlingArriveOnceEachAndWhole) {
         EXPECT_TRUE(line.compare(0, 4, "429 ") == 0 || contains(line, " 0 <")) << line;
     }
     EXPECT_GT(throttled, 5u);
-    EXPECT_EQ(readFileOr(dir_ / "graph/early"), "");
+    EXPECT_EQ(readFile(dir_ / "graph/early"), "");
     for (const auto& subject : arrived()) {
         ASSERT_EQ(subject.second.size(), 1u) << subject.first;
         const std::string& wire = sent.at(subject.first);
