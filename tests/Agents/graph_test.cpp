@@ -13,7 +13,6 @@
 
 #include "Agents/common/AgentException.h"
 #include "Agents/graph/GraphAgent.h"
-#include "Agents/smtp/SmtpSettings.h"
 #include "OAuth2TestServers.h"
 
 using namespace Osk::EmailAgents;
@@ -229,7 +228,6 @@ TEST_F(Graph, SettingsRefuseWhatCannotWork) {
         {{{"graph_url", "http://127.0.0.1:1"}, {"allow_plaintext_auth", "yes"}}, ""},
         {{{"queue", "yes"}, {"spool", ""}}, "\"spool\""},
         {{{"auth", "password"}}, "must be \"oauth2\""},
-        {{{"retry", "3"}}, "retry"},
     };
     for (const Row& row : rows) {
         Params p = params(true);
@@ -245,12 +243,6 @@ TEST_F(Graph, SettingsRefuseWhatCannotWork) {
             messageOf<AgentParamException>([&] { GraphSettings::fromParams(p); });
         EXPECT_TRUE(contains(got, row.text.empty() ? "no exception" : row.text)) << got;
     }
-    // The SMTP agent reads queue the same way.
-    EXPECT_TRUE(
-        contains(messageOf<AgentParamException>([] {
-                     SmtpSettings::fromParams({{"url", "smtp://127.0.0.1"}, {"queue", "yes"}});
-                 }),
-                 "\"queue\""));
 }
 
 }  // namespace

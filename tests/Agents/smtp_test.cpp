@@ -450,6 +450,7 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         {{{"url", "smtp://h"}, {"username", "u"}, {"password_file", dir / "none"}},
          {"\"password_file\"", "cannot be read"}},
         {{{"url", "smtp://h"}, {"spol", "/x"}}, {"unknown parameter \"spol\"", "spool"}},
+        {{{"url", "smtp://h"}, {"queue", "yes"}}, {"\"queue\"", "without \"spool\""}},
         {{{"url", "smtp://h"}, {"starttls", "no"}, {"username", "u"}, {"password", "Hidden-Pa55"}},
          {"\"starttls\"", "unencrypted", "allow_plaintext_auth"}},
     };
