@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <stdexcept>
 
 namespace Osk {
 
@@ -22,6 +23,11 @@ Reporter& _defaultReporter() {
 Channel::Channel(const std::string& name) : name_(name), hostState_(false) {}
 
 Channel::~Channel() {}
+
+std::exception_ptr Channel::do_send_test(const std::string&, const std::string&,
+                                         const std::vector<std::string>&) {
+    throw std::logic_error("the channel " + name_ + " sends no test notification");
+}
 
 void Channel::set_reporter(Reporter reporter) {
     reporter_ = std::move(reporter);

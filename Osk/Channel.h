@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <exception>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "LogToolkit/Severity.h"
 #include "Osk/ChannelCfg.h"
@@ -38,6 +40,15 @@ public:
     virtual void do_flush() = 0;
     virtual void do_shutdown() = 0;
 
+    // One test notification of `subject` and `body` to `to` (plain
+    // addresses; the configured recipients when empty), sent the way the
+    // channel sends every alert but waited for: null when it was delivered,
+    // else what the delivery threw. Called on a configured channel by
+    // `osk-host --send-test`. A channel that cannot send one throws
+    // std::logic_error.
+    virtual std::exception_ptr do_send_test(const std::string& subject, const std::string& body,
+                                            const std::vector<std::string>& to);
+
     // Records a problem of the channel; never throws.
     void report_error(const Tamlog::internal::severity::severity_mask& sev, const char* text);
     void report_error(const Tamlog::internal::severity::severity_mask& sev,
@@ -49,6 +60,9 @@ public:
     // The channel also reports why; the host reads the count for its summary.
     void count_lost_alert() noexcept { ++lostAlerts_; }
     unsigned long lost_alerts() const noexcept { return lostAlerts_; }
+    // Records that an event's alert was handed to the agent.
+    void count_sent_alert() noexcept { ++sentAlerts_; }
+    unsigned long sent_alerts() const noexcept { return sentAlerts_; }
 
     // This channel's reporter; an empty one falls back to the default.
     void set_reporter(Reporter reporter);
@@ -66,6 +80,7 @@ private:
     Reporter reporter_;
     FindingReporter findingReporter_;
     std::atomic<unsigned long> lostAlerts_{0};
+    std::atomic<unsigned long> sentAlerts_{0};
 };
 
 }  // namespace Osk

@@ -1,14 +1,13 @@
 #include "Agents/common/DeliveryEngine.h"
 
-#include <pthread.h>
-#include <signal.h>
-
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
 
 #include "Agents/common/AgentException.h"
 #include "Agents/common/MailHeaders.h"
 #include "Agents/common/Spool.h"
+#include "Toolkit/QuietThread.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -44,23 +43,19 @@ std::string _envelopeProblem(const DeliveryWording& wording, const std::string& 
     return problem;
 }
 
+// The cause the transport named, or else the one its flags and the fate tell.
+Cause _cause(const Attempt& attempt, const RecipientOutcome& outcome) {
+    return outcome.cause != Cause::Unknown   ? outcome.cause
+           : attempt.configurationFault      ? Cause::Config
+           : attempt.connectionFailure       ? Cause::Connect
+           : outcome.fate == Fate::Permanent ? Cause::Permanent
+                                             : Cause::Temporary;
+}
+
 void _report(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         std::cerr << line << std::endl;
     }
-}
-
-// The engine's threads take no process signal: a host that waits for input
-// expects its signals on its own threads, where they break off the wait.
-// They start with every signal blocked.
-template <typename Body>
-std::thread _quietThread(Body body) {
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &old);
-    std::thread thread(std::move(body));
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    return thread;
 }
 
 }  // namespace
@@ -89,7 +84,7 @@ DeliveryEngine::DeliveryEngine(const EngineSettings& settings,
         nextPass_ = Clock::now();  // left over from an earlier run
     }
     if (spool_) {
-        retryThread_ = _quietThread([this] { retryLoop(); });
+        retryThread_ = Tamtk::quietThread([this] { retryLoop(); });
     }
 }
 
@@ -103,6 +98,53 @@ DeliveryEngine::~DeliveryEngine() {
         retryThread_.join();
     }
     finishRun();
+    if (metricsFile_) {
+        metricsFile_->stop();  // the figures after the last drain
+    }
+}
+
+void DeliveryEngine::publishMetrics(const std::string& path) {
+    metricsFile_.reset(new Tamtk::MetricsFile(path, [this] { return metricsText(); }));
+}
+
+std::string DeliveryEngine::metricsText() const {
+    Tamtk::MetricsText out;
+    metrics_.write(out);
+    const std::vector<std::string> names = spool_ ? spool_->pending() : std::vector<std::string>();
+    // Spooled names begin with the second they were made.
+    const double oldest =
+        names.empty() ? 0
+                      : std::difftime(std::time(nullptr),
+                                      static_cast<std::time_t>(std::atoll(names.front().c_str())));
+    out.single("email_agent_spool_waiting", "gauge", "Mails waiting in the spool.",
+               static_cast<double>(names.size()));
+    out.single("email_agent_spool_oldest_age_seconds", "gauge",
+               "Age of the oldest mail waiting in the spool; 0 when none waits.",
+               oldest > 0 ? oldest : 0);
+    return out.str();
+}
+
+void DeliveryEngine::countSettled(const Settled& settled, const Attempt& attempt, double seconds,
+                                  bool retried) {
+    typedef AgentMetrics::Outcome Outcome;
+    if (settled.complete()) {
+        metrics_.delivered(seconds);
+        return;
+    }
+    if (!settled.permanent.empty()) {
+        const Cause cause = _cause(attempt, settled.permanent.front());
+        if (spool_ && settled.failedError.empty()) {
+            metrics_.count(Outcome::Refused, cause);
+        } else if (!retried) {
+            metrics_.count(Outcome::Lost, spool_ ? Cause::Disk : cause);
+        }
+    }
+    // A retried mail that waits again was counted when it first did.
+    if (!settled.temporary.empty() && !retried) {
+        const bool kept = spool_ && settled.spoolError.empty();
+        metrics_.count(kept ? Outcome::Spooled : Outcome::Lost,
+                       spool_ && !kept ? Cause::Disk : _cause(attempt, settled.temporary.front()));
+    }
 }
 
 // The process is ending: what waits gets one more pass if time is allowed
@@ -143,10 +185,12 @@ void DeliveryEngine::send(const std::string& from, const std::vector<std::string
                           const char* message) {
     TAMTK_ASSERT(message, _source);
     if (to.empty()) {
+        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Config);
         TAMTK_THROW(LostException, _source, wording_.noRecipients());
     }
     const std::string problem = _envelopeProblem(wording_, from, to);
     if (!problem.empty()) {
+        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Config);
         TAMTK_THROW(LostException, _source, wording_.unsendable(problem));
     }
     // The added headers go into the spool with the message, so that a retry
@@ -171,18 +215,23 @@ void DeliveryEngine::send(const std::string& from, const std::vector<std::string
         try {
             spool_->put(spooled);
         } catch (const Tamtk::Exception& e) {
+            metrics_.count(AgentMetrics::Outcome::Lost, Cause::Disk);
             TAMTK_THROW(LostException, _source, wording_.lostWhileDown(downSince, e.what()));
         }
+        metrics_.count(AgentMetrics::Outcome::Spooled, Cause::Connect);
         noteSpooled(false, false, downSince);
         TAMTK_THROW(KeptException, _source, wording_.keptWhileDown(downSince));
     }
 
     Attempt result;
+    const Clock::time_point taken = Clock::now();
     {
         std::lock_guard<std::mutex> lock(sessionMutex_);
         result = transport_->send(from, to, spooled.message);
     }
     const Settled settled = settle(spooled, result, nullptr);
+    countSettled(settled, result, std::chrono::duration<double>(Clock::now() - taken).count(),
+                 false);
     if (settled.complete()) {
         noteDelivered();
         return;
@@ -264,6 +313,7 @@ void DeliveryEngine::enqueue(const SpooledMessage& message) {
     try {
         spool_->put(message);
     } catch (const Tamtk::Exception& e) {
+        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Disk);
         TAMTK_THROW(LostException, _source, wording_.notQueued(e.what()));
     }
     {
@@ -418,7 +468,7 @@ DeliveryEngine::Pass DeliveryEngine::drainPass(Clock::time_point deadline, bool 
     std::size_t running = count;  // under passMutex once the workers run
     std::vector<std::thread> workers;
     for (std::size_t i = 0; i < count; ++i) {
-        workers.push_back(_quietThread([&] {
+        workers.push_back(Tamtk::quietThread([&] {
             drainWorker(names, next, stopTaking, abort, pass, passMutex);
             std::lock_guard<std::mutex> lock(passMutex);
             --running;
@@ -488,6 +538,7 @@ bool DeliveryEngine::take(const std::string& name, SpooledMessage& message, Pass
         problem = e.what();
     }
     spool_->quarantine(name);
+    metrics_.count(AgentMetrics::Outcome::Refused, Cause::Config);
     const std::string report = wording_.quarantined(problem);
     std::lock_guard<std::mutex> lock(passMutex);
     ++pass.result.failed;
@@ -512,6 +563,7 @@ void DeliveryEngine::drainWorker(const std::vector<std::string>& names,
             }
             const Attempt result = transport->send(message.from, message.to, message.message);
             const Settled settled = settle(message, result, &names[i]);
+            countSettled(settled, result, std::difftime(std::time(nullptr), message.queued), true);
             if (settled.complete() && !abort) {
                 std::lock_guard<std::mutex> lock(stateMutex_);
                 serverDown_ = false;  // new mail may go out directly again

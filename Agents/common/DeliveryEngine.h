@@ -31,6 +31,8 @@
 //   safe there. What becomes of it later goes to standard error.
 // - A pause the server asks for (Attempt::leastPause) holds back every
 //   attempt of the engine, in sending and in retrying, until it has passed.
+// - Every outcome is counted (AgentMetrics.h); publishMetrics() writes the
+//   counts with the spool's figures to a file while the engine lives.
 // - When the engine is destroyed, the background stops and what waits gets
 //   up to `drainMs` more; a line on standard error then says how many mails
 //   still wait and why.
@@ -48,6 +50,7 @@
 #include <thread>
 #include <vector>
 
+#include "Agents/common/AgentMetrics.h"
 #include "Agents/common/AgentParams.h"
 #include "Agents/common/DeliveryWording.h"
 #include "Agents/common/Transport.h"
@@ -108,6 +111,13 @@ public:
     // Messages waiting in the spool (0 without a spool).
     std::size_t waiting() const;
 
+    // Writes the engine's figures to `path` every few seconds, and a last
+    // time after the drain at its end: the counts of AgentMetrics.h and
+    //   email_agent_spool_waiting              mails waiting in the spool
+    //   email_agent_spool_oldest_age_seconds   the oldest one's age; 0: none
+    void publishMetrics(const std::string& path);
+    std::string metricsText() const;
+
 private:
     struct Pass {
         DrainResult result;
@@ -135,6 +145,8 @@ private:
     // gone or was moved to failed/ (then counted in `pass`).
     bool take(const std::string& name, SpooledMessage& message, Pass& pass, std::mutex& passMutex);
     void retryLoop();
+    // Counts what an attempt came to; `retried`: the mail came from the spool.
+    void countSettled(const Settled& settled, const Attempt& attempt, double seconds, bool retried);
     void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason,
                      std::chrono::milliseconds leastPause = std::chrono::milliseconds(0));
     // Queue-first: keeps the mail in the spool and starts a pass.
@@ -166,6 +178,8 @@ private:
     Clock::time_point holdUntil_;  // no attempt before: the server's pause
     std::string lastFailure_;
     std::thread retryThread_;
+    AgentMetrics metrics_;
+    std::unique_ptr<Tamtk::MetricsFile> metricsFile_;
 };
 
 // A plug-in's delivery: the engine `find` returns (what it throws is a
@@ -186,6 +200,11 @@ public:
         auto it = engines_.find(params);
         if (it == engines_.end()) {
             it = engines_.emplace(params, std::unique_ptr<Engine>(make(params))).first;
+            // The agent's reader has accepted the parameter by now.
+            const auto metrics = params.find("metrics");
+            if (metrics != params.end() && !metrics->second.empty()) {
+                it->second->publishMetrics(metrics->second);
+            }
         }
         return *it->second;
     }

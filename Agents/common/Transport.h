@@ -15,10 +15,16 @@ namespace EmailAgents {
 
 enum class Fate { Delivered, Temporary, Permanent };
 
+// What kept a mail from its recipient, in the few words an operator's
+// monitoring counts by (AgentMetrics.h). Unknown: the engine judges from
+// the fate and the attempt's flags.
+enum class Cause { Unknown, Connect, Tls, Auth, Token, Temporary, Permanent, Disk, Config };
+
 struct RecipientOutcome {
     std::string address;
     Fate fate;
     std::string reason;  // the server's reply or the transport error; empty when delivered
+    Cause cause = Cause::Unknown;
 };
 
 struct Attempt {

@@ -70,6 +70,20 @@ DigestAgent::DigestAgent(const DigestSettings& settings, const std::string& pass
             why = e.what();
         }
     }
+    if (!settings_.metrics.empty()) {
+        metrics_.reset(new Tamtk::MetricsFile(settings_.metrics, [this] {
+            Tamtk::MetricsText out;
+            out.single("email_digest_held_total", "counter", "Mails held for a digest.",
+                       static_cast<double>(heldTotal_));
+            out.single("email_digest_sent_total", "counter",
+                       "Digests (or lone held mails) the delivering agent took.",
+                       static_cast<double>(sentTotal_));
+            // The hold's files: what stays held past the end is counted too.
+            out.single("email_digest_holding", "gauge", "Mails held now.",
+                       static_cast<double>(hold_ ? hold_->names().size() : 0));
+            return out.str();
+        }));
+    }
     if (!hold_) {
         // Flood control is gone, the alerts are not: said once, not per mail.
         const char* const prefix = "Digest agent: ";
@@ -186,6 +200,7 @@ void DigestAgent::send(const Tamnet::EmailAddr& from, const EmailChannel::ToList
     }
     holdFailing_ = false;
     window.held.push_back(name);
+    ++heldTotal_;
     notes.insert(notes.begin(), "Digest agent: the alert is held in \"" + hold_->dir() +
                                     "\" for the digest at the end of its window");
     TAMTK_THROW(KeptException, _source, _joined(notes));
@@ -217,6 +232,7 @@ void DigestAgent::flushDue(Clock::time_point now, std::vector<std::string>& note
 
 bool DigestAgent::sendHeld(const std::vector<std::string>& names, std::string& failure) {
     failure.clear();
+    bool handed = false;  // to the delivering agent
     try {
         std::vector<std::string> mails;
         HeldMail first;
@@ -238,6 +254,7 @@ bool DigestAgent::sendHeld(const std::vector<std::string>& names, std::string& f
                 to.push_back(Tamnet::EmailAddr(r));
             }
             const Tamnet::EmailAddr from(first.from);
+            handed = true;
             if (mails.size() == 1) {
                 deliver(from, to, mails.front().c_str());
             } else {
@@ -253,6 +270,7 @@ bool DigestAgent::sendHeld(const std::vector<std::string>& names, std::string& f
         }
         failure = "kept by the delivering agent: " + failure;
     }
+    sentTotal_ += handed ? 1 : 0;
     // Delivered or kept further on: sent again it would arrive twice.
     try {
         hold_->remove(names);
@@ -314,6 +332,9 @@ void DigestAgent::shutdown() noexcept {
     wake_.notify_all();
     if (timer_.joinable() && timer_.get_id() != std::this_thread::get_id()) {
         timer_.join();
+    }
+    if (metrics_) {
+        metrics_->stop();
     }
 }
 

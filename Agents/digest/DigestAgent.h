@@ -10,7 +10,14 @@
 // killed process held is found and sent by the next one. Mail that cannot be
 // held (a full disk, a hold another process has, bad parameters of the
 // digest's own) goes straight to the delivering agent.
+//
+// With a metrics file (parameter "metrics"; Toolkit/Metrics.h), the agent
+// writes there while it lives:
+//   email_digest_held_total   mails held for a digest
+//   email_digest_sent_total   digests (or lone held mails) the delivering agent took
+//   email_digest_holding      mails in the hold now
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
@@ -24,6 +31,7 @@
 #include "Agents/digest/DigestSettings.h"
 #include "Agents/digest/Hold.h"
 #include "Osk/EmailAgent.h"
+#include "Toolkit/Metrics.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -46,8 +54,9 @@ public:
     // KeptException (it stays held), unless this mail itself is lost.
     void send(const Tamnet::EmailAddr& from, const EmailChannel::ToList& to, const char* message);
 
-    // Sends everything held now, whatever its window; later mail goes
-    // straight through. Failures leave the mail held for the next run.
+    // Sends everything held now, whatever its window, and writes the metrics
+    // file a last time; later mail goes straight through. Failures leave the
+    // mail held for the next run.
     void shutdown() noexcept;
 
     std::size_t held() const;
@@ -85,6 +94,9 @@ private:
     bool holdFailing_ = false;               // the last mail could not be held
     bool stopping_ = false;
     std::thread timer_;
+    std::atomic<unsigned long> heldTotal_{0};
+    std::atomic<unsigned long> sentTotal_{0};
+    std::unique_ptr<Tamtk::MetricsFile> metrics_;
 };
 
 // One agent per parameter set, alive until the process ends (or the

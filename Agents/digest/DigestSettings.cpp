@@ -5,7 +5,8 @@ namespace EmailAgents {
 
 namespace {
 
-const char* const _own[] = {"agent", "burst", "window", "hold"};
+const char* const _own[] = {"agent", "burst", "window", "hold", "metrics"};
+const std::vector<const char*> _ownNames(std::begin(_own), std::end(_own));
 
 }  // namespace
 
@@ -26,12 +27,13 @@ DigestSettings DigestSettings::fromParams(const Params& params) {
     const Params& mine = parts.first;
     DigestSettings settings;
     settings.inner = std::move(parts.second);
-    const ParamReader reader("Digest agent", mine, {"agent", "burst", "window", "hold"});
+    const ParamReader reader("Digest agent", mine, _ownNames);
     settings.agent = reader.required("agent");
     settings.hold = reader.required("hold");
     settings.burst = static_cast<unsigned long>(reader.integer("burst", 10, 0, 1000000));
     // A day at most: held mail that waits longer is no alert any more.
     settings.windowMs = reader.milliseconds("window", 300, 86400);
+    settings.metrics = reader.text("metrics", "");
     return settings;
 }
 
@@ -39,8 +41,7 @@ DigestSettings DigestSettings::deliveringOnly(const Params& params) {
     std::pair<Params, Params> parts = split(params);
     DigestSettings settings;
     settings.inner = std::move(parts.second);
-    settings.agent = ParamReader("Digest agent", parts.first, {"agent", "burst", "window", "hold"})
-                         .required("agent");
+    settings.agent = ParamReader("Digest agent", parts.first, _ownNames).required("agent");
     return settings;
 }
 

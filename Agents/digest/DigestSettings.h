@@ -16,6 +16,7 @@ struct DigestSettings {
     unsigned long burst = 10;  // "burst": mails passed straight through per window
     long windowMs = 300000;    // "window", in seconds
     std::string hold;          // "hold": where held mail waits, required
+    std::string metrics;       // "metrics": the file of DigestAgent.h's figures; "" for none
     Params inner;              // the rest, for the delivering agent unchanged
 
     // Throws AgentParamException naming the parameter for a bad value.

@@ -3,6 +3,7 @@
 
 #include "Agents/common/AgentEntry.h"
 #include "Agents/common/AgentException.h"
+#include "Agents/common/EnvelopeStore.h"
 #include "Agents/digest/DigestAgent.h"
 #include "Osk/EmailAgentBinding.h"
 
@@ -12,6 +13,7 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
     using namespace Osk::EmailAgents;
     const auto passOn = [&](const Osk::EmailChannel::ToList& whom) {
         const DigestSettings settings = DigestSettings::fromParams(params);
+        checkStoreFolder(settings.hold, "Digest agent: parameter \"hold\"");
         Osk::EmailChannel::bindSendEmail(settings.agent)(from, whom, nullptr, settings.inner);
     };
     const auto deliver = [&] {

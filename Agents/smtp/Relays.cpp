@@ -1,5 +1,7 @@
 #include "Agents/smtp/Relays.h"
 
+#include "Agents/common/oauth2/OAuth2Exceptions.h"
+
 namespace Osk {
 namespace EmailAgents {
 
@@ -19,11 +21,23 @@ bool _failsOver(const Attempt& attempt) {
     return !attempt.recipients.empty();
 }
 
+Attempt _withoutToken(const std::vector<std::string>& to, const OAuth2Exception& e,
+                      bool configurationFault) {
+    Attempt attempt;
+    for (const std::string& r : to) {
+        attempt.recipients.push_back({r, Fate::Temporary, e.what()});
+    }
+    attempt.connectionFailure = true;
+    attempt.configurationFault = configurationFault;
+    return attempt;
+}
+
 }  // namespace
 
-Relays::Relays(const SmtpSettings& settings, const std::atomic<bool>* abort) : abort_(abort) {
+Relays::Relays(const SmtpSettings& settings, const std::atomic<bool>* abort, TokenCache* tokens)
+    : abort_(abort) {
     for (const std::string& relay : settings.relays) {
-        sessions_.emplace_back(new SmtpSession(settings, relay, abort));
+        sessions_.emplace_back(new SmtpSession(settings, relay, abort, tokens));
     }
 }
 
@@ -41,7 +55,13 @@ Attempt Relays::send(const std::string& from, const std::vector<std::string>& to
     bool allUnreachable = true;
     std::string before;
     for (std::size_t k = 0; k < order.size(); ++k) {
-        attempt = sessions_[order[k]]->send(from, to, wire);
+        try {
+            attempt = sessions_[order[k]]->send(from, to, wire);
+        } catch (const OAuth2ConfigException& e) {
+            return _withoutToken(to, e, true);
+        } catch (const OAuth2Exception& e) {
+            return _withoutToken(to, e, false);
+        }
         if (!_failsOver(attempt)) {
             current_ = order[k];
             return attempt;

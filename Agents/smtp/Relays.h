@@ -19,13 +19,17 @@ namespace EmailAgents {
 
 class Relays : public Transport {
 public:
-    Relays(const SmtpSettings& settings, const std::atomic<bool>* abort);
+    // `tokens`: the agent's OAuth2 token cache, shared by all its
+    // transports; null without OAuth2.
+    Relays(const SmtpSettings& settings, const std::atomic<bool>* abort, TokenCache* tokens);
 
     // The outcome at the relay that decided it (Attempt::relay); with every
     // relay failing, the last one's, marked a connection failure only when
     // none of them could be reached, and naming in `reason`s the relays
     // tried before it.
-    // `message` goes out in wire format (toWireFormat).
+    // `message` goes out in wire format (toWireFormat). No token, no relay
+    // is asked: every recipient waits, as for an unreachable server, and a
+    // token endpoint refusing the client is a configuration fault.
     Attempt send(const std::string& from, const std::vector<std::string>& to,
                  const std::string& message) override;
 

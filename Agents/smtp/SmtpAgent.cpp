@@ -1,5 +1,6 @@
 #include "Agents/smtp/SmtpAgent.h"
 
+#include "Agents/common/oauth2/TokenSources.h"
 #include "Agents/smtp/Relays.h"
 
 namespace Osk {
@@ -7,16 +8,21 @@ namespace EmailAgents {
 
 namespace {
 
-// Each transport is the agent's relays over connections of its own.
+// Each transport is the agent's relays over connections of its own; under
+// OAuth2 they all sign in with one token, fetched once per lifetime.
 class RelayTransports : public TransportFactory {
 public:
-    explicit RelayTransports(const SmtpSettings& settings) : settings_(settings) {}
+    explicit RelayTransports(const SmtpSettings& settings)
+        : settings_(settings),
+          tokens_(settings.oauth2.enabled ? new TokenCache(makeTokenSource(settings.oauth2))
+                                          : nullptr) {}
     std::unique_ptr<Transport> make(const std::atomic<bool>* abort) const override {
-        return std::unique_ptr<Transport>(new Relays(settings_, abort));
+        return std::unique_ptr<Transport>(new Relays(settings_, abort, tokens_.get()));
     }
 
 private:
     const SmtpSettings settings_;  // the sessions keep a reference to it
+    const std::unique_ptr<TokenCache> tokens_;
 };
 
 EngineSettings _engineSettings(const SmtpSettings& smtp) {

@@ -5,9 +5,14 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <mutex>
 
 #include "Agents/common/AgentException.h"
+#include "Agents/common/oauth2/OAuth2Curl.h"
+#include "Agents/common/oauth2/OAuth2Exceptions.h"
+#include "Agents/common/oauth2/TokenCache.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -104,6 +109,10 @@ std::string _explain(CURLcode rc, const SmtpSettings& settings) {
         return " (the server's certificate did not verify; check the parameters ca_file and "
                "verify_peer)";
     }
+    if (rc == CURLE_LOGIN_DENIED && settings.oauth2.enabled) {
+        return " (the relay refused the OAuth2 token, a freshly fetched one too; check that the "
+               "application may send as this mailbox, and oauth2_mechanism)";
+    }
     return "";
 }
 
@@ -140,7 +149,15 @@ void _setTransport(CURL* curl, const SmtpSettings& settings, const std::string& 
     if (!settings.caFile.empty()) {
         curl_easy_setopt(curl, CURLOPT_CAINFO, settings.caFile.c_str());
     }
-    if (!settings.username.empty()) {
+    if (settings.tlsMinVersion != 0) {
+        curl_easy_setopt(curl, CURLOPT_SSLVERSION, settings.tlsMinVersion);
+    }
+    if (!settings.clientCertificate.empty()) {
+        curl_easy_setopt(curl, CURLOPT_SSLCERT, settings.clientCertificate.c_str());
+        curl_easy_setopt(curl, CURLOPT_SSLKEY, settings.clientKey.c_str());
+    }
+    // Under OAuth2 the user name goes with each token (_run).
+    if (!settings.username.empty() && !settings.oauth2.enabled) {
         curl_easy_setopt(curl, CURLOPT_USERNAME, settings.username.c_str());
         curl_easy_setopt(curl, CURLOPT_PASSWORD, settings.password.c_str());
     }
@@ -149,6 +166,29 @@ void _setTransport(CURL* curl, const SmtpSettings& settings, const std::string& 
     // cannot hold a message for longer either.
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, settings.timeoutMs);
     curl_easy_setopt(curl, CURLOPT_SERVER_RESPONSE_TIMEOUT, (settings.timeoutMs + 999) / 1000);
+}
+
+// One libcurl run; under OAuth2 with the agent's token, and when the relay
+// refuses it, once more on a new connection with a fresh one (`again`
+// readies the handle's own state for that). False when the relay refused the
+// fresh token too. Throws what fetching a token throws.
+bool _run(CURL* curl, const SmtpSettings& settings, TokenCache* tokens,
+          const std::function<void()>& again, CURLcode& rc) {
+    if (!tokens) {
+        rc = curl_easy_perform(curl);
+        return true;
+    }
+    bool first = true;
+    return tokens->signIn([&](const std::string& token) {
+        if (!first) {
+            again();
+            curl_easy_setopt(curl, CURLOPT_FRESH_CONNECT, 1L);
+        }
+        first = false;
+        setOAuth2Login(curl, settings.oauth2, token);
+        rc = curl_easy_perform(curl);
+        return !signInRefused(rc);
+    });
 }
 
 // How far a probe got: the last command it sent (its first word only: an
@@ -214,8 +254,8 @@ std::string toWireFormat(const char* message) {
 }
 
 SmtpSession::SmtpSession(const SmtpSettings& settings, const std::string& relay,
-                         const std::atomic<bool>* abort)
-    : settings_(settings), relay_(relay), abort_(abort), curl_(nullptr) {
+                         const std::atomic<bool>* abort, TokenCache* tokens)
+    : settings_(settings), relay_(relay), abort_(abort), tokens_(tokens), curl_(nullptr) {
     initialise();
     open();
 }
@@ -252,7 +292,8 @@ void SmtpSession::open() {
     curl_easy_setopt(curl_, CURLOPT_FORBID_REUSE, settings_.reuseConnection ? 0L : 1L);
 }
 
-std::string SmtpSession::probe(const SmtpSettings& settings, const std::string& relay) {
+std::string SmtpSession::probe(const SmtpSettings& settings, const std::string& relay,
+                               TokenCache* tokens) {
     initialise();
     CURL* curl = curl_easy_init();
     if (!curl) {
@@ -269,8 +310,15 @@ std::string SmtpSession::probe(const SmtpSettings& settings, const std::string& 
     curl_easy_setopt(curl, CURLOPT_DEBUGDATA, &trace);
     char error[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
-    const CURLcode rc = curl_easy_perform(curl);
+    CURLcode rc = CURLE_OK;
     std::string problem;
+    try {
+        _run(
+            curl, settings, tokens, [&] { trace = ProbeTrace(); }, rc);
+    } catch (const OAuth2Exception& e) {
+        curl_easy_cleanup(curl);
+        return "relay " + relay + " fails at fetching a fresh OAuth2 token: " + e.what();
+    }
     if (rc == CURLE_OK) {
         // A connect-only handle closes without a word: say goodbye.
         std::size_t sent = 0;
@@ -326,33 +374,48 @@ Attempt SmtpSession::perform(const std::string& from, const std::vector<std::str
         open();  // the last connection failed and was dropped
     }
     transcript_.reset();
-    curl_slist* rcpts = nullptr;
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> rcpts(nullptr, curl_slist_free_all);
     for (const std::string& r : to) {
-        curl_slist* next = curl_slist_append(rcpts, ("<" + r + ">").c_str());
+        curl_slist* next = curl_slist_append(rcpts.get(), ("<" + r + ">").c_str());
         if (!next) {
-            curl_slist_free_all(rcpts);
             TAMTK_THROW(AgentException, _source, "SMTP agent: out of memory");
         }
-        rcpts = next;
+        rcpts.release();
+        rcpts.reset(next);
     }
     const std::string sender = "<" + from + ">";
     Upload upload{&wire, 0};
     char error[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl_, CURLOPT_MAIL_FROM, sender.c_str());
-    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT, rcpts);
+    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT, rcpts.get());
     curl_easy_setopt(curl_, CURLOPT_READDATA, &upload);
     curl_easy_setopt(curl_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(wire.size()));
     curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, error);
     curl_easy_setopt(curl_, CURLOPT_FRESH_CONNECT, freshConnection ? 1L : 0L);
 
-    const CURLcode rc = curl_easy_perform(curl_);
+    // The handle must not keep pointers into this frame, whether the
+    // transaction ends or a token cannot be had.
+    struct Unset {
+        CURL* const& curl;  // null once the connection was dropped
+        ~Unset() {
+            if (curl) {
+                curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+                curl_easy_setopt(curl, CURLOPT_MAIL_RCPT, nullptr);
+                curl_easy_setopt(curl, CURLOPT_READDATA, nullptr);
+            }
+        }
+    } unset{curl_};
+    CURLcode rc = CURLE_OK;
+    const bool signedIn = _run(
+        curl_, settings_, tokens_,
+        [&] {
+            transcript_.reset();
+            upload.offset = 0;
+        },
+        rc);
 
     long connections = 0;
     curl_easy_getinfo(curl_, CURLINFO_NUM_CONNECTS, &connections);
-    curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, nullptr);
-    curl_easy_setopt(curl_, CURLOPT_MAIL_RCPT, nullptr);
-    curl_easy_setopt(curl_, CURLOPT_READDATA, nullptr);
-    curl_slist_free_all(rcpts);
 
     std::string curlText;
     if (rc != CURLE_OK) {
@@ -363,7 +426,8 @@ Attempt SmtpSession::perform(const std::string& from, const std::vector<std::str
         curlText += _explain(rc, settings_);
     }
     Attempt attempt = judge(rc, to, curlText);
-    attempt.configurationFault = _isConfigurationFault(rc);
+    // A relay that refuses a fresh token will refuse the next one too.
+    attempt.configurationFault = _isConfigurationFault(rc) || !signedIn;
     attempt.connections = connections;
     attempt.relay = relay_;
     if (rc != CURLE_OK) {

@@ -19,6 +19,8 @@ typedef void CURL;
 namespace Osk {
 namespace EmailAgents {
 
+class TokenCache;
+
 // The message with every line ending in CR LF, as SMTP requires. Existing
 // CR LF pairs are kept; a lone CR or LF becomes CR LF.
 std::string toWireFormat(const char* message);
@@ -27,22 +29,28 @@ class SmtpSession {
 public:
     // `relay` is one of settings.relays. `abort`, when set, stops a transfer
     // under way (used at shutdown and when a drain runs out of time).
+    // `tokens`, the agent's one cache, signs in with OAuth2 (settings.oauth2);
+    // null without it.
     SmtpSession(const SmtpSettings& settings, const std::string& relay,
-                const std::atomic<bool>* abort);
+                const std::atomic<bool>* abort, TokenCache* tokens);
     ~SmtpSession();
     SmtpSession(const SmtpSession&) = delete;
     SmtpSession& operator=(const SmtpSession&) = delete;
 
     // One transaction: MAIL FROM `from`, RCPT TO each of `to`, then `wire`
     // (already in wire format; libcurl adds the dot-stuffing). Never throws
-    // for delivery problems: the outcome says what happened to whom.
+    // for delivery problems: the outcome says what happened to whom. A token
+    // that cannot be had throws OAuth2ConfigException or
+    // OAuth2TemporaryException: no relay would be any better.
     Attempt send(const std::string& from, const std::vector<std::string>& to,
                  const std::string& wire);
 
     // Reaches `relay` as a delivery would: connects, TLS as configured, EHLO,
-    // signs in when credentials are configured, then QUIT; sends no mail.
-    // Empty when every step passed, else the step that failed and why.
-    static std::string probe(const SmtpSettings& settings, const std::string& relay);
+    // signs in when credentials are configured (with a token of `tokens`
+    // under OAuth2), then QUIT; sends no mail. Empty when every step passed,
+    // else the step that failed and why.
+    static std::string probe(const SmtpSettings& settings, const std::string& relay,
+                             TokenCache* tokens);
 
     // Sets up libcurl's global state, once per process.
     static void initialise();
@@ -62,6 +70,7 @@ private:
     const SmtpSettings& settings_;
     const std::string relay_;
     const std::atomic<bool>* abort_;
+    TokenCache* const tokens_;
     CURL* curl_;
     Transcript transcript_;
 };

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include <curl/curl.h>
+
 #include "Agents/common/EngineParams.h"
 
 namespace Osk {
@@ -86,10 +88,24 @@ std::string _readPasswordFile(const ParamReader& reader, const std::string& path
 }  // namespace
 
 SmtpSettings SmtpSettings::fromParams(const Params& params) {
-    ParamReader reader(
-        "SMTP agent", params,
-        {"url", "starttls", "verify_peer", "ca_file", "username", "password", "password_file",
-         "allow_plaintext_auth", "timeout", "spool", "drain", "connections", "queue"});
+    std::vector<const char*> known = {"url",
+                                      "starttls",
+                                      "verify_peer",
+                                      "ca_file",
+                                      "tls_min_version",
+                                      "client_certificate",
+                                      "client_key",
+                                      "password",
+                                      "password_file",
+                                      "allow_plaintext_auth",
+                                      "timeout",
+                                      "spool",
+                                      "drain",
+                                      "connections",
+                                      "queue",
+                                      "metrics"};
+    known.insert(known.end(), oauth2ParamNames().begin(), oauth2ParamNames().end());
+    const ParamReader reader("SMTP agent", params, known);
     SmtpSettings s;
     s.url = reader.required("url");
     s.relays = _relays(s.url);
@@ -112,11 +128,44 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
             reader.fail("ca_file", "names \"" + s.caFile + "\", which cannot be read");
         }
     }
+    const std::string tls = reader.choice("tls_min_version", {"1.2", "1.3"}, "");
+    s.tlsMinVersion = tls == "1.2"   ? CURL_SSLVERSION_TLSv1_2
+                      : tls == "1.3" ? CURL_SSLVERSION_TLSv1_3
+                                     : 0;
+    if (reader.has("client_certificate") != reader.has("client_key")) {
+        reader.fail(reader.has("client_key") ? "client_key" : "client_certificate",
+                    "is given without \"client_certificate\" and \"client_key\" both");
+    }
+    if (reader.has("client_certificate")) {
+        const std::pair<const char*, std::string*> files[] = {
+            {"client_certificate", &s.clientCertificate}, {"client_key", &s.clientKey}};
+        for (const auto& file : files) {
+            *file.second = reader.required(file.first);
+            if (!std::ifstream(*file.second)) {
+                reader.fail(file.first, "names \"" + *file.second + "\", which cannot be read");
+            }
+        }
+    }
 
     if (reader.has("password") && reader.has("password_file")) {
         reader.fail("password_file", "and \"password\" are both given; use one of them");
     }
-    if (reader.has("username")) {
+    s.allowPlaintextAuth = reader.flag("allow_plaintext_auth", false);
+    OAuth2Context context;
+    context.caFile = s.caFile;
+    context.verifyPeer = s.verifyPeer;
+    context.allowPlaintextAuth = s.allowPlaintextAuth;
+    s.timeoutMs = reader.milliseconds("timeout", 30, 3600);
+    context.timeoutMs = s.timeoutMs;
+    s.oauth2 = readOAuth2Settings("SMTP agent", params, context);
+    if (s.oauth2.enabled) {
+        // The token takes the password's place.
+        s.username = s.oauth2.username;
+        if (reader.has("password") || reader.has("password_file")) {
+            reader.fail(reader.has("password") ? "password" : "password_file",
+                        "is given while auth is \"oauth2\"");
+        }
+    } else if (reader.has("username")) {
         s.username = reader.required("username");
         if (reader.has("password")) {
             s.password = reader.required("password");
@@ -131,7 +180,6 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
                     "is given without \"username\"");
     }
 
-    s.allowPlaintextAuth = reader.flag("allow_plaintext_auth", false);
     bool plainRelay = false;
     for (const std::string& relay : s.relays) {
         plainRelay = plainRelay || relay.compare(0, 8, "smtps://") != 0;
@@ -144,7 +192,6 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
     }
 
     const EngineParams engine = readEngineParams(reader);
-    s.timeoutMs = engine.timeoutMs;
     s.spool = engine.spool;
     s.drainMs = engine.drainMs;
     s.connections = engine.connections;
@@ -153,16 +200,23 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
 }
 
 std::string SmtpSettings::secretFileWarning() const {
-    struct stat status;
-    if (passwordFile.empty() || ::stat(passwordFile.c_str(), &status) != 0 ||
-        (status.st_mode & (S_IRGRP | S_IROTH)) == 0) {
-        return std::string();
+    std::string warnings;
+    const std::pair<const char*, const std::string*> files[] = {{"password_file", &passwordFile},
+                                                                {"client_key", &clientKey}};
+    for (const auto& file : files) {
+        struct stat status;
+        if (file.second->empty() || ::stat(file.second->c_str(), &status) != 0 ||
+            (status.st_mode & (S_IRGRP | S_IROTH)) == 0) {
+            continue;
+        }
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+        warnings += std::string(warnings.empty() ? "" : "; ") + "SMTP agent: parameter \"" +
+                    file.first + "\" names \"" + *file.second + "\", which " +
+                    ((status.st_mode & S_IROTH) != 0 ? "every user" : "its group") +
+                    " may read (mode " + mode + "); let its owner alone read it (chmod 600)";
     }
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-    return std::string("SMTP agent: parameter \"password_file\" names \"") + passwordFile +
-           "\", which " + ((status.st_mode & S_IROTH) != 0 ? "every user" : "its group") +
-           " may read (mode " + mode + "); let its owner alone read it (chmod 600)";
+    return warnings;
 }
 
 }  // namespace EmailAgents

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Agents/common/AgentParams.h"
+#include "Agents/common/oauth2/OAuth2Settings.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -19,9 +20,16 @@ struct SmtpSettings {
     StartTls starttls = StartTls::Try;  // "starttls": no, try, required
     bool verifyPeer = true;             // "verify_peer"
     std::string caFile;                 // "ca_file"
-    std::string username;               // "username"
-    std::string password;               // "password", or read from "password_file"
-    std::string passwordFile;           // "password_file"; empty when not given
+    long tlsMinVersion = 0;             // "tls_min_version" as a CURL_SSLVERSION_*; 0: libcurl's
+    // "client_certificate", "client_key": PEM files for relays that know
+    // their senders by certificate; both or neither.
+    std::string clientCertificate;
+    std::string clientKey;
+    std::string username;      // "username"
+    std::string password;      // "password", or read from "password_file"
+    std::string passwordFile;  // "password_file"; empty when not given
+    // "auth=oauth2": the user signs in with a token instead of the password.
+    OAuth2Settings oauth2;
     // "allow_plaintext_auth": credentials may cross an unencrypted link. Off,
     // they never do: with credentials, starttls=try is taken as required.
     bool allowPlaintextAuth = false;
@@ -45,8 +53,8 @@ struct SmtpSettings {
     // never contain the user name or the password.
     static SmtpSettings fromParams(const Params& params);
 
-    // A warning when the password file lets its group or others read it;
-    // empty when it does not (or there is none).
+    // A warning when the password file or the client key lets its group or
+    // others read it; empty when neither does (or there is none).
     std::string secretFileWarning() const;
 
     bool hasCredentials() const { return !username.empty(); }

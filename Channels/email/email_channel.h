@@ -3,6 +3,7 @@
 #include <boost/optional.hpp>
 #include <boost/regex.hpp>
 #include <boost/shared_ptr.hpp>
+#include <exception>
 #include <map>
 #include <set>
 #include <string>
@@ -33,6 +34,9 @@ public:
         boost::shared_ptr<const Tamtk::Utf8Array> message;
         // A template like the message's; null: the channel's default subject.
         boost::shared_ptr<const Tamtk::Utf8Array> subject;
+        // A template like the subject's naming the incident an alert belongs
+        // to; mails of one rendered text form one thread. Null: no thread.
+        boost::shared_ptr<const Tamtk::Utf8Array> thread;
         HeaderMap extra_headers;
     };
 
@@ -76,7 +80,8 @@ public:
     // Delivery steps.
     bool get_event_group_info(unsigned long id, boost::shared_ptr<const Tamtk::Utf8Array>& message,
                               HeaderMap& headers,
-                              boost::shared_ptr<const Tamtk::Utf8Array>* subject = nullptr);
+                              boost::shared_ptr<const Tamtk::Utf8Array>* subject = nullptr,
+                              boost::shared_ptr<const Tamtk::Utf8Array>* thread = nullptr);
     void get_msg(boost::shared_ptr<ChannelEvent> event,
                  boost::shared_ptr<const Tamtk::Utf8Array> message, std::string& out);
     // The group's subject template rendered like a message, as one line.
@@ -84,6 +89,21 @@ public:
                             boost::shared_ptr<const Tamtk::Utf8Array> subject);
     void get_extra_header_values(boost::shared_ptr<ChannelEvent> event, HeaderMap& headers,
                                  std::map<std::string, std::string>& values);
+
+    // The Message-ID every mail of incident `key` follows up: a hash of the
+    // key, so the same in every run and on every host, at the sender's domain.
+    std::string thread_id(const std::string& key) const;
+    // Removes extra headers that would name a second thread beside it.
+    static void drop_thread_headers(std::map<std::string, std::string>& values);
+
+    // One mail of `subject` and `body`, built as every alert is (sender,
+    // charset, encoding), sent to `to` (the configured recipients when
+    // empty) and waited for: an agent's `queue` parameter is turned to "no",
+    // so the answer is the delivery's own. Null when it was delivered, else
+    // what the agent threw. Throws when no agent is bound or the mail cannot
+    // be built.
+    std::exception_ptr do_send_test(const std::string& subject, const std::string& body,
+                                    const std::vector<std::string>& to) override;
 
     // Read-only views for the host program and the tests.
     const TokenMap& tokens() const { return tokens_; }

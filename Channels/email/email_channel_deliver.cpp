@@ -40,8 +40,10 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         }
         boost::shared_ptr<const Tamtk::Utf8Array> message;
         boost::shared_ptr<const Tamtk::Utf8Array> subjectTemplate;
+        boost::shared_ptr<const Tamtk::Utf8Array> threadTemplate;
         HeaderMap headers;
-        if (!get_event_group_info(event->id(), message, headers, &subjectTemplate)) {
+        if (!get_event_group_info(event->id(), message, headers, &subjectTemplate,
+                                  &threadTemplate)) {
             return;  // not an event of this channel
         }
         std::string rendered;
@@ -55,15 +57,26 @@ void email_channel::do_log(boost::shared_ptr<ChannelEvent> event) {
         const Tamtk::Utf8Array subject =
             subjectTemplate ? Tamtk::Utf8Array(get_subject(event, subjectTemplate)) : subject_;
 
+        // An event whose key renders empty names no incident: it starts no thread.
+        std::string thread;
+        if (threadTemplate) {
+            const std::string key = get_subject(event, threadTemplate);
+            if (!key.empty()) {
+                thread = thread_id(key);
+                drop_thread_headers(values);
+            }
+        }
+
         // The values are not needed afterwards: handed over, not copied.
         const std::string mail =
             EmailChannel::buildEmail(charset_.c_str(), now, sender_name_, sender_, recipients_,
-                                     subject, body, std::move(values));
+                                     subject, body, std::move(values), thread);
         if (send_email_ == nullptr) {
             throw Tamtk::NullPointerException(Tamtk::ExceptionString("no email agent is bound"),
                                               TAMTK_HERE(_source));
         }
         handedOver = true;
+        count_sent_alert();
         send_email_(sender_, recipients_, mail.c_str(), agent_params_);
     } catch (const ConfigException& e) {
         std::ostringstream text;

@@ -88,6 +88,9 @@ void email_channel::find_group_faults(const Tamxml::Element& group,
     if (read.subject) {
         find_template_faults(*read.subject, "the subject of the event group at " + where);
     }
+    if (read.thread) {
+        find_template_faults(*read.thread, "the thread of the event group at " + where);
+    }
 }
 
 // Walks the template with the token expression itself, as get_msg does.

@@ -93,6 +93,10 @@ void email_channel::get_event_group(const ChannelCfg& cfg, const HeaderMap& defa
                 Tamxml::find_first_element(group, Tamxml::XPath("./Subject"))) {
             tmp_event_group.subject = pSubject->text();
         }
+        if (boost::shared_ptr<const Tamxml::Element> pThread =
+                Tamxml::find_first_element(group, Tamxml::XPath("./Thread"))) {
+            tmp_event_group.thread = pThread->text();
+        }
 
         auto pEvents = Tamxml::find_elements(group, Tamxml::XPath("./Event[@enabled='yes']"));
         TAMTK_ASSERT(pEvents, "email_channel");
@@ -113,7 +117,8 @@ void email_channel::get_event_group(const ChannelCfg& cfg, const HeaderMap& defa
 bool email_channel::get_event_group_info(unsigned long id,
                                          boost::shared_ptr<const Tamtk::Utf8Array>& message,
                                          HeaderMap& headers,
-                                         boost::shared_ptr<const Tamtk::Utf8Array>* subject) {
+                                         boost::shared_ptr<const Tamtk::Utf8Array>* subject,
+                                         boost::shared_ptr<const Tamtk::Utf8Array>* thread) {
     GroupMap::const_iterator found = event_groups_.find(id);
     if (found == event_groups_.end()) {
         return false;
@@ -122,6 +127,9 @@ bool email_channel::get_event_group_info(unsigned long id,
     headers = found->second.extra_headers;
     if (subject != nullptr) {
         *subject = found->second.subject;
+    }
+    if (thread != nullptr) {
+        *thread = found->second.thread;
     }
     return true;
 }

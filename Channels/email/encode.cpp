@@ -84,7 +84,7 @@ std::ostream& encodeBody(std::ostream& out, const char* charset, const Tamtk::Ut
 std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& fromName,
                        const Tamnet::EmailAddr& from, const std::vector<Tamnet::EmailAddr>& to,
                        const Tamtk::Utf8Array& subject, const Tamtk::Utf8Array& body,
-                       std::map<std::string, std::string> extraHeaders) {
+                       std::map<std::string, std::string> extraHeaders, const std::string& thread) {
     if (to.empty()) {
         throw std::out_of_range("vector");
     }
@@ -112,6 +112,10 @@ std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& f
     out << "Subject: ";
     encodeSubjectLine(out, charset, subject, limitSubject);
     encodeExtraHeaders(out, charset, extraHeaders, limitFromName);
+    if (!thread.empty()) {
+        // Not encoded words: readers match these values as written.
+        out << "References: " << thread << "\nIn-Reply-To: " << thread << '\n';
+    }
     out << "MIME-Version: 1.0\n"
         << "Content-Disposition: inline\n"
         << "Content-Type: text/plain; charset=\"" << charset << "\"\n"

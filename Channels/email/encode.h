@@ -18,11 +18,14 @@ extern const char* const boundary;
 
 // The complete text of a single-part plain-text MIME mail: encoded-word
 // headers, a Base64 body in `charset`, line feeds only. `time` is seconds
-// since the epoch. Throws std::out_of_range for an empty recipient list.
+// since the epoch. `thread`, when not empty, is the Message-ID ("<id@domain>",
+// written as it is) that the mail follows up in References and In-Reply-To.
+// Throws std::out_of_range for an empty recipient list.
 std::string buildEmail(const char* charset, long time, const Tamtk::Utf8Array& fromName,
                        const Tamnet::EmailAddr& from, const std::vector<Tamnet::EmailAddr>& to,
                        const Tamtk::Utf8Array& subject, const Tamtk::Utf8Array& body,
-                       std::map<std::string, std::string> extraHeaders);
+                       std::map<std::string, std::string> extraHeaders,
+                       const std::string& thread = std::string());
 
 }  // namespace EmailChannel
 }  // namespace Osk

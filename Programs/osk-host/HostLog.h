@@ -22,6 +22,8 @@ public:
     void note(const std::string& text) const;
     // "2 warning, 1 critical" or "none".
     std::string summary() const;
+    // The reports so far by severity name.
+    const std::map<std::string, unsigned long>& counts() const { return counts_; }
 
     // `text` with its control characters (C0, DEL and the UTF-8 encoded C1
     // range) written as escapes: \n, \r, \t, \xHH or \u00HH.

@@ -14,13 +14,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include "Osk/Channel.h"
+#include "Programs/osk-host/ChannelSetup.h"
 #include "Programs/osk-host/ConfigCheck.h"
 #include "Programs/osk-host/EventStream.h"
 #include "Programs/osk-host/HostLog.h"
+#include "Programs/osk-host/Metrics.h"
+#include "Programs/osk-host/SendTest.h"
 #include "XmlToolkit/Xml.h"
 
 namespace {
@@ -28,8 +30,10 @@ namespace {
 const char* const _usage =
     "Usage: osk-host --config FILE [--events FILE|-] [--channel PATH] [--syslog IDENT] "
     "[--progress]\n"
-    "                [--max-event-size BYTES] [--max-event-nodes COUNT]\n"
+    "                [--max-event-size BYTES] [--max-event-nodes COUNT] [--metrics FILE]\n"
     "       osk-host --check --config FILE [--probe] [--channel PATH]\n"
+    "       osk-host --render --config FILE [--events FILE|-] [--channel PATH]\n"
+    "       osk-host --send-test --config FILE [--to ADDRESS] [--channel PATH]\n"
     "\n"
     "Runs a channel plug-in the way its host framework would: createChannel, do_configure with\n"
     "the configuration, do_log for every event, then do_flush and do_shutdown.\n"
@@ -44,6 +48,10 @@ const char* const _usage =
     "                           (default 16777216, 16 MiB)\n"
     "  --max-event-nodes COUNT  skip an event of more elements than this, itself included\n"
     "                           (default 1000000)\n"
+    "  --metrics FILE           keep FILE up to date, in the Prometheus text format (for\n"
+    "                           node_exporter's textfile collector), with the figures of the\n"
+    "                           closing line and the alerts sent to the agent: replaced every\n"
+    "                           5 s and at the very end\n"
     "  --check                  only check the configuration, send nothing: the channel's\n"
     "                           verdict, tokens that do not load and the messages they cut,\n"
     "                           placeholders without a token, groups without events,\n"
@@ -52,6 +60,16 @@ const char* const _usage =
     "  --probe                  with --check, the agent's probe instead of its check: it\n"
     "                           reaches what it delivers through (every SMTP relay: TLS, EHLO,\n"
     "                           AUTH) and sends no mail\n"
+    "  --render                 a run that sends, writes and connects nothing: each mail is\n"
+    "                           printed on standard output as a reader sees it (headers and\n"
+    "                           body decoded to UTF-8); the configured agent is never loaded;\n"
+    "                           reports and exit status as for a run\n"
+    "  --send-test              send one test alert (saying it is a test, from which host and\n"
+    "                           configuration, when) through the configured agent and wait for\n"
+    "                           it, even where the agent would queue it; tells on standard\n"
+    "                           output whether it was delivered, kept or refused, and why;\n"
+    "                           exit 0 delivered, 1 kept, 2 configuration failed, 3 refused\n"
+    "  --to ADDRESS             with --send-test, the recipient instead of the configured ones\n"
     "  --help                   this text\n"
     "\n"
     "Event stream:\n"
@@ -94,10 +112,14 @@ struct Options {
     std::string events = "-";
     std::string channel;
     std::string syslogIdent;
+    std::string metrics;
     bool progress = false;
     Osk::EventScanner::Limits limits;
     bool check = false;
     bool probe = false;
+    bool render = false;
+    bool sendTest = false;
+    std::string to;
 };
 
 // The email channel sits beside the host's own libraries, in build/lib/ as in
@@ -164,12 +186,22 @@ bool _parse(int argc, char** argv, Options& options) {
         } else if (arg == "--syslog") {
             if (!value(options.syslogIdent))
                 return false;
+        } else if (arg == "--metrics") {
+            if (!value(options.metrics))
+                return false;
         } else if (arg == "--progress") {
             options.progress = true;
         } else if (arg == "--check") {
             options.check = true;
         } else if (arg == "--probe") {
             options.probe = true;
+        } else if (arg == "--render") {
+            options.render = true;
+        } else if (arg == "--send-test") {
+            options.sendTest = true;
+        } else if (arg == "--to") {
+            if (!value(options.to))
+                return false;
         } else if (arg == "--max-event-size" || arg == "--max-event-nodes") {
             std::string text;
             if (!value(text))
@@ -193,13 +225,19 @@ bool _parse(int argc, char** argv, Options& options) {
         std::cerr << "osk-host: --probe goes with --check\n";
         return false;
     }
+    if (options.check + options.render + options.sendTest > 1) {
+        std::cerr << "osk-host: --check, --render and --send-test go alone\n";
+        return false;
+    }
+    if (!options.to.empty() && !options.sendTest) {
+        std::cerr << "osk-host: --to goes with --send-test\n";
+        return false;
+    }
     if (options.channel.empty()) {
         options.channel = _defaultChannel();
     }
     return true;
 }
-
-typedef boost::shared_ptr<Osk::Channel> (*CreateChannel)();
 
 // SIGINT and SIGTERM end the run the ordinary way, so the plug-ins' static
 // destructors run (the SMTP agent drains its spool there). The handler only
@@ -276,23 +314,6 @@ private:
     std::chrono::steady_clock::time_point drawn_;
 };
 
-// The process's peak resident size in KiB, 0 when unknown. VmHWM belongs to
-// this program's own address space; getrusage() would also count whatever
-// the parent had resident when it started us.
-unsigned long _peakKib() {
-    std::FILE* status = std::fopen("/proc/self/status", "r");
-    if (status == nullptr)
-        return 0;
-    char line[256];
-    unsigned long kib = 0;
-    while (std::fgets(line, sizeof line, status) != nullptr) {
-        if (std::sscanf(line, "VmHWM: %lu kB", &kib) == 1)
-            break;
-    }
-    std::fclose(status);
-    return kib;
-}
-
 std::string _position(const std::string& events, int line) {
     std::string where = events == "-" ? "stdin" : events;
     if (line > 0)
@@ -310,6 +331,8 @@ struct Closing {
     unsigned long skipped = 0;
     unsigned long lost = 0;
     std::chrono::steady_clock::time_point started;
+    Osk::HostMetrics* metrics = nullptr;
+    unsigned long sent = 0;
 };
 Closing _closing;
 
@@ -326,21 +349,17 @@ void _writeClosing() {
         summary += " (" + std::to_string(_closing.skipped) + " skipped)";
     summary += ", lost alerts: " + std::to_string(_closing.lost) +
                ", reports: " + _closing.log->summary() + ", " + timing;
-    if (const unsigned long kib = _peakKib())
+    if (const unsigned long kib = Osk::peakMemoryKib())
         summary += ", peak memory " + std::to_string(kib) + " KiB";
     _closing.log->note(summary);
+    if (_closing.metrics != nullptr)
+        _closing.metrics->finish({_closing.events, _closing.skipped, _closing.sent, _closing.lost});
 }
 
 int _run(const Options& options, Osk::HostLog& log) {
     std::atexit(&_writeClosing);
-    void* plugin = dlopen(options.channel.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (plugin == nullptr) {
-        log.note("cannot load " + options.channel + ": " + dlerror());
-        return 69;
-    }
-    CreateChannel create = reinterpret_cast<CreateChannel>(dlsym(plugin, "createChannel"));
+    const Osk::CreateChannel create = Osk::loadChannel(options.channel, log);
     if (create == nullptr) {
-        log.note(options.channel + " has no createChannel");
         return 69;
     }
 
@@ -348,6 +367,10 @@ int _run(const Options& options, Osk::HostLog& log) {
     unsigned long events = 0;
     unsigned long skipped = 0;
     unsigned long lost = 0;
+    unsigned long sent = 0;
+    // Never freed: its last write comes from the exit handler.
+    Osk::HostMetrics* const metrics =
+        options.metrics.empty() ? nullptr : new Osk::HostMetrics(options.metrics, log);
     Progress progress(options.progress);
     const auto started = std::chrono::steady_clock::now();
     {
@@ -358,23 +381,7 @@ int _run(const Options& options, Osk::HostLog& log) {
                 log.report(sev, text);
             });
 
-        bool configured = false;
-        try {
-            Osk::ChannelCfg cfg(Tamxml::Document::fromFile(options.config));
-            configured = channel->do_configure(cfg);
-            if (!configured) {
-                log.note("the channel did not accept " + options.config);
-            }
-        } catch (const Tamtk::Exception& e) {
-            std::ostringstream where;
-            where << e.location();
-            log.note("configuration failed: " + std::string(e.what()));
-            log.note("  at " + where.str());
-        } catch (const std::exception& e) {
-            log.note("configuration failed: " + std::string(e.what()));
-        }
-
-        if (!configured) {
+        if (!Osk::configureChannel(*channel, options.config, options.render, log)) {
             status = 2;
         } else {
             Osk::EventStream stream(options.events, options.limits, _stopPipe[0]);
@@ -402,6 +409,9 @@ int _run(const Options& options, Osk::HostLog& log) {
                              std::to_string(event->id()) + ": the alert is lost");
                 }
                 progress.update(events);
+                if (metrics != nullptr)
+                    metrics->update(
+                        {events, skipped, channel->sent_alerts(), channel->lost_alerts()});
                 if (_stopSignal != 0)
                     break;
             }
@@ -415,10 +425,11 @@ int _run(const Options& options, Osk::HostLog& log) {
         channel->do_flush();
         channel->do_shutdown();
         lost = channel->lost_alerts();
+        sent = channel->sent_alerts();
     }
     if (lost > 0)
         status = 3;
-    _closing = Closing{&log, events, skipped, lost, started};
+    _closing = Closing{&log, events, skipped, lost, started, metrics, sent};
     // The plug-in stays loaded: objects it made may still be referenced at exit.
     return status;
 }
@@ -438,5 +449,8 @@ int main(int argc, char** argv) {
     // Alive until the closing line, after every exit handler of the plug-ins
     // (and never freed: the handler may still use it).
     static Osk::HostLog* const log = new Osk::HostLog(options.syslogIdent);
+    if (options.sendTest) {
+        return Osk::sendTest({options.config, options.channel, options.to}, *log, std::cout);
+    }
     return _run(options, *log);
 }

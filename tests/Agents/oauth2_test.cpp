@@ -1,7 +1,9 @@
 // OAuth2 access tokens: every source against a real token endpoint
 // (tests/support/token_endpoint.py), the tokens checked by a real SMTP
 // server (oauth2_smtp_auth.py) and, where it can run, by Postfix with
-// Dovecot (oauth2_relay.py).
+// Dovecot (oauth2_relay.py), which also takes the SMTP agent's mail. The
+// agent's use of its token (refusals, lifetimes, a refused client) is tested
+// through osk-host (tests/Programs/osk-host/host_oauth2_test.py).
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -22,6 +24,7 @@
 #include "Agents/common/oauth2/OAuth2Exceptions.h"
 #include "Agents/common/oauth2/SecretFiles.h"
 #include "Agents/common/oauth2/TokenSources.h"
+#include "Agents/smtp/SmtpAgent.h"
 #include "OAuth2TestServers.h"
 
 using namespace Osk::EmailAgents;
@@ -180,32 +183,6 @@ TEST_F(OAuth2, EachSourceGivesATokenTheMailServerTakes) {
     EXPECT_NE(readSecretFile(refreshFile_, "test"), firstRefreshToken);
 }
 
-TEST_F(OAuth2, ARefusedTokenIsReplacedOnceAndASecondRefusalStands) {
-    startEndpoint();
-    PythonServer smtp(oauth2Script("oauth2_smtp_auth.py"),
-                      {"--public-key", OAuth2Keys::get().publicKey, "--state", endpoint_->state()});
-    const std::string smtpUrl = "smtp://127.0.0.1:" + std::to_string(smtp.ports().at(0));
-    for (const char* user : {"alice@example.com", "mallory@example.com"}) {
-        SCOPED_TRACE(user);
-        Params p = params("secret");
-        p["username"] = user;  // the tokens are for alice only
-        const OAuth2Settings s = settings(p);
-        TokenCache cache(makeTokenSource(s));
-        const std::string revoked = cache.get();
-        writeFile(endpoint_->state() + "/revoked", revoked + "\n");
-        std::vector<std::string> tried;
-        const bool accepted = cache.signIn([&](const std::string& token) {
-            tried.push_back(token);
-            return !signInRefused(signInAt(smtpUrl, s, token));
-        });
-        EXPECT_EQ(accepted, std::string(user) == "alice@example.com");
-        ASSERT_EQ(tried.size(), 2u);
-        EXPECT_EQ(tried[0], revoked);
-        EXPECT_NE(tried[1], revoked);
-    }
-    EXPECT_EQ(endpoint_->requests().size(), 4u);
-}
-
 TEST_F(OAuth2, TokensAreRenewedShortlyBeforeTheyExpireAndNotPerCall) {
     const int lifetime = 3;
     startEndpoint(lifetime);
@@ -232,25 +209,6 @@ TEST_F(OAuth2, TokensAreRenewedShortlyBeforeTheyExpireAndNotPerCall) {
     EXPECT_LT(renewedAt, 0.96 * lifetime);
 }
 
-TEST_F(OAuth2, ParallelCallersShareOneFetch) {
-    startEndpoint();
-    endpoint_->control(R"({"delay": 0.5})");
-    TokenCache cache(makeTokenSource(settings(params("secret"))));
-    std::vector<std::string> tokens(8);
-    std::vector<std::thread> threads;
-    for (std::string& token : tokens) {
-        threads.emplace_back([&cache, &token] { token = cache.get(); });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
-    EXPECT_EQ(endpoint_->requests().size(), 1u);
-    for (const std::string& token : tokens) {
-        EXPECT_EQ(token, tokens.front());
-    }
-    EXPECT_FALSE(tokens.front().empty());
-}
-
 TEST_F(OAuth2, EndpointRefusalsAreConfigurationFaultsAndOutagesTemporary) {
     startEndpoint();
     const struct {
@@ -271,7 +229,6 @@ TEST_F(OAuth2, EndpointRefusalsAreConfigurationFaultsAndOutagesTemporary) {
          Kind::Config,
          {"\"invalid_scope\"", "\"bad scope\""}},
         {R"({"status": 500, "error": "server_error"})", Kind::Temporary, {"HTTP 500"}},
-        {R"({"status": 503})", Kind::Temporary, {"HTTP 503"}},
         {R"({"status": 429, "error": "slow_down"})", Kind::Temporary, {"HTTP 429"}},
         {R"({"status": 200})", Kind::Temporary, {"without an access token"}},
         {R"({"delay": 3})", Kind::Temporary, {"cannot be reached"}},
@@ -289,15 +246,33 @@ TEST_F(OAuth2, EndpointRefusalsAreConfigurationFaultsAndOutagesTemporary) {
     }
 }
 
-TEST_F(OAuth2, AnEndpointDownIsTemporaryAndTheCacheRecovers) {
+// An endpoint down is temporary: the mail waits; once it is back, parallel
+// drain workers share one fresh token.
+TEST_F(OAuth2, SpoolWorkersShareOneTokenOnceTheEndpointIsBack) {
     startEndpoint();
-    const int port = endpoint_->port();
-    const OAuth2Settings s = settings(params("certificate"));
-    endpoint_.reset();
-    TokenCache cache(makeTokenSource(s));
-    EXPECT_EQ(outcome([&] { cache.get(); }), Kind::Temporary);
-    startEndpoint(3600, true, port);
-    EXPECT_EQ(outcome([&] { cache.get(); }), Kind::None);
+    PythonServer smtp(oauth2Script("smtp_server.py"),
+                      {"--oauth2", OAuth2Keys::get().publicKey, endpoint_->state()});
+    Params p = params("secret");
+    p.insert({{"url", "smtp://127.0.0.1:" + std::to_string(smtp.ports().at(0))},
+              {"starttls", "no"},
+              {"allow_plaintext_auth", "yes"},
+              {"ca_file", Certificate::get().cert},
+              {"spool", dir_ / "spool"},
+              {"connections", "4"}});
+    SmtpSettings settings = SmtpSettings::fromParams(p);
+    settings.retryFirst = settings.retryMax = std::chrono::milliseconds(600000);
+    SmtpAgent agent(settings);
+    endpoint_->control(R"({"status": 503})");
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_TRUE(contains(
+            messageOf<KeptException>([&] { agent.send("a@b", {"c@d"}, "Subject: x\n\nx\n"); }),
+            "HTTP 503"));
+    }
+    endpoint_->control("{}");
+    EXPECT_EQ(agent.drain(std::chrono::seconds(60)).delivered, 40u);
+    // Asked once while down (then the mail went straight to the spool), once after.
+    EXPECT_EQ(endpoint_->requests(),
+              std::vector<std::string>({"client_credentials 503", "client_credentials 200"}));
 }
 
 TEST_F(OAuth2, TheEndpointIsTrustedOnlyAsTheAgentSays) {
@@ -547,6 +522,16 @@ TEST_F(OAuth2, PostfixWithDovecotTakesTheTokensOfItsUser) {
                      TokenCache(makeTokenSource(s)).get());
         EXPECT_EQ(rc, row.accepted ? CURLE_OK : CURLE_LOGIN_DENIED);
     }
+    // The agent itself fetches its token and signs in: the mail arrives.
+    Params p = params("secret");
+    p.insert({{"url", "smtp://127.0.0.1:" + std::to_string(relay.ports().at(0))},
+              {"starttls", "no"},
+              {"allow_plaintext_auth", "yes"},
+              {"ca_file", Certificate::get().cert}});
+    SmtpAgent(SmtpSettings::fromParams(p))
+        .send("alice@example.com", {"bob@example.com"}, "Subject: agent\n\nby the agent\n");
+    EXPECT_TRUE(
+        waitFor([&] { return listDir(relayDir.path() + "/mail/bob/new").size() == 1; }, 20));
 }
 
 }  // namespace

@@ -159,13 +159,18 @@ TEST(SmtpAgent, WhereARefusedMessageOrRecipientEndsUp) {
 
 // TLS and AUTH as servers offer them; no failure text shows a credential.
 TEST(SmtpAgent, TlsAndCredentials) {
-    SmtpTestServer::Options options[3];
+    SmtpTestServer::Options options[5];
     options[0].starttls = options[0].requireStarttls = true;  // then AUTH PLAIN
     options[0].auth = options[2].auth = "alerter:s3cret-Pa55";
     options[0].echoAuth = true;  // what the client sent, quoted in the refusal
-    options[1].implicitTls = true;
-    SmtpTestServer secure(options[0]), smtps(options[1]), plainAuth(options[2]), plain;
+    options[1].implicitTls = options[3].implicitTls = options[4].implicitTls = true;
+    options[3].tls12Only = true;
+    options[4].clientCertificate = true;
+    SmtpTestServer secure(options[0]), smtps(options[1]), plainAuth(options[2]), plain,
+        tls12(options[3]), knowsSender(options[4]);
     const std::string ca = Certificate::get().cert;
+    const Params asSender = {
+        {"ca_file", ca}, {"client_certificate", ca}, {"client_key", Certificate::get().key}};
     TempDir dir;
     writeFile(dir / "pw", "s3cret-Pa55\n");
     const Params login = {{"username", "alerter"}, {"password", "s3cret-Pa55"}};
@@ -188,6 +193,13 @@ TEST(SmtpAgent, TlsAndCredentials) {
          {"535 5.7.8 refused", "lost"},
          false},
         {smtps, {{"ca_file", ca}}, {}, true},
+        {tls12, {{"ca_file", ca}, {"tls_min_version", "1.2"}}, {}, true},
+        {tls12,
+         {{"ca_file", ca}, {"tls_min_version", "1.3"}},
+         {"could not be delivered now"},
+         false},
+        {knowsSender, asSender, {}, true},
+        {knowsSender, {{"ca_file", ca}}, {"could not be delivered now"}, false},
         {plain, {{"starttls", "required"}}, {"could not be delivered now"}, false},
         {plain, {{"starttls", "try"}}, {}, false},
         {plainAuth, login, {"does not offer STARTTLS", "allow_plaintext_auth"}, false},
@@ -451,6 +463,14 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
          {"\"password_file\"", "cannot be read"}},
         {{{"url", "smtp://h"}, {"spol", "/x"}}, {"unknown parameter \"spol\"", "spool"}},
         {{{"url", "smtp://h"}, {"queue", "yes"}}, {"\"queue\"", "without \"spool\""}},
+        {{{"url", "smtp://h"}, {"tls_min_version", "1.1"}}, {"\"tls_min_version\"", "1.2, 1.3"}},
+        {{{"url", "smtp://h"}, {"client_key", dir / "k"}}, {"\"client_key\" is given without"}},
+        {{{"url", "smtp://h"},
+          {"auth", "oauth2"},
+          {"username", "u"},
+          {"oauth2_token_command", "/bin/true"},
+          {"password", "Hidden-Pa55"}},
+         {"\"password\" is given while auth is \"oauth2\""}},
         {{{"url", "smtp://h"}, {"starttls", "no"}, {"username", "u"}, {"password", "Hidden-Pa55"}},
          {"\"starttls\"", "unencrypted", "allow_plaintext_auth"}},
     };

@@ -221,6 +221,8 @@ void SmtpTestServer::start() {
     add(!o.mailReply.empty(), {"--mail-reply", o.mailReply});
     add(o.delay > 0, {"--delay", std::to_string(o.delay)});
     add(o.implicitTls, {"--implicit-tls"});
+    add(o.tls12Only, {"--tls-max", "1.2"});
+    add(o.clientCertificate, {"--client-ca", Certificate::get().cert});
     add(o.requireStarttls, {"--require-starttls"});
     add(!o.auth.empty(), {"--auth", o.auth});
     add(o.echoAuth, {"--echo-auth"});

@@ -67,16 +67,18 @@ std::string runUnprivileged(const std::function<std::string()>& body);
 class SmtpTestServer {
 public:
     struct Options {
-        bool starttls = false;         // offer STARTTLS with Certificate::get()
-        bool requireStarttls = false;  // refuse mail before STARTTLS
-        bool implicitTls = false;      // smtps: TLS from the first byte
-        std::string auth;              // "user:password": AUTH PLAIN required
-        bool echoAuth = false;         // a refused AUTH's reply quotes what the client sent
-        double idleTimeout = 300;      // seconds before an idle client is dropped
-        bool record = true;            // write what arrives to a file
-        std::string dieOnce;           // marker file: crash on the first "X-Test-Die: yes"
-        std::string mailReply;         // the reply to every MAIL FROM ("451 busy")
-        double delay = 0;              // seconds before each message is answered
+        bool starttls = false;           // offer STARTTLS with Certificate::get()
+        bool requireStarttls = false;    // refuse mail before STARTTLS
+        bool implicitTls = false;        // smtps: TLS from the first byte
+        bool tls12Only = false;          // TLS 1.3 not offered
+        bool clientCertificate = false;  // TLS only with Certificate::get() as the client's
+        std::string auth;                // "user:password": AUTH PLAIN required
+        bool echoAuth = false;           // a refused AUTH's reply quotes what the client sent
+        double idleTimeout = 300;        // seconds before an idle client is dropped
+        bool record = true;              // write what arrives to a file
+        std::string dieOnce;             // marker file: crash on the first "X-Test-Die: yes"
+        std::string mailReply;           // the reply to every MAIL FROM ("451 busy")
+        double delay = 0;                // seconds before each message is answered
     };
     struct Message {
         bool tls;

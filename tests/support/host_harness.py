@@ -58,6 +58,23 @@ class HostResult(collections.namedtuple("HostResult", "returncode stdout stderr"
         return re.findall(r"^EVENT: report_error SEV: %s WHY: (.*)$" % severity, self.stderr, re.M)
 
 
+def read_metrics(path):
+    """A metrics file as Prometheus's own parser reads it: {'name{label="value"}': value},
+    a sample without labels by its bare name."""
+    from prometheus_client.parser import text_string_to_metric_families
+    samples = {}
+    for family in text_string_to_metric_families(pathlib.Path(path).read_text(encoding="utf-8")):
+        for s in family.samples:
+            labels = ",".join(f'{k}="{v}"' for k, v in sorted(s.labels.items()))
+            samples[f"{s.name}{{{labels}}}" if labels else s.name] = s.value
+    return samples
+
+
+def metric_sum(samples, name):
+    """The sum of a family's samples over its labels."""
+    return sum(v for k, v in samples.items() if k.partition("{")[0] == name)
+
+
 class HostTest(unittest.TestCase):
     """A test with its own scratch directory, removed afterwards."""
 
@@ -256,9 +273,9 @@ class SmtpServer:
     """smtp_server.py on 127.0.0.1, recording into `directory`; stop() and start()
     keep the port; freeze() hangs it with its connections open."""
 
-    def __init__(self, directory, extra_args=()):
+    def __init__(self, directory, extra=()):
         self.record = directory and pathlib.Path(directory) / "smtp-record"
-        self.args = (["--record", str(self.record)] if directory else []) + list(extra_args)
+        self.args = (["--record", str(self.record)] if directory else []) + [str(a) for a in extra]
         self.port = 0
         self.process = None
         self.start()

@@ -8,6 +8,7 @@ when it is killed before replying:
 
     C <connection>                                   a client connected
     A <connection>                                   the client sent AUTH
+    T <ok> <token>                                   an OAuth2 token offered (--oauth2)
     M <connection> <tls> <auth> <from> <to,to,...> <hex of the data>
 
 <tls> and <auth> are 1 or 0; <from> is "-" for the null sender. The data is
@@ -22,6 +23,8 @@ message later (other connections go on), --command-delay SECONDS each MAIL, RCPT
 and DATA command; with --die-once FILE, a message with
 a line "X-Test-Die: yes" is recorded, then the server exits unanswered, as if
 it crashed, and FILE keeps a restarted server from doing it again.
+--oauth2 PUBLIC_KEY STATE requires an XOAUTH2 or OAUTHBEARER sign-in with a
+token of token_endpoint.py (see oauth2_smtp_auth.py) instead.
 """
 
 import argparse
@@ -114,6 +117,8 @@ def main():
     parser.add_argument("--record", help="file to append events to")
     parser.add_argument("--cert", help="certificate (PEM) to offer STARTTLS or TLS with")
     parser.add_argument("--key", help="its private key (PEM)")
+    parser.add_argument("--tls-max", choices=["1.2"], help="the newest TLS version offered")
+    parser.add_argument("--client-ca", help="require a client certificate signed by this (PEM)")
     parser.add_argument("--implicit-tls", action="store_true", help="TLS from the start (smtps)")
     parser.add_argument("--require-starttls", action="store_true")
     parser.add_argument("--auth", help="USER:PASSWORD; AUTH PLAIN is then required")
@@ -124,6 +129,8 @@ def main():
                         help="seconds before each message is answered")
     parser.add_argument("--command-delay", type=float, default=0.0,
                         help="seconds before MAIL, RCPT and DATA are each answered")
+    parser.add_argument("--oauth2", nargs=2, metavar=("PUBLIC_KEY", "STATE"),
+                        help="the token endpoint's public key and --state folder")
     parser.add_argument("--idle-timeout", type=float, default=300.0,
                         help="seconds before an idle client is dropped")
     args = parser.parse_args()
@@ -132,12 +139,37 @@ def main():
     if args.cert:
         context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
         context.load_cert_chain(args.cert, args.key)
+        if args.tls_max:
+            context.maximum_version = ssl.TLSVersion.TLSv1_2
+        if args.client_ca:
+            context.verify_mode = ssl.CERT_REQUIRED
+            context.load_verify_locations(args.client_ca)
 
     handler = Handler(args)
+    if args.oauth2:
+        sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+        from oauth2_smtp_auth import OAuth2Auth
+        import logging
+        import warnings
+        # aiosmtpd's notes on AUTH without TLS: on purpose here.
+        warnings.simplefilter("ignore")
+        logging.getLogger("mail.log").setLevel(logging.ERROR)
+
+        class OAuth2Handler(Handler, OAuth2Auth):
+            def accepts(self, user, token):
+                ok = OAuth2Auth.accepts(self, user, token)
+                self.record(f"T {int(ok)} {token}")
+                return ok
+
+        handler = OAuth2Handler(args)
+        OAuth2Auth.__init__(handler, *args.oauth2)
     options = dict(hostname="test.invalid", timeout=args.idle_timeout, data_size_limit=None,
                    enable_SMTPUTF8=True)
     if context is not None and not args.implicit_tls:
         options.update(tls_context=context, require_starttls=args.require_starttls)
+    if args.oauth2:
+        options.update(auth_required=True, auth_require_tls=context is not None,
+                       auth_exclude_mechanism=["LOGIN", "PLAIN"])
     if args.auth:
         user, password = args.auth.split(":", 1)
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "channel_fixture.h"
 #include "tamtk/XmlToolkit/XmlTestSupport.h"
 
@@ -102,7 +104,8 @@ std::string doubledString(int times) {
 
 }  // namespace
 
-// Each value in the event, a constant, a header default, the subject and the sender's name.
+// Each value in the event, a constant, a header default, the subject, the sender's name and
+// the incident's thread key.
 TEST(HostileValues, LineBreaksInEveryTemplatedValueStayInsideIt) {
     const std::string stylesheet = stylesheetToken(
         R"(<xsl:output method="text"/><xsl:template match="/"><xsl:value-of select="/event/v"/></xsl:template>)");
@@ -118,15 +121,25 @@ TEST(HostileValues, LineBreaksInEveryTemplatedValueStayInsideIt) {
                        R"(<Header name="X-Group" default=")" + text + "\"/>");
         xml = replaced(xml, R"(<Subject value="Alert"/>)", R"(<Subject value=")" + text + "\"/>");
         xml = replaced(xml, R"(name="Alerter")", "name=\"" + text + "\"");
+        xml = replaced(xml, "</Message>", "</Message><Thread>%detail%</Thread>");
         ReportingChannel channel;
         ASSERT_TRUE(channel.do_configure(config(xml)));
         const Outcome outcome = deliverBetween(channel, "<event><host>h</host><detail>" + text +
                                                             "</detail><v>" + text + "</v></event>");
         ASSERT_TRUE(outcome.sent);
         EXPECT_TRUE(outcome.reports.empty());
-        const MailShape shape = readMail(outcome.mail, hostileHeaders(true));
+        std::set<std::string> headers = hostileHeaders(true);
+        // A key of line breaks alone renders empty and names no incident.
+        const bool threaded = value.find_first_not_of("\r\n\t") != std::string::npos;
+        if (threaded) {
+            headers.insert({"References", "In-Reply-To"});
+        }
+        const MailShape shape = readMail(outcome.mail, headers);
         EXPECT_EQ(shape.problems, std::vector<std::string>()) << outcome.mail;
         EXPECT_EQ(shape.body, "Host h: " + value + "|" + value + "|" + value);
+        if (threaded) {
+            EXPECT_EQ(shape.headers.at("References"), shape.headers.at("In-Reply-To"));
+        }
         for (const char* header : {"X-Detail", "X-Group", "Subject", "From"}) {
             EXPECT_EQ(decodeWords(shape.headers.at(header)), value) << header;
         }

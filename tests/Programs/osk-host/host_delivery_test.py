@@ -12,7 +12,7 @@ import time
 import unittest
 
 from host_harness import (DEAD_URL, DIGEST_AGENT, EXAMPLES, MAILDIR_AGENT, RECIPIENTS, SENDER, SMTP_AGENT, HostTest,
-                          SmtpServer, channel_config, events_xml, group)
+                          SmtpServer, channel_config, events_xml, group, read_metrics)
 
 # The shipped example's events and two more: an id no group has, and a disk
 # alert without a host, whose placeholder vanishes and whose header falls
@@ -142,14 +142,39 @@ class FailureTest(HostTest):
             ("digest with its hold under a file", DIGEST_AGENT,
              digest(MAILDIR_AGENT, good, hold=self.dir / "afile" / "hold"), RECIPIENTS, None, 0),
         ]
+        # Rows whose agent keeps a metrics file, and the figures it ends with.
+        counted = {
+            "Maildir behind a file": {"email_agent_delivered_total": 0, 'email_agent_lost_total{reason="disk"}': 2},
+            "SMTP server down, spool kept": {'email_agent_spooled_total{reason="connect"}': 2,
+                                             "email_agent_spool_waiting": 2, "email_agent_delivered_total": 0},
+            "digest held, SMTP server down, no spool": {"email_digest_held_total": 2, "email_digest_holding": 2,
+                                                        "email_digest_sent_total": 0},
+        }
         for name, agent, params, recipients, why, lost in cases:
             with self.subTest(name):
                 if None in (v for _, v in params):
                     self.skipTest("cannot mount a tmpfs here: the full-disk case is not run")
                 shutil.rmtree(self.dir / "mail", True)
-                config = channel_config(agent, params, group("plain %b% text", 3),
+                metrics = self.dir / (name + ".prom")
+                config = channel_config(agent, params + ([("metrics", metrics)] if name in counted else []),
+                                        group("plain %b% text", 3),
                                         tokens='<Token name="b" default="B"/>', recipients=recipients)
-                result = self.host(config, events_xml((3, "<e/>"), (3, "<e/>")))
+                result = self.host(config, events_xml((3, "<e/>"), (3, "<e/>")),
+                                   args=["--metrics", self.dir / "host.prom"])
+                host = read_metrics(self.dir / "host.prom")
+                self.assertEqual((2, 2, lost, 2 if why else 0),
+                                 (host["osk_host_events_read_total"], host["osk_host_alerts_sent_total"],
+                                  host["osk_host_alerts_lost_total"],
+                                  host.get('osk_host_reports_total{severity="warning"}', 0)))
+                # The kernel's resident count is read approximately, a few pages either way.
+                self.assertAlmostEqual(host["osk_host_peak_memory_bytes"], 1024 * result.peak_kib(),
+                                       delta=1 << 20)
+                if name in counted:
+                    figures = read_metrics(metrics)
+                    self.assertEqual(counted[name], {k: figures[k] for k in counted[name]})
+                    # and no other counter moved
+                    self.assertEqual({}, {k: v for k, v in figures.items()
+                                          if "_total" in k and v and k not in counted[name]})
                 self.assertEqual(3 if lost else 0, result.returncode, result.stderr)
                 self.assertEqual((2, 0, {"warning": 2} if why else {}), result.summary())
                 self.assertEqual(lost, result.lost())

@@ -8,7 +8,7 @@ import os
 import time
 import unittest
 
-from host_harness import SMTP_AGENT, SmtpSpoolTest, channel_config, group
+from host_harness import SMTP_AGENT, SmtpSpoolTest, channel_config, group, metric_sum, read_metrics
 
 TOKENS = '<Token name="n" xpath="/e/@n"/>'
 
@@ -20,10 +20,10 @@ def event(n):
 class SmtpHostTest(SmtpSpoolTest):
     """What the tests below share; two classes, so that CTest runs them side by side."""
 
-    def run_host(self, url, **extra):
+    def run_host(self, url, args=(), **extra):
         """osk-host with the SMTP agent, its event stream opened."""
         params = [("url", url), ("starttls", "no"), ("spool", self.spool)] + list(extra.items())
-        host = self.live_host(channel_config(SMTP_AGENT, params, group("alert %n%", 1), tokens=TOKENS))
+        host = self.live_host(channel_config(SMTP_AGENT, params, group("alert %n%", 1), tokens=TOKENS), args)
         host.send('<?xml version="1.0"?>\n<Events>\n')
         return host
 
@@ -63,20 +63,46 @@ class SmtpHostTest(SmtpSpoolTest):
 
 
 class OutageTest(SmtpHostTest):
+    def check_metrics(self, events):
+        """The host's and the agent's metrics files, once they tell of `events` events and of
+        the spool as it is: what arrived, what waits and since when."""
+        host_file, agent_file = self.dir / "host.prom", self.dir / "agent.prom"
+        self.assertTrue(self.run.wait_for(
+            lambda: read_metrics(host_file)["osk_host_events_read_total"] == events
+            and read_metrics(agent_file)["email_agent_spool_waiting"] == self.waiting()))
+        written, host, agent = agent_file.stat().st_mtime, read_metrics(host_file), read_metrics(agent_file)
+        waiting = sorted((self.spool / "new").glob("*"))
+        # A mail the server took as it died arrived without being counted delivered.
+        self.assertIn(self.server.count() - agent["email_agent_delivered_total"], (0, 1))
+        self.assertEqual(agent["email_agent_delivered_total"], agent["email_agent_delivery_seconds_count"])
+        self.assertAlmostEqual(written - int(waiting[0].name.split(".")[0]) if waiting else 0,
+                               agent["email_agent_spool_oldest_age_seconds"], delta=1.5)
+        # Each kept alert is one warning of the channel; nothing is lost.
+        self.assertEqual((events, 0, 0), (host["osk_host_alerts_sent_total"], host["osk_host_alerts_lost_total"],
+                                          metric_sum(agent, "email_agent_lost_total")))
+        self.assertEqual(host.get('osk_host_reports_total{severity="warning"}', 0),
+                         metric_sum(agent, "email_agent_spooled_total"))
+        return agent
+
     def test_server_stopped_and_restarted_during_a_thousand_alerts(self):
         server = self.server
-        run = self.run_host(server.url, timeout="2")
+        self.run = run = self.run_host(server.url, args=["--metrics", self.dir / "host.prom"], timeout="2",
+                                       metrics=self.dir / "agent.prom")
         self.feed(run, 0, 300)
         # The server dies with about 300 through; the next 400 come during
         # its absence, the last 300 after its return.
         self.assertTrue(run.wait_for(lambda: server.count() >= 250))
         server.stop()
         self.feed(run, 300, 400)
-        # Every alert so far went through or waits.
+        # Every alert so far went through or waits, and the metrics say so.
         self.assertTrue(run.wait_for(lambda: self.waiting() + server.count() >= 700))
+        during = self.check_metrics(700)
+        self.assertEqual(self.waiting(), metric_sum(during, "email_agent_spooled_total"))
+        self.assertEqual(self.waiting(), during['email_agent_spooled_total{reason="connect"}'])
         server.start()
         self.feed(run, 700, 300)
         self.assertEqual(0, run.finish("</Events>\n"), run.stderr())
+        self.assertEqual(0, self.check_metrics(1000)["email_agent_spool_waiting"])
         self.send_one_more(server.url, 1000)
         # The one mail that may come twice: taken by the server as it died.
         self.check_arrivals(range(1001), duplicates_allowed=1)
