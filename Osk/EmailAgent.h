@@ -36,6 +36,13 @@
 //   Such an agent tells of held mail that failed to go out with its answer
 //   to the next mail, as kept (even when that mail was delivered), unless
 //   the next mail itself is lost.
+// - An agent that queues first (the SMTP and Graph agents with queue=yes)
+//   returns normally once the mail is durably in its spool: like a relay
+//   answering 250, it has taken responsibility for the delivery, and the
+//   caller counts the alert as delivered. Every later failure (a refusal, a
+//   mail moved to failed/) is the agent's to report, on standard error; the
+//   spool's guarantees (nothing lost to a crash, the drain before exit)
+//   stand behind it. Mail the spool cannot take is lost, as above.
 //
 // A call with a null `message` and an empty `to` is a check, made by
 // `osk-host --check`: the agent reads `params` as it would for a delivery

@@ -70,7 +70,12 @@ DeliveryEngine::DeliveryEngine(const EngineSettings& settings,
                  : new Spool(settings_.spool, settings_.agent + ": parameter \"spool\"")),
       transport_(transports_->make(&stopping_)),
       nextPass_(_idle),
-      backoff_(settings_.retryFirst) {
+      backoff_(settings_.retryFirst),
+      holdUntil_(Clock::time_point::min()) {
+    if (settings_.queue && !spool_) {
+        TAMTK_THROW(AgentParamException, _source,
+                    settings_.agent << ": parameter \"queue\" needs a \"spool\"");
+    }
     if (spool_ && spool_->unfinished() && spool_->tryLock()) {
         spool_->removeLeftovers();
         spool_->unlock();
@@ -192,6 +197,11 @@ void DeliveryEngine::send(const std::string& from, const std::vector<std::string
     // carries the Message-ID of the first attempt.
     SpooledMessage spooled{from, to, missingHeaders(message) + message, std::time(nullptr)};
 
+    if (settings_.queue) {
+        enqueue(spooled);
+        return;  // accepted, as a relay's 250: what follows is the engine's to report
+    }
+
     // While the server is known to be down or hung, new messages join the
     // spool at once: only the retry thread finds out when it is back.
     std::string downSince;
@@ -228,13 +238,29 @@ void DeliveryEngine::send(const std::string& from, const std::vector<std::string
     }
     if (!settled.temporary.empty() && settled.spoolError.empty() && spool_) {
         noteSpooled(result.connectionFailure, result.configurationFault,
-                    settled.temporary.front().reason);
+                    settled.temporary.front().reason, result.leastPause);
     }
     const std::string text = wording_.settled(settled, to.size(), result.relay);
     if (settled.lost(spool_ != nullptr)) {
         TAMTK_THROW(LostException, _source, text);
     }
     TAMTK_THROW(KeptException, _source, text);
+}
+
+void deliverThrough(const std::function<DeliveryEngine&()>& find, const Tamnet::EmailAddr& from,
+                    const EmailChannel::ToList& to, const char* message) {
+    DeliveryEngine* found = nullptr;
+    try {
+        found = &find();
+    } catch (const Tamtk::Exception& e) {
+        throwLost(e);  // no agent for these parameters: nothing can keep the mail
+    }
+    std::vector<std::string> recipients;
+    recipients.reserve(to.size());
+    for (const Tamnet::EmailAddr& r : to) {
+        recipients.push_back(r.asPlainString(false));
+    }
+    found->send(from.asPlainString(false), recipients, message);
 }
 
 Settled DeliveryEngine::settle(const SpooledMessage& message, const Attempt& attempt,
@@ -283,11 +309,34 @@ Settled DeliveryEngine::settle(const SpooledMessage& message, const Attempt& att
     return s;
 }
 
-void DeliveryEngine::noteSpooled(bool connectionFailure, bool configurationFault,
-                                 const std::string& reason) {
+void DeliveryEngine::enqueue(const SpooledMessage& message) {
+    try {
+        spool_->put(message);
+    } catch (const Tamtk::Exception& e) {
+        metrics_.count(AgentMetrics::Outcome::Lost, Cause::Disk);
+        TAMTK_THROW(LostException, _source, wording_.notQueued(e.what()));
+    }
     {
         std::lock_guard<std::mutex> lock(stateMutex_);
-        if (connectionFailure) {
+        // While the server is down the mail waits for the next pass due,
+        // like the rest; otherwise it goes out now, not at the backoff's pace.
+        if (!serverDown_) {
+            kick_ = true;
+        } else if (nextPass_ == _idle) {
+            nextPass_ = Clock::now() + backoff_;
+        }
+    }
+    wake_.notify_all();
+}
+
+void DeliveryEngine::noteSpooled(bool connectionFailure, bool configurationFault,
+                                 const std::string& reason, std::chrono::milliseconds leastPause) {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex_);
+        if (leastPause.count() > 0) {
+            holdUntil_ = std::max(holdUntil_, Clock::now() + leastPause);
+        }
+        if (connectionFailure || leastPause.count() > 0) {
             serverDown_ = true;
             lastFailure_ = reason;
         }
@@ -320,11 +369,13 @@ void DeliveryEngine::noteDelivered() {
 void DeliveryEngine::retryLoop() {
     std::unique_lock<std::mutex> lock(stateMutex_);
     while (!stopping_) {
-        if (!kick_ && Clock::now() < nextPass_) {
-            if (nextPass_ == _idle) {
+        // A kick does not cut short a pause the server asked for.
+        const Clock::time_point due = std::max(kick_ ? Clock::now() : nextPass_, holdUntil_);
+        if (Clock::now() < due) {
+            if (due == _idle) {
                 wake_.wait(lock);
             } else {
-                wake_.wait_until(lock, nextPass_);
+                wake_.wait_until(lock, due);
             }
             continue;
         }
@@ -351,8 +402,14 @@ void DeliveryEngine::retryLoop() {
         if (pass.configurationFault) {
             backoff_ = settings_.retryMax;
         }
-        nextPass_ = Clock::now() + backoff_;
-        backoff_ = std::min(backoff_ * 2, settings_.retryMax);
+        if (pass.leastPause.count() > 0) {
+            // The server said when: no guessing, and no longer pause after.
+            holdUntil_ = std::max(holdUntil_, Clock::now() + pass.leastPause);
+            nextPass_ = holdUntil_;
+        } else {
+            nextPass_ = Clock::now() + backoff_;
+            backoff_ = std::min(backoff_ * 2, settings_.retryMax);
+        }
         serverDown_ = pass.unreachable;
         if (pass.unreachable) {
             lastFailure_ = pass.reason;
@@ -369,7 +426,7 @@ DeliveryEngine::DrainResult DeliveryEngine::drain(std::chrono::milliseconds budg
     if (pass.result.delivered > 0 && !pass.unreachable) {
         noteDelivered();
     } else if (pass.unreachable) {
-        noteSpooled(true, pass.configurationFault, pass.reason);
+        noteSpooled(true, pass.configurationFault, pass.reason, pass.leastPause);
     }
     return pass.result;
 }
@@ -395,6 +452,12 @@ DeliveryEngine::Pass DeliveryEngine::drainPass(Clock::time_point deadline, bool 
         ~Unlock() { spool.unlock(); }
     } unlock{*spool_};
 
+    if (!waitForPause(deadline, background)) {
+        pass.unreachable = true;
+        pass.reason = "the server asked for a pause";
+        pass.result.waiting = spool_->pending().size();
+        return pass;
+    }
     const std::vector<std::string> names = spool_->pending();
     std::atomic<std::size_t> next{0};
     std::atomic<bool> stopTaking{false};
@@ -436,6 +499,25 @@ DeliveryEngine::Pass DeliveryEngine::drainPass(Clock::time_point deadline, bool 
     }
     pass.result.waiting = spool_->pending().size();
     return pass;
+}
+
+bool DeliveryEngine::waitForPause(Clock::time_point deadline, bool background) {
+    for (;;) {
+        Clock::time_point hold;
+        {
+            std::lock_guard<std::mutex> lock(stateMutex_);
+            hold = holdUntil_;
+        }
+        const Clock::time_point now = Clock::now();
+        if (now >= hold) {
+            return true;
+        }
+        if (hold > deadline || (background && (stopping_ || drainsWaiting_ > 0))) {
+            return false;
+        }
+        std::this_thread::sleep_for(
+            std::min<Clock::duration>(hold - now, std::chrono::milliseconds(20)));
+    }
 }
 
 bool DeliveryEngine::take(const std::string& name, SpooledMessage& message, Pass& pass,
@@ -485,6 +567,9 @@ void DeliveryEngine::drainWorker(const std::vector<std::string>& names,
             if (settled.complete() && !abort) {
                 std::lock_guard<std::mutex> lock(stateMutex_);
                 serverDown_ = false;  // new mail may go out directly again
+            } else if (result.leastPause.count() > 0) {
+                std::lock_guard<std::mutex> lock(stateMutex_);
+                holdUntil_ = std::max(holdUntil_, Clock::now() + result.leastPause);
             }
             std::lock_guard<std::mutex> lock(passMutex);
             if (settled.complete()) {
@@ -494,9 +579,14 @@ void DeliveryEngine::drainWorker(const std::vector<std::string>& names,
             if (settled.temporary.empty() && settled.failedError.empty()) {
                 ++pass.result.failed;
             }
-            pass.result.problems.push_back(
-                names[i] + ": " + wording_.settled(settled, message.to.size(), result.relay));
-            if (result.connectionFailure) {
+            const std::string text = wording_.settled(settled, message.to.size(), result.relay);
+            pass.result.problems.push_back(names[i] + ": " + text);
+            if (settings_.queue && !settled.permanent.empty()) {
+                // No caller hears of queued mail: the operator must.
+                pass.quarantined.push_back(text);
+            }
+            pass.leastPause = std::max(pass.leastPause, result.leastPause);
+            if (result.connectionFailure || result.leastPause.count() > 0) {
                 // The destination is down: the rest waits for the next pass.
                 pass.unreachable = true;
                 pass.configurationFault = result.configurationFault;

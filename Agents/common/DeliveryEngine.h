@@ -26,6 +26,11 @@
 //   the lock is left alone). A spooled file that is not spooled mail, or
 //   whose envelope could not be sent, is moved to failed/ as it is and
 //   reported, never sent.
+// - Queue-first (EngineSettings::queue): send() only puts the mail in the
+//   spool and starts a background pass at once; it returns once the mail is
+//   safe there. What becomes of it later goes to standard error.
+// - A pause the server asks for (Attempt::leastPause) holds back every
+//   attempt of the engine, in sending and in retrying, until it has passed.
 // - Every outcome is counted (AgentMetrics.h); publishMetrics() writes the
 //   counts with the spool's figures to a file while the engine lives.
 // - When the engine is destroyed, the background stops and what waits gets
@@ -37,6 +42,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -48,6 +54,7 @@
 #include "Agents/common/AgentParams.h"
 #include "Agents/common/DeliveryWording.h"
 #include "Agents/common/Transport.h"
+#include "Osk/EmailAgent.h"
 
 namespace Osk {
 namespace EmailAgents {
@@ -67,6 +74,9 @@ struct EngineSettings {
     // starts. Off for a caller that drains the spool itself and wants every
     // outcome in its own result.
     bool retryAtStart = true;
+    // Deliver in the background only: send() returns once the mail is
+    // spooled. Needs a spool.
+    bool queue = false;
 };
 
 class DeliveryEngine {
@@ -79,7 +89,8 @@ public:
         std::vector<std::string> problems;  // one text per mail not delivered
     };
 
-    // Refuses a spool folder others may write to (AgentParamException),
+    // Refuses a spool folder others may write to, and queue without a spool
+    // (AgentParamException);
     // removes what a crash left in the spool's tmp/ and starts the retry
     // thread; a spool left by an earlier run is retried at once.
     DeliveryEngine(const EngineSettings& settings, std::unique_ptr<TransportFactory> transports);
@@ -112,6 +123,7 @@ private:
         DrainResult result;
         bool unreachable = false;  // the destination could not be reached
         bool configurationFault = false;
+        std::chrono::milliseconds leastPause{0};  // the longest one asked for
         std::string reason;
         std::vector<std::string> quarantined;  // reports of files moved to failed/
     };
@@ -135,7 +147,13 @@ private:
     void retryLoop();
     // Counts what an attempt came to; `retried`: the mail came from the spool.
     void countSettled(const Settled& settled, const Attempt& attempt, double seconds, bool retried);
-    void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason);
+    void noteSpooled(bool connectionFailure, bool configurationFault, const std::string& reason,
+                     std::chrono::milliseconds leastPause = std::chrono::milliseconds(0));
+    // Queue-first: keeps the mail in the spool and starts a pass.
+    void enqueue(const SpooledMessage& message);
+    // Waits out a pause the server asked for; false when it lasts past
+    // `deadline` (or a background pass must give way first).
+    bool waitForPause(Clock::time_point deadline, bool background);
     void noteDelivered();
     void finishRun();
 
@@ -157,11 +175,18 @@ private:
     Clock::time_point nextPass_;
     std::chrono::milliseconds backoff_;
     bool serverDown_ = false;
+    Clock::time_point holdUntil_;  // no attempt before: the server's pause
     std::string lastFailure_;
     std::thread retryThread_;
     AgentMetrics metrics_;
     std::unique_ptr<Tamtk::MetricsFile> metricsFile_;
 };
+
+// A plug-in's delivery: the engine `find` returns (what it throws is a
+// loss: no engine, nothing keeps the mail) sends the channel's mail to the
+// plain addresses of `to`.
+void deliverThrough(const std::function<DeliveryEngine&()>& find, const Tamnet::EmailAddr& from,
+                    const EmailChannel::ToList& to, const char* message);
 
 // One engine per parameter set, made on first use and kept for the life of
 // the process (so that its spool is drained when the process ends).

@@ -71,6 +71,10 @@ std::string DeliveryWording::lostWhileDown(const std::string& downSince,
            ") and the spool could not take the message (" + spoolError + "); the alert is lost";
 }
 
+std::string DeliveryWording::notQueued(const std::string& spoolError) const {
+    return head() + "the spool could not take the message (" + spoolError + "); the alert is lost";
+}
+
 std::string DeliveryWording::settled(const Settled& s, std::size_t recipients,
                                      const std::string& where) const {
     std::ostringstream out;

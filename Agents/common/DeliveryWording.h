@@ -49,6 +49,9 @@ public:
     std::string keptWhileDown(const std::string& downSince) const;
     std::string lostWhileDown(const std::string& downSince, const std::string& spoolError) const;
 
+    // Queue-first mail the spool could not take.
+    std::string notQueued(const std::string& spoolError) const;
+
     // The outcome of an attempt at mail for `recipients` addresses, settled.
     std::string settled(const Settled& s, std::size_t recipients, const std::string& where) const;
 

@@ -5,6 +5,7 @@
 // knows nothing of spools, retries or what the caller is told.
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,6 +39,9 @@ struct Attempt {
     // changes (no STARTTLS where it is required, a certificate that does not
     // verify): retried at the longest pause, not in a loop.
     bool configurationFault = false;
+    // The server asked for a pause (an HTTP Retry-After): the agent sends it
+    // nothing, of any mail, before it has passed. Zero: none asked for.
+    std::chrono::milliseconds leastPause{0};
     // New connections this attempt opened (0 when an open one was reused).
     long connections = 0;
     // Where this outcome comes from (a relay's URL), for the reports.

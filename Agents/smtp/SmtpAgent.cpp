@@ -32,6 +32,7 @@ EngineSettings _engineSettings(const SmtpSettings& smtp) {
     settings.spool = smtp.spool;
     settings.drainMs = smtp.drainMs;
     settings.connections = smtp.connections;
+    settings.queue = smtp.queue;
     settings.retryFirst = smtp.retryFirst;
     settings.retryMax = smtp.retryMax;
     settings.retryAtStart = smtp.retryAtStart;

@@ -10,6 +10,8 @@
 
 #include <curl/curl.h>
 
+#include "Agents/common/EngineParams.h"
+
 namespace Osk {
 namespace EmailAgents {
 
@@ -100,6 +102,7 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
                                       "spool",
                                       "drain",
                                       "connections",
+                                      "queue",
                                       "metrics"};
     known.insert(known.end(), oauth2ParamNames().begin(), oauth2ParamNames().end());
     const ParamReader reader("SMTP agent", params, known);
@@ -188,11 +191,11 @@ SmtpSettings SmtpSettings::fromParams(const Params& params) {
                     "allow_plaintext_auth=yes on a trusted test network");
     }
 
-    if (reader.has("spool")) {
-        s.spool = reader.required("spool");
-    }
-    s.drainMs = reader.milliseconds("drain", 30, 3600, true);
-    s.connections = static_cast<unsigned>(reader.integer("connections", 2, 1, 16));
+    const EngineParams engine = readEngineParams(reader);
+    s.spool = engine.spool;
+    s.drainMs = engine.drainMs;
+    s.connections = engine.connections;
+    s.queue = engine.queue;
     return s;
 }
 

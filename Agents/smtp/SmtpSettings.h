@@ -37,6 +37,7 @@ struct SmtpSettings {
     std::string spool;         // "spool": directory; empty: none
     long drainMs = 30000;      // "drain": seconds spent on the spool at exit; 0: none
     unsigned connections = 2;  // "connections": parallel connections draining the spool
+    bool queue = false;        // "queue": a delivery ends once the mail is spooled
 
     // Not parameters: how spooled messages are retried, and whether one
     // connection serves many messages. Tests and benchmarks change them.

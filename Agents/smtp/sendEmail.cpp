@@ -66,22 +66,6 @@ void _probeRelays(const SmtpSettings& settings, CheckWarnings& warnings) {
     }
 }
 
-void _deliver(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
-              const char* message, const Params& params) {
-    SmtpAgent* found = nullptr;
-    try {
-        found = &smtpAgentFor(params);
-    } catch (const Tamtk::Exception& e) {
-        throwLost(e);  // no agent for these parameters: nothing can keep the mail
-    }
-    std::vector<std::string> recipients;
-    recipients.reserve(to.size());
-    for (const Tamnet::EmailAddr& r : to) {
-        recipients.push_back(r.asPlainString(false));
-    }
-    found->send(from.asPlainString(false), recipients, message);
-}
-
 }  // namespace
 
 OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailChannel::ToList& to,
@@ -98,5 +82,8 @@ OSK_AGENT_EXPORT void sendEmail(const Tamnet::EmailAddr& from, const Osk::EmailC
                       _probeRelays(_checked(params, warnings), warnings);
                       warnings.raise();
                   },
-                  [&] { _deliver(from, to, message, params); }});
+                  [&] {
+                      deliverThrough([&]() -> DeliveryEngine& { return smtpAgentFor(params); },
+                                     from, to, message);
+                  }});
 }

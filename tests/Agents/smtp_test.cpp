@@ -462,6 +462,7 @@ TEST(SmtpSettings, ParametersAreCheckedAndSecretsNeverShown) {
         {{{"url", "smtp://h"}, {"username", "u"}, {"password_file", dir / "none"}},
          {"\"password_file\"", "cannot be read"}},
         {{{"url", "smtp://h"}, {"spol", "/x"}}, {"unknown parameter \"spol\"", "spool"}},
+        {{{"url", "smtp://h"}, {"queue", "yes"}}, {"\"queue\"", "without \"spool\""}},
         {{{"url", "smtp://h"}, {"tls_min_version", "1.1"}}, {"\"tls_min_version\"", "1.2, 1.3"}},
         {{{"url", "smtp://h"}, {"client_key", dir / "k"}}, {"\"client_key\" is given without"}},
         {{{"url", "smtp://h"},

@@ -19,7 +19,8 @@ Scripted: a recipient "r450.x@..." or "r550.x@..." (any 4xx/5xx code) is
 refused with that code; a header line "X-Test-Reply: 451 text" is the reply
 to DATA; --mail-reply answers every MAIL FROM; --echo-auth quotes a refused
 AUTH PLAIN's Base64 string in the 535 reply, as careless servers do; --delay SECONDS answers each
-message later (other connections go on); with --die-once FILE, a message with
+message later (other connections go on), --command-delay SECONDS each MAIL, RCPT
+and DATA command; with --die-once FILE, a message with
 a line "X-Test-Die: yes" is recorded, then the server exits unanswered, as if
 it crashed, and FILE keeps a restarted server from doing it again.
 --oauth2 PUBLIC_KEY STATE requires an XOAUTH2 or OAUTHBEARER sign-in with a
@@ -54,6 +55,7 @@ class Handler:
             print(line, file=self.file, flush=True)
 
     async def handle_MAIL(self, server, session, envelope, address, mail_options):
+        await asyncio.sleep(self.args.command_delay)
         if self.args.mail_reply:
             return self.args.mail_reply
         envelope.mail_from = address
@@ -61,6 +63,7 @@ class Handler:
         return "250 OK"
 
     async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
+        await asyncio.sleep(self.args.command_delay)
         m = _RCPT_CODE.match(address)
         if m and m.group(1)[0] in "45":
             code = m.group(1)
@@ -70,6 +73,7 @@ class Handler:
         return "250 OK"
 
     async def handle_DATA(self, server, session, envelope):
+        await asyncio.sleep(self.args.command_delay)
         data = envelope.original_content
         m = _DATA_REPLY.search(data)
         if m:
@@ -123,6 +127,8 @@ def main():
     parser.add_argument("--mail-reply", help="reply to every MAIL FROM, e.g. \"451 busy\"")
     parser.add_argument("--delay", type=float, default=0.0,
                         help="seconds before each message is answered")
+    parser.add_argument("--command-delay", type=float, default=0.0,
+                        help="seconds before MAIL, RCPT and DATA are each answered")
     parser.add_argument("--oauth2", nargs=2, metavar=("PUBLIC_KEY", "STATE"),
                         help="the token endpoint's public key and --state folder")
     parser.add_argument("--idle-timeout", type=float, default=300.0,

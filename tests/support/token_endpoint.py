@@ -191,9 +191,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--state", required=True, help="folder of requests, control.json, revoked")
     parser.add_argument("--signing-key", required=True, help="RSA private key (PEM) for tokens")
-    parser.add_argument("--port", type=int, default=0)
-    parser.add_argument("--cert", help="TLS certificate (PEM); plain http without it")
-    parser.add_argument("--key", help="its private key (PEM)")
+    server_arguments(parser)
     parser.add_argument("--client-id", default="test-client")
     parser.add_argument("--secret-file", help="file whose first line is the client secret")
     parser.add_argument("--client-cert", help="the client's registered certificate (PEM)")
@@ -202,7 +200,20 @@ def main():
     parser.add_argument("--lifetime", type=int, default=3600, help="seconds an access token lasts")
     args = parser.parse_args()
 
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), handler_for(Endpoint(args)))
+    serve(handler_for(Endpoint(args)), args)
+
+
+def server_arguments(parser):
+    """The options serve() reads."""
+    parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--cert", help="TLS certificate (PEM); plain http without it")
+    parser.add_argument("--key", help="its private key (PEM)")
+
+
+def serve(handler, args):
+    """Serves `handler` on 127.0.0.1 (args.port, TLS with args.cert and
+    args.key when given) until standard input closes."""
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", args.port), handler)
     server.daemon_threads = True
     server.handle_error = lambda *args: None  # clients the tests cut off or kill
     if args.cert:

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "Agents/common/oauth2/HttpsOptions.h"
 #include "Agents/common/oauth2/OAuth2Exceptions.h"
 
 namespace Osk {
@@ -77,16 +78,8 @@ TokenResponse requestToken(const OAuth2Settings& settings, const Form& form) {
     const std::string body = _encode(c, form);
     std::string answer;
     char error[CURL_ERROR_SIZE] = "";
-    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, context.allowPlaintextAuth ? "https,http" : "https");
+    setHttpsOptions(c, url, context);
     curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
-    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, context.timeoutMs);
-    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, context.verifyPeer ? 1L : 0L);
-    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, context.verifyPeer ? 2L : 0L);
-    if (!context.caFile.empty()) {
-        curl_easy_setopt(c, CURLOPT_CAINFO, context.caFile.c_str());
-    }
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, _collect);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &answer);
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, error);
