@@ -22,8 +22,11 @@ struct EngineParams {
     bool queue = false;
 };
 
-// The names readEngineParams reads, for the agent's own list of known names.
-const char* const engineParamNames[] = {"timeout", "spool", "drain", "connections", "queue"};
+// The names of the engine's parameters, for the agent's own list of known
+// names: those readEngineParams reads, and "metrics", the file the
+// engine's registry keeps its figures in.
+const char* const engineParamNames[] = {"timeout",     "spool", "drain",
+                                        "connections", "queue", "metrics"};
 
 // Throws AgentParamException (through `reader`) for a bad value, and for
 // queue=yes without a spool.
