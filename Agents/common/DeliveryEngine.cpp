@@ -121,6 +121,7 @@ std::string DeliveryEngine::metricsText() const {
     out.single("email_agent_spool_oldest_age_seconds", "gauge",
                "Age of the oldest mail waiting in the spool; 0 when none waits.",
                oldest > 0 ? oldest : 0);
+    transports_->writeMetrics(out);
     return out.str();
 }
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Toolkit/Metrics.h"
+
 namespace Osk {
 namespace EmailAgents {
 
@@ -65,6 +67,8 @@ class TransportFactory {
 public:
     virtual ~TransportFactory() {}
     virtual std::unique_ptr<Transport> make(const std::atomic<bool>* abort) const = 0;
+    // Figures of what the transports share (a token), beside the engine's.
+    virtual void writeMetrics(Tamtk::MetricsText&) const {}
 };
 
 }  // namespace EmailAgents

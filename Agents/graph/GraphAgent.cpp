@@ -20,6 +20,7 @@ public:
     std::unique_ptr<Transport> make(const std::atomic<bool>* abort) const override {
         return std::unique_ptr<Transport>(new GraphTransport(settings_, tokens_, pause_, abort));
     }
+    void writeMetrics(Tamtk::MetricsText& out) const override { tokens_.writeMetrics(out); }
 
 private:
     const GraphSettings settings_;

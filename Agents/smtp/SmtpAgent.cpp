@@ -19,6 +19,11 @@ public:
     std::unique_ptr<Transport> make(const std::atomic<bool>* abort) const override {
         return std::unique_ptr<Transport>(new Relays(settings_, abort, tokens_.get()));
     }
+    void writeMetrics(Tamtk::MetricsText& out) const override {
+        if (tokens_) {
+            tokens_->writeMetrics(out);
+        }
+    }
 
 private:
     const SmtpSettings settings_;  // the sessions keep a reference to it

@@ -46,6 +46,7 @@ std::string TokenCache::get() {
     lock.lock();
     fetching_ = false;
     ++fetches_;
+    failures_ += failure ? 1 : 0;
     failure_ = failure;
     if (!failure) {
         // The lifetime counts from the request, not from its answer.
@@ -83,6 +84,24 @@ bool TokenCache::signIn(const std::function<bool(const std::string& token)>& att
     }
     invalidate(first);
     return attempt(get());
+}
+
+TokenCache::Counts TokenCache::counts() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Counts counts;
+    counts.fetches = fetches_;
+    counts.failures = failures_;
+    return counts;
+}
+
+void TokenCache::writeMetrics(Tamtk::MetricsText& out) {
+    const Counts now = counts();
+    out.single("email_agent_token_fetches_total", "counter",
+               "Requests for an OAuth2 access token, answered or not.",
+               static_cast<double>(now.fetches));
+    out.single("email_agent_token_fetch_failures_total", "counter",
+               "Requests for an OAuth2 access token that brought none.",
+               static_cast<double>(now.failures));
 }
 
 }  // namespace EmailAgents

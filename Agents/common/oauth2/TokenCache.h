@@ -28,6 +28,8 @@
 #include <mutex>
 #include <string>
 
+#include "Toolkit/Metrics.h"
+
 namespace Osk {
 namespace EmailAgents {
 
@@ -62,6 +64,15 @@ public:
     // one. Returns what the last run returned.
     bool signIn(const std::function<bool(const std::string& token)>& attempt);
 
+    // Fetches from the token source so far, and how many of them failed.
+    struct Counts {
+        unsigned long fetches = 0;
+        unsigned long failures = 0;
+    };
+    Counts counts();
+    // Writes the counts in the Prometheus text format.
+    void writeMetrics(Tamtk::MetricsText& out);
+
 private:
     typedef std::chrono::steady_clock Clock;
 
@@ -73,6 +84,7 @@ private:
     Clock::time_point renewAt_;
     bool fetching_ = false;
     unsigned long fetches_ = 0;   // fetches finished, with or without a token
+    unsigned long failures_ = 0;  // of those, the ones that brought none
     std::exception_ptr failure_;  // why the last one failed
 };
 

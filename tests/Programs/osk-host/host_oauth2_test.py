@@ -15,7 +15,7 @@ import unittest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.asymmetric import rsa
 
-from host_harness import OSK_SPOOL, SMTP_AGENT, SmtpServer, channel_config, group, run
+from host_harness import OSK_SPOOL, SMTP_AGENT, SmtpServer, channel_config, group, read_metrics, run
 from host_smtp_test import TOKENS, SmtpHostTest
 
 SUPPORT = pathlib.Path(__file__).parents[2] / "support"
@@ -81,6 +81,12 @@ class OAuth2HostTest(SmtpHostTest):
         path = self.state / "requests"
         return path.read_text().splitlines() if path.exists() else []
 
+    def token_figures(self, path):
+        """(fetches, failed fetches) as the agent's metrics file counts them."""
+        figures = read_metrics(path)
+        return (figures["email_agent_token_fetches_total"],
+                figures["email_agent_token_fetch_failures_total"])
+
     def assert_no_secret(self, *texts):
         """Neither the client secrets nor any token appears in `texts` or in the spool."""
         secrets = [SECRET, WRONG] + [token for _, token in tokens(self.server)]
@@ -95,7 +101,8 @@ class TokenLifeTest(OAuth2HostTest):
 
     def test_a_thousand_alerts_share_one_token_per_lifetime(self):
         started = time.monotonic()
-        host = self.run_oauth2()
+        metrics = self.dir / "agent.prom"
+        host = self.run_oauth2(metrics=str(metrics))
         self.feed(host, 0, 1000, per_second=250)
         self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
         elapsed = time.monotonic() - started
@@ -105,6 +112,7 @@ class TokenLifeTest(OAuth2HostTest):
         self.assertTrue(all(r == "client_credentials 200" for r in requests), requests)
         self.assertLessEqual(len(requests), elapsed / 1.8 + 3, (elapsed, requests))
         self.assertGreaterEqual(len(requests), int(elapsed / 2), (elapsed, requests))
+        self.assertEqual((len(requests), 0), self.token_figures(metrics))
         self.assertTrue(all(ok for ok, _ in tokens(self.server)))
         self.assert_no_secret(host.stderr())
 
@@ -128,10 +136,12 @@ class RefusalTest(OAuth2HostTest):
 
     def test_a_refused_client_waits_in_the_spool_until_fixed(self):
         self.secret_file.write_text(WRONG + "\n")
-        host = self.run_oauth2(drain="0")
+        metrics = self.dir / "agent.prom"
+        host = self.run_oauth2(drain="0", metrics=str(metrics))
         self.feed(host, 0, 50, per_second=10)
         self.assertEqual(0, host.finish("</Events>\n"), host.stderr())
         self.assertEqual(50, self.waiting())
+        self.assertEqual((len(self.requests()),) * 2, self.token_figures(metrics))
         self.assertIn('error "invalid_client": "unknown client"', host.stderr())
         self.assertIn(self.endpoint_url, host.stderr())
         # Five seconds of alerts: the endpoint asked once, not per alert nor per backoff step.
