@@ -196,6 +196,35 @@ TEST_F(Graph, QueuedMailSurvivesAKillAndGoesOutOnceAfterARestart) {
     EXPECT_EQ(restarted->waiting(), 0u);
 }
 
+// The outage run: while Graph cannot be reached a thousand alerts wait in the
+// spool, kept; the next run, with Graph back, delivers them and one more, each
+// once.
+TEST_F(Graph, AlertsOfAnOutageArriveOnceEachInTheNextRun) {
+    GraphSettings down = GraphSettings::fromParams(params());
+    down.retryFirst = std::chrono::minutes(5);
+    graph_.reset();
+    {
+        const std::unique_ptr<DeliveryEngine> first = makeGraphAgent(down);
+        for (int i = 0; i < 1000; ++i) {
+            try {
+                first->send(from, {"ops@example.com"}, mail(i).c_str());
+                ADD_FAILURE() << "alert " << i << " delivered while Graph is down";
+            } catch (...) {
+                ASSERT_TRUE(Osk::EmailChannel::alertKept(std::current_exception())) << i;
+            }
+        }
+        EXPECT_EQ(first->waiting(), 1000u);
+    }
+    startGraph();
+    const std::unique_ptr<DeliveryEngine> second = agent(false, std::chrono::milliseconds(100));
+    second->send(from, {"ops@example.com"}, mail(1000).c_str());
+    ASSERT_TRUE(waitFor([&] { return arrived().size() == 1001; }, 120)) << arrived().size();
+    for (const auto& subject : arrived()) {
+        EXPECT_EQ(subject.second.size(), 1u) << subject.first;
+    }
+    EXPECT_EQ(second->waiting(), 0u);
+}
+
 TEST_F(Graph, AThousandQueuedAlertsThroughThrottlingArriveOnceEachAndWhole) {
     control("{\"throttle_every\": 97, \"retry_after\": \"1\"}");
     const std::unique_ptr<DeliveryEngine> queued = agent(true, std::chrono::milliseconds(100));
